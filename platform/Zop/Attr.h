@@ -1,0 +1,188 @@
+#pragma once
+// Notifying collection attributes: the storage of one entity attribute and
+// the rule of when it notifies, written once and used by every entity.
+//
+// An entity declares its Notifiee with one handler per attribute, then one
+// attribute member constructed with that handler, and forwards its generated
+// operations to it:
+//
+//   class Coll : public Zop::PtrInterface {
+//    public:
+//      class Notifiee : public Zop::BaseNotifiee<Coll> {
+//       public:
+//         virtual void handleMember(const Key&) {}
+//      };
+//      void memberIs(const Key& k) { member_.is(*this, k); }
+//      void memberDel(const Key& k) { member_.del(*this, k); }
+//      Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+//    private:
+//      Zop::NotifierList<Notifiee> notifiees_;
+//      Zop::HashSetAttr<Coll, Key> member_{&Notifiee::handleMember};
+//   };
+//
+// Rules shared by all: `is` notifies only on a real change (new key, or a
+// value that differs); `del` notifies only when the key was present, after
+// removing it; `delAll` removes members one at a time, each removal notifying.
+// Handlers run after the change, so they see the new state.
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+
+#include "Zop/Notifier.h"
+
+namespace Zop {
+
+template <class E, class K, class Hash = std::hash<K>>
+class HashSetAttr {
+public:
+   using Handler = void (E::Notifiee::*)(const K&);
+   using Set = std::unordered_set<K, Hash>;
+   explicit HashSetAttr(Handler h) : handler_(h) {}
+
+   bool is(E& owner, const K& k) {
+      if (!set_.insert(k).second) {
+         return false;
+      }
+      notify(owner, k);
+      return true;
+   }
+   bool del(E& owner, const K& k) {
+      auto it = set_.find(k);
+      if (it == set_.end()) {
+         return false;
+      }
+      K key = *it;
+      set_.erase(it);
+      notify(owner, key);
+      return true;
+   }
+   void delAll(E& owner) {
+      while (!set_.empty()) {
+         del(owner, *set_.begin());
+      }
+   }
+
+   bool has(const K& k) const { return set_.count(k) != 0; }
+   size_t size() const { return set_.size(); }
+   bool empty() const { return set_.empty(); }
+   const Set& members() const { return set_; }
+   typename Set::const_iterator begin() const { return set_.begin(); }
+   typename Set::const_iterator end() const { return set_.end(); }
+   void reserve(size_t n) { set_.reserve(n); }
+
+private:
+   void notify(E& owner, const K& k) {
+      owner.notifieeList().notify(&owner, [&](typename E::Notifiee& n) { (n.*handler_)(k); });
+   }
+   Handler handler_;
+   Set set_;
+};
+
+// Shared shape of the two map attributes.
+template <class E, class K, class V, class Map>
+class MapAttr {
+public:
+   using Handler = void (E::Notifiee::*)(const K&);
+   explicit MapAttr(Handler h) : handler_(h) {}
+
+   // Inserts or overwrites; true (and notified) only when something changed.
+   bool is(E& owner, const K& k, const V& v) {
+      auto [it, inserted] = map_.try_emplace(k, v);
+      if (!inserted) {
+         if (it->second == v) {
+            return false;
+         }
+         it->second = v;
+      }
+      notify(owner, k);
+      return true;
+   }
+   // The removed value, or none when the key was absent.
+   std::optional<V> del(E& owner, const K& k) {
+      auto it = map_.find(k);
+      if (it == map_.end()) {
+         return std::nullopt;
+      }
+      K key = it->first;
+      std::optional<V> old(std::move(it->second));
+      map_.erase(it);
+      notify(owner, key);
+      return old;
+   }
+   void delAll(E& owner) {
+      while (!map_.empty()) {
+         K key = map_.begin()->first;
+         del(owner, key);
+      }
+   }
+
+   const V* find(const K& k) const {
+      auto it = map_.find(k);
+      return it == map_.end() ? nullptr : &it->second;
+   }
+   // The value, or `fallback` when absent.
+   V get(const K& k, const V& fallback = V()) const {
+      const V* v = find(k);
+      return v ? *v : fallback;
+   }
+   bool has(const K& k) const { return map_.count(k) != 0; }
+   size_t size() const { return map_.size(); }
+   bool empty() const { return map_.empty(); }
+   const Map& members() const { return map_; }
+   typename Map::const_iterator begin() const { return map_.begin(); }
+   typename Map::const_iterator end() const { return map_.end(); }
+
+protected:
+   Map map_;
+
+private:
+   void notify(E& owner, const K& k) {
+      owner.notifieeList().notify(&owner, [&](typename E::Notifiee& n) { (n.*handler_)(k); });
+   }
+   Handler handler_;
+};
+
+template <class E, class K, class V, class Hash = std::hash<K>>
+class HashMapAttr : public MapAttr<E, K, V, std::unordered_map<K, V, Hash>> {
+public:
+   using MapAttr<E, K, V, std::unordered_map<K, V, Hash>>::MapAttr;
+   void reserve(size_t n) { this->map_.reserve(n); }
+};
+
+template <class E, class K, class V, class Less = std::less<K>>
+class OrderedMapAttr : public MapAttr<E, K, V, std::map<K, V, Less>> {
+public:
+   using MapAttr<E, K, V, std::map<K, V, Less>>::MapAttr;
+   // First entry whose key is not less than `k`.
+   auto lowerBound(const K& k) const { return this->map_.lower_bound(k); }
+};
+
+// A single value (flag, counter, enum). Counters wrap as their unsigned type.
+template <class E, class T>
+class ScalarAttr {
+public:
+   using Handler = void (E::Notifiee::*)();
+   ScalarAttr(Handler h, T initial = T()) : handler_(h), value_(initial) {}
+
+   bool is(E& owner, const T& v) {
+      if (value_ == v) {
+         return false;
+      }
+      value_ = v;
+      owner.notifieeList().notify(&owner, [&](typename E::Notifiee& n) { (n.*handler_)(); });
+      return true;
+   }
+   bool inc(E& owner, T by = T(1)) { return is(owner, T(value_ + by)); }
+   bool dec(E& owner, T by = T(1)) { return is(owner, T(value_ - by)); }
+   const T& get() const { return value_; }
+
+private:
+   Handler handler_;
+   T value_;
+};
+
+}  // namespace Zop
