@@ -1,0 +1,300 @@
+#pragma once
+// The segment feature's shared model: the value records handed from part to
+// part, and the shared collections and tries the reactors and the CLI work on.
+//
+// Values (plain, copied, hashed; each with a one-line text form that parses
+// back to an equal value):
+//   KivSegmentRouteOperationType  what is to be done to a segment prefix
+//   KivSegmentHwInfo              one requested hardware action
+//   KivSegmentRouteInfo           one prefix as installed in hardware
+//
+// Shared collections (notifying entities, created by their factories and held
+// by Zop::Ptr by every part that uses them):
+//   VrfPrefixCollection      a review list of (VRF id, prefix) keys
+//   KivSegmentRouteInfoColl  the installed segment routes, and the
+//                            reviewSegmentHwId change signal
+//   SegmentPrefixCount       installed prefixes of one hw id
+//   PrefixCount              the SegmentPrefixCount of every hw id
+//   VrfTrieGen               one VRF's segment tries, per family
+//   KivSegmentPrefixTrie     the VrfTrieGen of every VRF
+
+#include <cstdint>
+#include <iosfwd>
+
+#include "Kiv/KivExport.h"
+#include "Pexo/VrfId.h"
+#include "Routing/RouteInfo.h"
+#include "Routing/Trie.h"
+#include "Zop/Attr.h"
+#include "Zop/Ptr.h"
+#include "Zop/TextCursor.h"
+
+namespace Kiv {
+
+// ---- KivSegmentRouteOperationType ----
+
+enum KivSegmentRouteOperationType : int32_t {
+   segmentRouteAdd = 0,
+   segmentRouteDelete = 1,
+   segmentRouteHwIdUpdate = 2,
+   fibOnlyRouteHwIdUpdate = 3,
+   routeActionInvalid = 4,
+};
+
+// The value's name exactly as the enumerator is spelled.
+KIV_EXPORT Zop::String stringValue(KivSegmentRouteOperationType op);
+KIV_EXPORT Zop::String valueToStrep(KivSegmentRouteOperationType op);
+// Parses a name back; an unknown name raises Zop::RangeError.
+KIV_EXPORT KivSegmentRouteOperationType sequenceToValue(std::string_view name);
+KIV_EXPORT std::ostream& operator<<(std::ostream& os, KivSegmentRouteOperationType op);
+
+// ---- KivSegmentHwInfo ----
+
+class KIV_EXPORT KivSegmentHwInfo {
+public:
+   KivSegmentHwInfo() = default;
+   KivSegmentHwInfo(const VrfAndIpGenPrefix& vrfPrefix, KivSegmentRouteOperationType operation,
+                    SegmentHwId hwId)
+       : vrfPrefix_(vrfPrefix), operation_(operation), hwId_(hwId) {}
+   // Parses the text form from the cursor (see valueToStrep).
+   explicit KivSegmentHwInfo(Zop::TextCursor& c);
+
+   const VrfAndIpGenPrefix& vrfPrefix() const { return vrfPrefix_; }
+   KivSegmentRouteOperationType operation() const { return operation_; }
+   SegmentHwId hwId() const { return hwId_; }
+   void vrfPrefixIs(const VrfAndIpGenPrefix& v) { vrfPrefix_ = v; }
+   void operationIs(KivSegmentRouteOperationType op) { operation_ = op; }
+   void hwIdIs(SegmentHwId id) { hwId_ = id; }
+
+   bool operator==(const KivSegmentHwInfo& o) const;
+   // vrfPrefix first, then the operation as a signed number, then the hw id.
+   bool operator<(const KivSegmentHwInfo& o) const;
+
+private:
+   VrfAndIpGenPrefix vrfPrefix_;
+   KivSegmentRouteOperationType operation_ = routeActionInvalid;
+   SegmentHwId hwId_;
+};
+
+// "Value('Kiv::KivSegmentHwInfo', ** {'vrfPrefix': %s, 'operation': %s, 'hwId': %s})"
+KIV_EXPORT Zop::String valueToStrep(const KivSegmentHwInfo& v);
+KIV_EXPORT std::ostream& operator<<(std::ostream& os, const KivSegmentHwInfo& v);
+
+// ---- KivSegmentRouteInfo ----
+
+class KIV_EXPORT KivSegmentRouteInfo {
+public:
+   // VRF id 0, empty prefix, hw id 65535, empty route info.
+   KivSegmentRouteInfo() = default;
+   KivSegmentRouteInfo(const VrfAndIpGenPrefix& vrfPrefix, SegmentHwId hwId,
+                       const RouteInfo& routeInfo)
+       : vrfPrefix_(vrfPrefix), hwId_(hwId), routeInfo_(routeInfo) {}
+   explicit KivSegmentRouteInfo(Zop::TextCursor& c);
+
+   const VrfAndIpGenPrefix& vrfPrefix() const { return vrfPrefix_; }
+   SegmentHwId hwId() const { return hwId_; }
+   const RouteInfo& routeInfo() const { return routeInfo_; }
+   void hwIdIs(SegmentHwId id) { hwId_ = id; }
+   void routeInfoIs(const RouteInfo& r) { routeInfo_ = r; }
+
+   bool operator==(const KivSegmentRouteInfo& o) const = default;
+
+private:
+   VrfAndIpGenPrefix vrfPrefix_;
+   SegmentHwId hwId_;
+   RouteInfo routeInfo_;
+};
+
+// "Value('Kiv::KivSegmentRouteInfo', ** {'vrfPrefix': %s, 'hwId': %s, 'routeInfo': %s})"
+KIV_EXPORT Zop::String valueToStrep(const KivSegmentRouteInfo& v);
+KIV_EXPORT std::ostream& operator<<(std::ostream& os, const KivSegmentRouteInfo& v);
+
+// ---- VrfPrefixCollection ----
+
+// A review list: (VRF id, prefix) keys waiting to be examined. Iteration is in
+// hash order.
+class KIV_EXPORT VrfPrefixCollection : public Zop::PtrInterface {
+public:
+   class Notifiee : public Zop::BaseNotifiee<VrfPrefixCollection> {
+   public:
+      virtual void handleVrfIpGenPrefix(const VrfAndIpGenPrefix&) {}
+   };
+
+   void vrfIpGenPrefixIs(const VrfAndIpGenPrefix& k) { vrfIpGenPrefix_.is(*this, k); }
+   void vrfIpGenPrefixDel(const VrfAndIpGenPrefix& k) { vrfIpGenPrefix_.del(*this, k); }
+   void vrfIpGenPrefixDelAll() { vrfIpGenPrefix_.delAll(*this); }
+   bool vrfIpGenPrefixHas(const VrfAndIpGenPrefix& k) const { return vrfIpGenPrefix_.has(k); }
+   size_t vrfIpGenPrefixCount() const { return vrfIpGenPrefix_.size(); }
+   const auto& vrfIpGenPrefix() const { return vrfIpGenPrefix_; }
+
+   Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+
+private:
+   Zop::NotifierList<Notifiee> notifiees_;
+   Zop::HashSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix> vrfIpGenPrefix_{
+       &Notifiee::handleVrfIpGenPrefix};
+};
+
+// ---- KivSegmentRouteInfoColl ----
+
+class KIV_EXPORT KivSegmentRouteInfoColl : public Zop::PtrInterface {
+public:
+   class Notifiee : public Zop::BaseNotifiee<KivSegmentRouteInfoColl> {
+   public:
+      virtual void handleRouteInfo(const VrfAndIpGenPrefix&) {}
+      virtual void handleReviewSegmentHwId() {}
+   };
+
+   // Inserts or overwrites the record under its own vrfPrefix; notifies only
+   // when something changed.
+   void routeInfoIs(const KivSegmentRouteInfo& r) { routeInfo_.is(*this, r.vrfPrefix(), r); }
+   // The removed record; a default one (hw id 65535) when absent.
+   KivSegmentRouteInfo routeInfoDel(const VrfAndIpGenPrefix& k);
+   void routeInfoDelAll() { routeInfo_.delAll(*this); }
+   // The record; a default one when absent.
+   KivSegmentRouteInfo routeInfo(const VrfAndIpGenPrefix& k) const { return routeInfo_.get(k); }
+   const KivSegmentRouteInfo* routeInfoFind(const VrfAndIpGenPrefix& k) const {
+      return routeInfo_.find(k);
+   }
+   bool routeInfoHas(const VrfAndIpGenPrefix& k) const { return routeInfo_.has(k); }
+   size_t routeInfoCount() const { return routeInfo_.size(); }
+   const auto& routeInfo() const { return routeInfo_; }
+
+   uint32_t reviewSegmentHwId() const { return reviewSegmentHwId_.get(); }
+   void reviewSegmentHwIdIs(uint32_t n) { reviewSegmentHwId_.is(*this, n); }
+   // Wraps around at 2^32.
+   void reviewSegmentHwIdInc(uint32_t n) { reviewSegmentHwId_.inc(*this, n); }
+
+   Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+
+private:
+   Zop::NotifierList<Notifiee> notifiees_;
+   Zop::HashMapAttr<KivSegmentRouteInfoColl, VrfAndIpGenPrefix, KivSegmentRouteInfo> routeInfo_{
+       &Notifiee::handleRouteInfo};
+   Zop::ScalarAttr<KivSegmentRouteInfoColl, uint32_t> reviewSegmentHwId_{
+       &Notifiee::handleReviewSegmentHwId, 0};
+};
+
+// ---- SegmentPrefixCount / PrefixCount ----
+
+// Installed prefixes that carry one hw id. Plain counter without
+// notification; its users keep it non-negative.
+class KIV_EXPORT SegmentPrefixCount : public Zop::PtrInterface {
+public:
+   explicit SegmentPrefixCount(SegmentHwId hwId) : hwId_(hwId) {}
+   SegmentHwId hwId() const { return hwId_; }
+   int32_t prefixCount() const { return prefixCount_; }
+   void prefixCountIs(int32_t n) { prefixCount_ = n; }
+   void prefixCountInc(int32_t n) { prefixCount_ += n; }
+   void prefixCountDec(int32_t n) { prefixCount_ -= n; }
+
+private:
+   const SegmentHwId hwId_;
+   int32_t prefixCount_ = 0;
+};
+
+class KIV_EXPORT PrefixCount : public Zop::PtrInterface {
+public:
+   class Notifiee : public Zop::BaseNotifiee<PrefixCount> {
+   public:
+      virtual void handleSegmentPrefixCount(const SegmentHwId&) {}
+   };
+
+   // Stores the element under its own hw id (replacing another element there).
+   void segmentPrefixCountIs(const Zop::Ptr<SegmentPrefixCount>& c) {
+      segmentPrefixCount_.is(*this, c->hwId(), c);
+   }
+   void segmentPrefixCountDel(SegmentHwId id) { segmentPrefixCount_.del(*this, id); }
+   void segmentPrefixCountDelAll() { segmentPrefixCount_.delAll(*this); }
+   Zop::Ptr<SegmentPrefixCount> segmentPrefixCount(SegmentHwId id) const {
+      return segmentPrefixCount_.get(id);
+   }
+   bool segmentPrefixCountHas(SegmentHwId id) const { return segmentPrefixCount_.has(id); }
+   const auto& segmentPrefixCount() const { return segmentPrefixCount_; }
+
+   Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+
+private:
+   Zop::NotifierList<Notifiee> notifiees_;
+   Zop::HashMapAttr<PrefixCount, SegmentHwId, Zop::Ptr<SegmentPrefixCount>> segmentPrefixCount_{
+       &Notifiee::handleSegmentPrefixCount};
+};
+
+// ---- VrfTrieGen / KivSegmentPrefixTrie ----
+
+class KIV_EXPORT VrfTrieGen : public Zop::PtrInterface {
+public:
+   class Notifiee : public Zop::BaseNotifiee<VrfTrieGen> {
+   public:
+      virtual void handlePrefixTrie(const Pexo::AddressFamily&) {}
+   };
+
+   explicit VrfTrieGen(VrfId vrfId) : vrfId_(vrfId) {}
+   VrfId vrfId() const { return vrfId_; }
+
+   void prefixTrieIs(Pexo::AddressFamily af, const Zop::Ptr<Routing::TrieGen>& trie) {
+      prefixTrie_.is(*this, af, trie);
+   }
+   void prefixTrieDel(Pexo::AddressFamily af) { prefixTrie_.del(*this, af); }
+   void prefixTrieDelAll() { prefixTrie_.delAll(*this); }
+   // The family's trie, or null.
+   Zop::Ptr<Routing::TrieGen> prefixTrie(Pexo::AddressFamily af) const {
+      return prefixTrie_.get(af);
+   }
+
+   Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+
+private:
+   const VrfId vrfId_;
+   Zop::NotifierList<Notifiee> notifiees_;
+   Zop::OrderedMapAttr<VrfTrieGen, Pexo::AddressFamily, Zop::Ptr<Routing::TrieGen>> prefixTrie_{
+       &Notifiee::handlePrefixTrie};
+};
+
+class KIV_EXPORT KivSegmentPrefixTrie : public Zop::PtrInterface {
+public:
+   class Notifiee : public Zop::BaseNotifiee<KivSegmentPrefixTrie> {
+   public:
+      virtual void handleVrfTrie(const VrfId&) {}
+   };
+
+   // Creates (through vrfTrieGenFactory) and stores an empty VrfTrieGen.
+   Zop::Ptr<VrfTrieGen> vrfTrieIs(VrfId vrfId);
+   void vrfTrieDel(VrfId vrfId) { vrfTrie_.del(*this, vrfId); }
+   void vrfTrieDelAll() { vrfTrie_.delAll(*this); }
+   // The VRF's tries, or null; creates nothing.
+   Zop::Ptr<VrfTrieGen> vrfTrie(VrfId vrfId) const { return vrfTrie_.get(vrfId); }
+   const auto& vrfTrie() const { return vrfTrie_; }
+
+   // The trie of (VRF, family). The first call for a VRF creates both its
+   // tries ("v4Trie" and "v6Trie"); later calls create nothing, so a family
+   // whose trie was deleted stays without one (null).
+   Zop::Ptr<Routing::TrieGen> getPrefixTrie(VrfId vrfId, Pexo::AddressFamily af);
+
+   Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+
+private:
+   Zop::NotifierList<Notifiee> notifiees_;
+   Zop::HashMapAttr<KivSegmentPrefixTrie, VrfId, Zop::Ptr<VrfTrieGen>> vrfTrie_{
+       &Notifiee::handleVrfTrie};
+};
+
+// ---- Factories ----
+
+KIV_EXPORT Zop::Ptr<VrfPrefixCollection> vrfPrefixCollectionFactory();
+KIV_EXPORT Zop::Ptr<KivSegmentRouteInfoColl> kivSegmentRouteInfoCollFactory();
+KIV_EXPORT Zop::Ptr<PrefixCount> prefixCountFactory();
+KIV_EXPORT Zop::Ptr<SegmentPrefixCount> segmentPrefixCountFactory(SegmentHwId hwId);
+KIV_EXPORT Zop::Ptr<VrfTrieGen> vrfTrieGenFactory(VrfId vrfId);
+KIV_EXPORT Zop::Ptr<KivSegmentPrefixTrie> kivSegmentPrefixTrieFactory();
+
+}  // namespace Kiv
+
+template <>
+struct std::hash<Kiv::KivSegmentHwInfo> {
+   size_t operator()(const Kiv::KivSegmentHwInfo& v) const noexcept;
+};
+template <>
+struct std::hash<Kiv::KivSegmentRouteInfo> {
+   size_t operator()(const Kiv::KivSegmentRouteInfo& v) const noexcept;
+};

@@ -1,0 +1,5 @@
+#include "KivSegmentSecurity/KivSegmentPrefixProcessorVersion.h"
+
+namespace Kiv {
+const char* kivSegmentPrefixProcessorVersion() { return KIV_VERSION; }
+}  // namespace Kiv
