@@ -1,0 +1,206 @@
+#pragma once
+// Trace: the agent's debugging record of what the code decided and where it
+// went.
+//
+// A call site writes one line per event:
+//
+//   void syncFibRouteHwId(...) {
+//      TRACE8();                                     // "syncFibRouteHwId"
+//      TRACE5(" Next Prefix: " << prefix << " hwId: " << hwId);
+//                                 // "syncFibRouteHwId Next Prefix: 10.1.0.0/16 hwId: 7"
+//      TRACE5_FN("getLpmHardwareId", " returned " << hwId);
+//   }
+//
+// A line is the name of the function that writes it immediately followed by
+// the streamed pieces; no separator is added, so pieces carry their own
+// leading blank. TRACE5/TRACE8 name the enclosing function (__func__; inside a
+// lambda that is "operator()", so use the _FN form there); TRACE5_FN/TRACE8_FN
+// name a routine explicitly, for lines written on behalf of another routine.
+// Tools and tests compare these lines literally, so the text carries no
+// timestamp or anything else that varies; each line's sequence number and
+// level are kept beside the text, not in it.
+//
+// Levels: 5 records decisions, 8 records function entries and the details
+// around them. A Duolog records the lines whose level is at most its maximum
+// level (default 5). When a level is off, a trace statement costs one load and
+// one branch: the streamed expression is neither formatted nor evaluated, so
+// it must not have side effects the code relies on.
+//
+// Values are written with their operator<<. uint8_t and int8_t print as
+// characters; widen them (unsigned(x)) to get a number.
+//
+// Where lines go: the Duolog writes each line to both of its streams, the
+// Ringlog (the last N lines in memory, for post-mortem dumps and tests) and the
+// text trace (an optional std::ostream or callback).
+//
+// Which Duolog: library code is many layers deep and cannot be handed a logger
+// in every call, so trace statements write to one process-wide current Duolog,
+// Trace::current(). That is global state, which is the price of keeping the
+// call sites one line long. To keep it from becoming something tests must
+// patch, the current Duolog is only ever replaced for a scope:
+//
+//   Trace::Duolog log(8);
+//   Trace::ScopedDuolog guard(log);   // traces now go to `log`
+//   ...                               // previous Duolog restored at scope exit
+//
+// Outside every guard, lines go to a default Duolog (level 5, no text sink).
+// Guards nest and must end in reverse order of creation; a Duolog must not be
+// destroyed while it is current. Like the rest of the platform this runs on
+// the agent's one reactor thread: nothing here is synchronised.
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <sstream>
+#include <string_view>
+#include <vector>
+
+#include "Zop/String.h"
+
+namespace Trace {
+
+using Level = int;
+constexpr Level kDecisions = 5;
+constexpr Level kFunctions = 8;
+
+struct Line {
+   // 1 for the first line a Duolog records, then consecutive.
+   uint64_t sequence = 0;
+   Level level = 0;
+   Zop::String text;
+
+   bool operator==(const Line&) const = default;
+};
+
+// The last `capacity` lines, oldest overwritten first.
+class Ringlog {
+public:
+   static constexpr size_t kDefaultCapacity = 4096;
+
+   // A capacity of 0 is a RangeError: a ring that keeps nothing is a
+   // configuration mistake, not a way to switch tracing off (use the level).
+   explicit Ringlog(size_t capacity = kDefaultCapacity);
+
+   void append(Line line);
+   void clear();
+
+   size_t capacity() const { return capacity_; }
+   size_t size() const { return buffer_.size(); }
+
+   // The last min(n, size()) lines, oldest first.
+   std::vector<Line> lines(size_t n) const;
+   std::vector<Line> lines() const { return lines(size()); }
+   // The same, text only.
+   std::vector<Zop::String> texts(size_t n) const;
+   std::vector<Zop::String> texts() const { return texts(size()); }
+
+private:
+   size_t capacity_;
+   // Grows up to capacity_, then is used as a ring; next_ is the slot the
+   // next line overwrites, which is also the oldest line once full.
+   std::vector<Line> buffer_;
+   size_t next_ = 0;
+};
+
+using TextSink = std::function<void(const Line&)>;
+
+class Duolog {
+public:
+   explicit Duolog(Level maxLevel = kDecisions, size_t ringCapacity = Ringlog::kDefaultCapacity);
+   ~Duolog();
+   Duolog(const Duolog&) = delete;
+   Duolog& operator=(const Duolog&) = delete;
+
+   Level maxLevel() const { return maxLevel_; }
+   void setMaxLevel(Level level);
+   bool enabled(Level level) const { return level <= maxLevel_; }
+
+   // The text trace receives exactly the lines the ring does. A stream gets
+   // each line's text and a newline, unflushed (the ring is the record that
+   // survives a crash; flushing every level-8 line would be too slow).
+   // The stream must outlive its use by this Duolog.
+   void setTextStream(std::ostream& os);
+   void setTextSink(TextSink sink);
+   void clearTextSink();
+
+   // Records `function` immediately followed by `pieces`, if `level` is on.
+   void write(Level level, std::string_view function, std::string_view pieces);
+   // Records a line whose text is already complete.
+   void writeLine(Level level, Zop::String text);
+
+   const Ringlog& ringlog() const { return ring_; }
+   Ringlog& ringlog() { return ring_; }
+   // Lines recorded so far (including those since dropped from the ring).
+   uint64_t lineCount() const { return sequence_; }
+
+private:
+   Level maxLevel_;
+   Ringlog ring_;
+   TextSink sink_;
+   uint64_t sequence_ = 0;
+};
+
+// The process-wide state is visible outside a shared library that embeds
+// this code, so that such a library and the program using it resolve to one
+// current Duolog instead of each tracing into its own copy.
+#define TRACE_PROCESS_WIDE __attribute__((visibility("default")))
+
+// The Duolog trace statements write to.
+TRACE_PROCESS_WIDE Duolog& current();
+
+class TRACE_PROCESS_WIDE ScopedDuolog {
+public:
+   explicit ScopedDuolog(Duolog& log);
+   ~ScopedDuolog();
+   ScopedDuolog(const ScopedDuolog&) = delete;
+   ScopedDuolog& operator=(const ScopedDuolog&) = delete;
+
+private:
+   Duolog* installed_;
+   Duolog* previous_;  // nullptr: the default Duolog
+};
+
+namespace detail {
+// The maximum level of the current Duolog, kept here so that a disabled trace
+// statement reads one integer instead of following pointers.
+extern TRACE_PROCESS_WIDE Level currentMaxLevel;
+// The Duolog a guard installed; nullptr while none is active.
+extern TRACE_PROCESS_WIDE Duolog* installed;
+// Where lines go outside every guard: level 5, no text sink. Created on
+// first use and never destroyed, so tracing works at any point of start-up
+// and shutdown.
+TRACE_PROCESS_WIDE Duolog& defaultDuolog();
+}  // namespace detail
+
+inline bool enabled(Level level) {
+   return level <= detail::currentMaxLevel;
+}
+
+// Collects one line for the macros; the function name goes first so that the
+// stream's contents are the finished text.
+class LineWriter {
+public:
+   LineWriter(Level level, std::string_view function) : level_(level) { os_ << function; }
+   std::ostream& stream() { return os_; }
+   void write() { current().writeLine(level_, std::move(os_).str()); }
+
+private:
+   Level level_;
+   std::ostringstream os_;
+};
+
+}  // namespace Trace
+
+#define TRACE_AT(level, function, ...)                              \
+   do {                                                             \
+      if (::Trace::enabled(level)) [[unlikely]] {                   \
+         ::Trace::LineWriter traceLineWriter_((level), (function)); \
+         traceLineWriter_.stream() __VA_OPT__(<< __VA_ARGS__);      \
+         traceLineWriter_.write();                                  \
+      }                                                             \
+   } while (0)
+
+#define TRACE5(...) TRACE_AT(::Trace::kDecisions, __func__, __VA_ARGS__)
+#define TRACE8(...) TRACE_AT(::Trace::kFunctions, __func__, __VA_ARGS__)
+#define TRACE5_FN(function, ...) TRACE_AT(::Trace::kDecisions, function, __VA_ARGS__)
+#define TRACE8_FN(function, ...) TRACE_AT(::Trace::kFunctions, function, __VA_ARGS__)

@@ -1,0 +1,134 @@
+#include "Trace/Trace.h"
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+#include <sstream>
+
+#include "Zop/Error.h"
+
+namespace {
+
+using Strings = std::vector<Zop::String>;
+
+struct Prefix {
+   const char* text;
+};
+std::ostream& operator<<(std::ostream& os, const Prefix& p) {
+   return os << p.text;
+}
+
+void syncFibRouteHwId(const Prefix& prefix, unsigned hwId) {
+   TRACE8();
+   TRACE5(" Next Prefix: " << prefix << " hwId: " << hwId);
+   TRACE5_FN("getLpmHardwareId", " returned " << hwId);
+   TRACE8_FN("getLpmHardwareId", "(" << prefix << ")");
+}
+
+int evaluations = 0;
+int sideEffect() {
+   return ++evaluations;
+}
+
+void traceBothLevels() {
+   TRACE5(" decision " << sideEffect());
+   TRACE8(" entry " << sideEffect());
+}
+
+}  // namespace
+
+TEST(Trace, LinesAreFunctionNameFollowedByPieces) {
+   Trace::Duolog log(Trace::kFunctions);
+   Trace::ScopedDuolog guard(log);
+   syncFibRouteHwId(Prefix{"10.1.0.0/16"}, 7);
+
+   EXPECT_EQ(log.ringlog().texts(),
+             (Strings{"syncFibRouteHwId", "syncFibRouteHwId Next Prefix: 10.1.0.0/16 hwId: 7",
+                      "getLpmHardwareId returned 7", "getLpmHardwareId(10.1.0.0/16)"}));
+   std::vector<Trace::Line> lines = log.ringlog().lines();
+   ASSERT_EQ(lines.size(), 4u);
+   EXPECT_EQ(lines[0].level, 8);
+   EXPECT_EQ(lines[1].level, 5);
+   EXPECT_EQ(lines[1].sequence, 2u);
+}
+
+TEST(Trace, DisabledLevelIsNeitherRecordedNorEvaluated) {
+   Trace::Duolog log;  // level 5
+   Trace::ScopedDuolog guard(log);
+   evaluations = 0;
+   traceBothLevels();
+   EXPECT_EQ(evaluations, 1);
+   EXPECT_EQ(log.ringlog().texts(), (Strings{"traceBothLevels decision 1"}));
+
+   // Changing the level of the current Duolog takes effect at once.
+   log.setMaxLevel(Trace::kFunctions);
+   traceBothLevels();
+   log.setMaxLevel(4);
+   traceBothLevels();
+   EXPECT_EQ(evaluations, 3);
+   EXPECT_EQ(log.ringlog().texts(2),
+             (Strings{"traceBothLevels decision 2", "traceBothLevels entry 3"}));
+}
+
+TEST(Trace, RingKeepsExactlyTheLastLinesInOrder) {
+   Trace::Duolog log(Trace::kDecisions, 3);
+   for (int i = 1; i <= 7; ++i) {
+      log.write(5, "f", " " + std::to_string(i));
+   }
+   EXPECT_EQ(log.ringlog().texts(), (Strings{"f 5", "f 6", "f 7"}));
+   EXPECT_EQ(log.ringlog().texts(2), (Strings{"f 6", "f 7"}));
+   EXPECT_EQ(log.ringlog().texts(10).size(), 3u);
+   EXPECT_EQ(log.ringlog().lines().front().sequence, 5u);
+   EXPECT_EQ(log.lineCount(), 7u);
+
+   Trace::Ringlog partial(5);
+   partial.append({1, 5, "a"});
+   partial.append({2, 5, "b"});
+   EXPECT_EQ(partial.texts(), (Strings{"a", "b"}));
+   EXPECT_THROW(Trace::Ringlog(0), Zop::RangeError);
+}
+
+TEST(Trace, BothStreamsReceiveTheSameLines) {
+   Trace::Duolog log;
+   std::ostringstream text;
+   log.setTextStream(text);
+   Trace::ScopedDuolog guard(log);
+   traceBothLevels();
+   syncFibRouteHwId(Prefix{"10.2.0.0/24"}, 9);
+
+   Strings ring = log.ringlog().texts();
+   EXPECT_EQ(ring.size(), 3u);
+   Zop::String expected;
+   for (const Zop::String& line : ring) {
+      expected += line + "\n";
+   }
+   EXPECT_EQ(text.str(), expected);
+
+   std::vector<Trace::Line> seen;
+   log.setTextSink([&seen](const Trace::Line& line) { seen.push_back(line); });
+   log.setMaxLevel(Trace::kFunctions);
+   syncFibRouteHwId(Prefix{"10.3.0.0/24"}, 1);
+   EXPECT_EQ(seen, log.ringlog().lines(4));
+   EXPECT_EQ(text.str(), expected);  // replaced, not added to
+}
+
+TEST(Trace, ScopedDuologsNestAndRestore) {
+   Trace::Duolog& original = Trace::current();
+   Trace::Duolog outer;  // level 5
+   {
+      Trace::ScopedDuolog outerGuard(outer);
+      Trace::Duolog inner(Trace::kFunctions);
+      {
+         Trace::ScopedDuolog innerGuard(inner);
+         EXPECT_EQ(&Trace::current(), &inner);
+         traceBothLevels();
+      }
+      EXPECT_EQ(&Trace::current(), &outer);
+      evaluations = 0;
+      traceBothLevels();  // back at the outer level: the entry line is off
+      EXPECT_EQ(evaluations, 1);
+      EXPECT_EQ(inner.ringlog().size(), 2u);
+   }
+   EXPECT_EQ(outer.ringlog().size(), 1u);
+   EXPECT_EQ(&Trace::current(), &original);
+}
