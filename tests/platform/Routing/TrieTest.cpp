@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <optional>
 #include <random>
 #include <set>
@@ -73,124 +74,71 @@ std::vector<Pfx> modelWalk(const std::set<Pfx>& model, const Pfx& from, Prune pr
 
 // ---- The tries under test, through their public front ends ----
 
-struct V4 {
-   static constexpr unsigned kBits = 32;
-   struct T {
-      Routing::Trie t;
-   };
-   static Pexo::Prefix to(const Pfx& p) { return {Pexo::IpAddr(uint32_t(p.key >> 96)), p.len}; }
-   static Pfx from(const Pexo::Prefix& p) { return {Uint128(p.addr().value()) << 96, p.len()}; }
-   static void add(T& t, const Pfx& p) { t.t.routeIs(to(p), true); }
-   static bool del(T& t, const Pfx& p) { return t.t.routeDel(to(p)); }
-   static bool has(const T& t, const Pfx& p) { return t.t.routeHas(to(p)); }
-   static std::optional<Pfx> longestMatch(const T& t, const Pfx& q) {
-      const auto m = t.t.longestMatch(to(q));
-      return m ? std::optional<Pfx>(from(*m)) : std::nullopt;
-   }
-   template <class F>
-   static void walk(const T& t, const Pfx& p, F f) {
-      t.t.preOrderWalk(to(p), [&](const Pexo::Prefix& q) { return f(from(q)); });
-   }
-   static size_t size(const T& t) { return t.t.size(); }
-   static const auto& core(const T& t) { return t.t.core(); }
-};
+Pexo::IpGenPrefix gp(const char* text) {
+   Zop::TextCursor c(text);
+   return Pexo::IpGenPrefix(c);
+}
 
-struct V6 {
-   static constexpr unsigned kBits = 128;
-   struct T {
-      Routing6::Trie t;
-   };
-   static Pexo::Ip6Prefix to(const Pfx& p) {
-      return {Pexo::Ip6Addr(uint64_t(p.key >> 64), uint64_t(p.key)), p.len};
-   }
-   static Pfx from(const Pexo::Ip6Prefix& p) {
-      return {(Uint128(p.addr().hi()) << 64) | p.addr().lo(), p.len()};
-   }
-   // Half the calls go through the IpGenPrefix overloads.
-   static void add(T& t, const Pfx& p) {
-      if (p.len % 2) {
-         t.t.routeIs(to(p), true);
-      } else {
-         t.t.routeIs(Pexo::IpGenPrefix(to(p)), true);
-      }
-   }
-   static bool del(T& t, const Pfx& p) {
-      return p.len % 2 ? t.t.routeDel(to(p)) : t.t.routeDel(Pexo::IpGenPrefix(to(p)));
-   }
-   static bool has(const T& t, const Pfx& p) { return t.t.routeHas(to(p)); }
-   static std::optional<Pfx> longestMatch(const T& t, const Pfx& q) {
-      const auto m = t.t.longestMatch(to(q));
-      const auto g = t.t.longestMatch(Pexo::IpGenPrefix(to(q)));
-      EXPECT_EQ(m.has_value(), g.has_value());
-      if (m && g) {
-         EXPECT_EQ(Pexo::IpGenPrefix(*m), *g);
-      }
-      return m ? std::optional<Pfx>(from(*m)) : std::nullopt;
-   }
-   template <class F>
-   static void walk(const T& t, const Pfx& p, F f) {
-      t.t.preOrderWalk(to(p), [&](const Pexo::IpGenPrefix& q) {
-         EXPECT_TRUE(q.isIpv6());
-         return f(from(q.v6()));
-      });
-   }
-   static size_t size(const T& t) { return t.t.size(); }
-   static const auto& core(const T& t) { return t.t.core(); }
-};
+Pfx fromPexo(const Pexo::Prefix& p) {
+   return {Uint128(p.addr().value()) << 96, p.len()};
+}
+Pfx fromPexo(const Pexo::Ip6Prefix& p) {
+   return {(Uint128(p.addr().hi()) << 64) | p.addr().lo(), p.len()};
+}
+Pfx fromPexo(const Pexo::IpGenPrefix& p) {
+   return p.isIpv4() ? fromPexo(p.v4()) : fromPexo(p.v6());
+}
 
-// TrieGen, with a fixed set of the other family stored alongside that must
-// never show up.
-template <class Fam>
-struct Gen {
-   static constexpr unsigned kBits = Fam::kBits;
-   static constexpr bool kV4 = kBits == 32;
-   struct T {
-      Routing::TrieGen t{"trie"};
-      size_t noise = 0;
-      T() {
-         std::mt19937_64 rng(99);
-         std::set<Pexo::IpGenPrefix> others;
-         for (int i = 0; i < 200; ++i) {
-            const unsigned len = unsigned(rng() % 40);
-            const uint32_t a = uint32_t(rng()) & uint32_t(topMask(len + 96));
-            if (kV4) {
-               others.insert(Pexo::Ip6Prefix(Pexo::Ip6Addr(uint64_t(a) << 32, 0), len));
-            } else {
-               others.insert(Pexo::Prefix(Pexo::IpAddr(a), std::min(len, 32u)).masked());
-            }
+// One trie seen through key type Key (Prefix, Ip6Prefix or IpGenPrefix). A
+// TrieGen also holds a few prefixes of the other family, which must never
+// show up.
+template <unsigned W, class Key, class TrieT>
+struct Subject {
+   static constexpr unsigned kBits = W;
+   Zop::Ptr<TrieT> t;
+   size_t noise = 0;
+
+   Subject() {
+      if constexpr (std::is_same_v<TrieT, Routing::TrieGen>) {
+         t = Routing::trieGenFactory("gen");
+         for (const char* s : W == 32
+                                  ? std::vector{"::/0", "::a00:0/104", "2001:db8::/32", "::/128"}
+                                  : std::vector{"0.0.0.0/0", "10.0.0.0/8", "0.0.0.0/32"}) {
+            t->routeIs(gp(s), true);
+            ++noise;
          }
-         for (const auto& p : others) {
-            t.routeIs(p, true);
-         }
-         noise = others.size();
-      }
-   };
-   static Pexo::IpGenPrefix to(const Pfx& p) { return Pexo::IpGenPrefix(Fam::to(p)); }
-   static Pfx from(const Pexo::IpGenPrefix& p) {
-      EXPECT_EQ(p.isIpv4(), kV4);
-      if constexpr (kV4) {
-         return Fam::from(p.v4());
+      } else if constexpr (W == 32) {
+         t = Routing::trieFactory();
       } else {
-         return Fam::from(p.v6());
+         t = Routing6::trieFactory();
       }
    }
-   static void add(T& t, const Pfx& p) { t.t.routeIs(to(p), true); }
-   static bool del(T& t, const Pfx& p) { return t.t.routeDel(to(p)); }
-   static bool has(const T& t, const Pfx& p) { return t.t.routeHas(to(p)); }
-   static std::optional<Pfx> longestMatch(const T& t, const Pfx& q) {
-      const auto m = t.t.longestMatch(to(q));
-      return m ? std::optional<Pfx>(from(*m)) : std::nullopt;
+   static Key key(const Pfx& p) {
+      if constexpr (W == 32) {
+         return Key(Pexo::Prefix(Pexo::IpAddr(uint32_t(p.key >> 96)), p.len));
+      } else {
+         return Key(Pexo::Ip6Prefix(Pexo::Ip6Addr(uint64_t(p.key >> 64), uint64_t(p.key)), p.len));
+      }
+   }
+   void add(const Pfx& p) { t->routeIs(key(p), true); }
+   bool del(const Pfx& p) { return t->routeDel(key(p)); }
+   bool has(const Pfx& p) const { return t->routeHas(key(p)); }
+   std::optional<Pfx> longestMatch(const Pfx& q) const {
+      const auto m = t->longestMatch(key(q));
+      return m ? std::optional(fromPexo(*m)) : std::nullopt;
    }
    template <class F>
-   static void walk(const T& t, const Pfx& p, F f) {
-      t.t.preOrderWalk(to(p), [&](const Pexo::IpGenPrefix& q) { return f(from(q)); });
+   void walk(const Pfx& from, F f) const {
+      t->preOrderWalk(key(from), [&](const auto& q) { return f(fromPexo(q)); });
    }
-   static size_t size(const T& t) { return t.t.size() - t.noise; }
-   static const auto& core(const T& t) {
-      if constexpr (kV4) {
-         return t.t.v4().core();
+   size_t size() const { return t->size() - noise; }
+   const auto& core() const {
+      if constexpr (!std::is_same_v<TrieT, Routing::TrieGen>) {
+         return t->core();
+      } else if constexpr (W == 32) {
+         return t->v4().core();
       } else {
-         return t.t.v6().core();
+         return t->v6().core();
       }
    }
 };
@@ -273,236 +221,182 @@ private:
    std::vector<Uint128> bases_;
 };
 
-template <class Fam>
-void expectSameSet(const typename Fam::T& t, const std::set<Pfx>& model) {
+template <class S>
+void expectSameSet(const S& t, const std::set<Pfx>& model) {
    std::vector<Pfx> all;
-   Fam::walk(t, Pfx{0, 0}, [&](const Pfx& p) {
+   t.walk(Pfx{0, 0}, [&](const Pfx& p) {
       all.push_back(p);
       return true;
    });
    EXPECT_EQ(all, std::vector<Pfx>(model.begin(), model.end()));
-   EXPECT_EQ(Fam::size(t), model.size());
-   EXPECT_EQ(Fam::core(t).checkInvariants(), "");
+   EXPECT_EQ(t.size(), model.size());
+   EXPECT_EQ(t.core().checkInvariants(), "");
    // Branch nodes only where stored paths split.
-   EXPECT_LE(Fam::core(t).nodeCount(), model.empty() ? 0 : 2 * model.size() - 1);
+   EXPECT_LE(t.core().nodeCount(), model.empty() ? 0 : 2 * model.size() - 1);
 }
 
-template <class Fam>
-void runOperations(Shape shape, uint64_t seed, int steps) {
+// Random operations, each checked against the model; then everything is
+// deleted in random order (the trie must stay right all the way down and
+// end with no node in use), and filled again into the same pool.
+template <class S>
+void runOperations(Shape shape, uint64_t seed) {
    SCOPED_TRACE("shape " + std::to_string(int(shape)) + " seed " + std::to_string(seed));
-   PrefixSource src(shape, Fam::kBits, seed);
-   typename Fam::T t;
+   PrefixSource src(shape, S::kBits, seed);
+   S t;
    std::set<Pfx> model;
-   for (int step = 0; step < steps; ++step) {
+   for (int step = 0; step < 5000; ++step) {
       const unsigned r = src.below(100);
-      if (r < 40) {
+      if (r < 45) {
          const Pfx p = src.prefix();
-         Fam::add(t, p);
+         t.add(p);
          model.insert(p);
       } else if (r < 55) {
-         if (!model.empty()) {
-            const Pfx p = src.pick(model);
-            EXPECT_TRUE(Fam::del(t, p)) << p;
-            model.erase(p);
-         }
-      } else if (r < 60) {
-         const Pfx p = src.prefix();
-         EXPECT_EQ(Fam::del(t, p), model.erase(p) == 1) << p;
-      } else if (r < 70) {
+         const Pfx p = model.empty() || src.below(3) == 0 ? src.prefix() : src.pick(model);
+         ASSERT_EQ(t.del(p), model.erase(p) == 1) << p;
+      } else if (r < 65) {
          const Pfx p = model.empty() || src.below(2) ? src.prefix() : src.pick(model);
-         EXPECT_EQ(Fam::has(t, p), model.count(p) == 1) << p;
-      } else if (r < 90) {
+         ASSERT_EQ(t.has(p), model.count(p) == 1) << p;
+      } else if (r < 88) {
          const Pfx q = src.query(model);
-         ASSERT_EQ(Fam::longestMatch(t, q), modelLongestMatch(model, q)) << "query " << q;
+         ASSERT_EQ(t.longestMatch(q), modelLongestMatch(model, q)) << "query " << q;
       } else {
          const Pfx from = src.walkRoot(model);
          const uint64_t salt = src.next();
-         const unsigned every = 1 + src.below(4);  // 1: prune at every node
+         const unsigned every = 1 + src.below(4);  // 1: prune at every prefix
          auto prune = [&](const Pfx& p) {
             return (uint64_t(p.key >> 64) ^ uint64_t(p.key) ^ p.len ^ salt) % 7 % every == 0;
          };
          std::vector<Pfx> seen;
-         Fam::walk(t, from, [&](const Pfx& p) {
+         t.walk(from, [&](const Pfx& p) {
             seen.push_back(p);
             return !prune(p);
          });
          ASSERT_EQ(seen, modelWalk(model, from, prune)) << "walk from " << from;
       }
-      if (step % 256 == 0) {
-         expectSameSet<Fam>(t, model);
+      if (step % 500 == 0) {
+         expectSameSet(t, model);
       }
    }
-   expectSameSet<Fam>(t, model);
+   expectSameSet(t, model);
+
+   const std::set<Pfx> full = model;
+   const size_t memory = t.core().memoryUsage();
+   std::vector<Pfx> order(full.begin(), full.end());
+   std::shuffle(order.begin(), order.end(), std::mt19937_64(seed));
+   for (size_t i = 0; i < order.size(); ++i) {
+      ASSERT_TRUE(t.del(order[i]));
+      model.erase(order[i]);
+      if (i % 50 == 0) {
+         expectSameSet(t, model);
+         const Pfx q = src.query(full);
+         ASSERT_EQ(t.longestMatch(q), modelLongestMatch(model, q)) << "query " << q;
+      }
+   }
+   expectSameSet(t, model);
+   EXPECT_EQ(t.core().nodeCount(), 0u);
+   for (const Pfx& p : order) {
+      t.add(p);
+   }
+   expectSameSet(t, full);
+   EXPECT_EQ(t.core().memoryUsage(), memory);
 }
 
-template <class Fam>
+template <class S>
 class TrieProperty : public testing::Test {};
 
-struct FamilyNames {
-   template <class T>
-   static std::string GetName(int) {
-      if constexpr (std::is_same_v<T, V4>) {
-         return "Ipv4";
-      } else if constexpr (std::is_same_v<T, V6>) {
-         return "Ipv6";
-      } else if constexpr (std::is_same_v<T, Gen<V4>>) {
-         return "GenIpv4";
-      } else {
-         return "GenIpv6";
-      }
-   }
-};
-using Families = testing::Types<V4, V6, Gen<V4>, Gen<V6>>;
-TYPED_TEST_SUITE(TrieProperty, Families, FamilyNames);
+using Subjects = testing::Types<Subject<32, Pexo::Prefix, Routing::Trie>,
+                                Subject<128, Pexo::Ip6Prefix, Routing6::Trie>,
+                                Subject<128, Pexo::IpGenPrefix, Routing6::Trie>,
+                                Subject<32, Pexo::IpGenPrefix, Routing::TrieGen>,
+                                Subject<128, Pexo::IpGenPrefix, Routing::TrieGen>>;
+TYPED_TEST_SUITE(TrieProperty, Subjects);
 
 TYPED_TEST(TrieProperty, RandomOperationsMatchModel) {
    for (Shape shape : {Shape::uniform, Shape::clustered, Shape::nested, Shape::shortLen}) {
       for (uint64_t seed : {1, 2, 3}) {
-         runOperations<TypeParam>(shape, seed, 4000);
+         runOperations<TypeParam>(shape, seed);
       }
-   }
-}
-
-// Fill, then delete everything in random order: the trie stays right all
-// the way down, ends with no node in use, and filling again reuses the pool
-// without growing it.
-TYPED_TEST(TrieProperty, DeleteToEmptyAndRefill) {
-   using Fam = TypeParam;
-   for (Shape shape : {Shape::uniform, Shape::clustered, Shape::nested}) {
-      PrefixSource src(shape, Fam::kBits, 7);
-      typename Fam::T t;
-      std::set<Pfx> model;
-      for (int i = 0; i < 3000; ++i) {
-         const Pfx p = src.prefix();
-         Fam::add(t, p);
-         model.insert(p);
-      }
-      const std::set<Pfx> full = model;
-      const size_t memory = Fam::core(t).memoryUsage();
-      std::vector<Pfx> order(full.begin(), full.end());
-      std::shuffle(order.begin(), order.end(), std::mt19937_64(8));
-      for (size_t i = 0; i < order.size(); ++i) {
-         ASSERT_TRUE(Fam::del(t, order[i]));
-         ASSERT_FALSE(Fam::del(t, order[i]));
-         model.erase(order[i]);
-         if (i % 97 == 0) {
-            expectSameSet<Fam>(t, model);
-            const Pfx q = src.query(full);
-            ASSERT_EQ(Fam::longestMatch(t, q), modelLongestMatch(model, q));
-         }
-      }
-      expectSameSet<Fam>(t, model);
-      EXPECT_EQ(Fam::core(t).nodeCount(), 0u);
-      EXPECT_EQ(Fam::longestMatch(t, Pfx{0, 0}), std::nullopt);
-      // Again, half of it in a different order, half deleted and re-added.
-      std::shuffle(order.begin(), order.end(), std::mt19937_64(9));
-      for (const Pfx& p : order) {
-         Fam::add(t, p);
-      }
-      for (size_t i = 0; i < order.size() / 2; ++i) {
-         Fam::del(t, order[i]);
-      }
-      for (size_t i = 0; i < order.size() / 2; ++i) {
-         Fam::add(t, order[i]);
-      }
-      expectSameSet<Fam>(t, full);
-      EXPECT_EQ(Fam::core(t).memoryUsage(), memory);
    }
 }
 
 // ---- Edge cases, both families side by side in one TrieGen ----
 
-Pexo::IpGenPrefix gp(const char* text) {
-   Zop::TextCursor c(text);
-   return Pexo::IpGenPrefix(c);
+std::vector<Pexo::IpGenPrefix> gps(const std::vector<const char*>& texts) {
+   std::vector<Pexo::IpGenPrefix> out;
+   for (const char* s : texts) {
+      out.push_back(gp(s));
+   }
+   return out;
 }
 
-struct MatchCase {
-   std::vector<const char*> stored;
-   const char* query;
-   const char* expected;  // nullptr: no match
-};
-
 TEST(TrieEdges, LongestMatch) {
-   const std::vector<MatchCase> cases = {
+   const std::vector<const char*> nest4 = {"10.0.0.0/8", "10.1.0.0/16", "10.1.2.0/24"};
+   const std::vector<const char*> nest6 = {"2001:db8::/32", "2001:db8::/64",
+                                           "2001:db8::8000:0:0:0/65", "2001:db8::1/128"};
+   struct Case {
+      std::vector<const char*> stored;
+      const char* query;
+      const char* expected;  // nullptr: no match
+   };
+   const std::vector<Case> cases = {
        {{}, "10.0.0.1/32", nullptr},
-       {{}, "::/0", nullptr},
        {{"0.0.0.0/0"}, "255.255.255.255/32", "0.0.0.0/0"},
        {{"0.0.0.0/0"}, "0.0.0.0/0", "0.0.0.0/0"},
        {{"128.0.0.0/1"}, "10.0.0.0/8", nullptr},
-       {{"128.0.0.0/1"}, "0.0.0.0/0", nullptr},
-       {{"10.0.0.0/8", "10.1.0.0/16", "10.1.2.0/24"}, "10.1.2.3/32", "10.1.2.0/24"},
-       {{"10.0.0.0/8", "10.1.0.0/16", "10.1.2.0/24"}, "10.1.3.3/32", "10.1.0.0/16"},
-       {{"10.0.0.0/8", "10.1.0.0/16", "10.1.2.0/24"}, "10.1.0.0/15", "10.0.0.0/8"},
-       {{"10.0.0.0/8", "10.1.0.0/16", "10.1.2.0/24"}, "11.1.2.3/32", nullptr},
-       {{"10.1.2.3/32"}, "10.1.2.3/32", "10.1.2.3/32"},
-       {{"10.1.2.3/32"}, "10.1.2.2/32", nullptr},
-       {{"255.255.255.255/32", "0.0.0.0/32"}, "255.255.255.255/32", "255.255.255.255/32"},
-       {{"255.255.255.255/32", "0.0.0.0/32"}, "0.0.0.0/32", "0.0.0.0/32"},
-       // Host bits in the lookup key count only within its length.
+       {nest4, "10.1.2.3/32", "10.1.2.0/24"},
+       {nest4, "10.1.3.3/32", "10.1.0.0/16"},
+       {nest4, "10.1.0.0/15", "10.0.0.0/8"},  // shorter than the /16 it covers
+       {nest4, "11.1.2.3/32", nullptr},
+       {{"10.1.2.3/32", "255.255.255.255/32"}, "10.1.2.2/32", nullptr},
+       {{"10.1.2.3/32", "255.255.255.255/32"}, "255.255.255.255/32", "255.255.255.255/32"},
+       // Host bits of the lookup key count only within its length.
        {{"10.1.0.0/16"}, "10.1.255.255/16", "10.1.0.0/16"},
        {{"10.1.0.0/16"}, "10.1.255.255/15", nullptr},
-       // Two prefixes that split below a branch node that is not stored.
+       // Under a branch node that is not stored.
        {{"10.0.0.0/24", "10.0.1.0/24"}, "10.0.0.0/23", nullptr},
        {{"::/0"}, "2001:db8::1/128", "::/0"},
-       {{"2001:db8::/32", "2001:db8:0:1::/64", "2001:db8::1/128"},
-        "2001:db8::1/128",
-        "2001:db8::1/128"},
-       {{"2001:db8::/32", "2001:db8:0:1::/64", "2001:db8::1/128"},
-        "2001:db8::2/128",
-        "2001:db8::/32"},
-       {{"2001:db8::/32", "2001:db8:0:1::/64", "2001:db8::1/128"},
-        "2001:db8:0:1::5/128",
-        "2001:db8:0:1::/64"},
-       // Around the middle of the 128-bit key.
-       {{"2001:db8::/64", "2001:db8::8000:0:0:0/65"},
-        "2001:db8::8000:0:0:1/128",
-        "2001:db8::8000:0:0:0/65"},
-       {{"2001:db8::/64", "2001:db8::8000:0:0:0/65"}, "2001:db8::7fff:0:0:1/128", "2001:db8::/64"},
-       {{"2001:db8::/63"}, "2001:db8:0:1::/64", "2001:db8::/63"},
+       {nest6, "2001:db8::1/128", "2001:db8::1/128"},
+       {nest6, "2001:db8::2/128", "2001:db8::/64"},
+       {nest6, "2001:db8::8000:0:0:1/128", "2001:db8::8000:0:0:0/65"},
+       {nest6, "2001:db8:0:1::/64", "2001:db8::/32"},
        {{"8000::/1"}, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff/128", "8000::/1"},
        // The families never match each other.
        {{"::/0"}, "10.0.0.1/32", nullptr},
        {{"0.0.0.0/0", "::a00:0/104"}, "::a00:1/128", "::a00:0/104"},
-       {{"0.0.0.0/0"}, "::1/128", nullptr},
    };
-   for (const MatchCase& c : cases) {
+   for (const Case& c : cases) {
       Routing::TrieGen t("edges");
-      for (const char* s : c.stored) {
-         t.routeIs(gp(s), true);
+      for (const auto& p : gps(c.stored)) {
+         t.routeIs(p, true);
       }
-      const auto got = t.longestMatch(gp(c.query));
       const auto want = c.expected ? std::optional(gp(c.expected)) : std::nullopt;
-      EXPECT_EQ(got, want) << "query " << c.query << " stored first "
-                           << (c.stored.empty() ? "-" : c.stored[0]);
+      EXPECT_EQ(t.longestMatch(gp(c.query)), want) << "query " << c.query;
    }
 }
 
-struct WalkCase {
-   const char* from;
-   std::vector<const char*> prune;
-   std::vector<const char*> expected;
-};
-
 TEST(TrieEdges, PreOrderWalk) {
-   const std::vector<const char*> stored = {
-       "10.0.0.0/8",    "10.0.0.0/16",        "10.128.0.0/9", "10.0.0.0/24",
-       "10.0.0.7/32",   "11.0.0.0/8",         "0.0.0.0/0",    "2001:db8::/32",
-       "2001:db8::/48", "2001:db8:8000::/33", "::/0",         "2001:db8::/128"};
-   const std::vector<WalkCase> cases = {
+   Routing::TrieGen t("edges");
+   for (const auto& p : gps({"10.0.0.0/8", "10.0.0.0/16", "10.128.0.0/9", "10.0.0.0/24",
+                             "10.0.0.7/32", "11.0.0.0/8", "0.0.0.0/0", "2001:db8::/32",
+                             "2001:db8::/48", "2001:db8:8000::/33", "::/0", "2001:db8::/128"})) {
+      t.routeIs(p, true);
+   }
+   struct Case {
+      const char* from;
+      std::vector<const char*> prune;
+      std::vector<const char*> expected;
+   };
+   const std::vector<Case> cases = {
        {"10.0.0.0/8",
         {},
         {"10.0.0.0/8", "10.0.0.0/16", "10.0.0.0/24", "10.0.0.7/32", "10.128.0.0/9"}},
-       {"10.0.0.0/12", {}, {"10.0.0.0/16", "10.0.0.0/24", "10.0.0.7/32"}},
+       {"10.0.0.0/12", {}, {"10.0.0.0/16", "10.0.0.0/24", "10.0.0.7/32"}},  // from not stored
        {"10.0.0.0/8", {"10.0.0.0/16"}, {"10.0.0.0/8", "10.0.0.0/16", "10.128.0.0/9"}},
        {"10.0.0.0/8", {"10.0.0.0/8"}, {"10.0.0.0/8"}},
        {"0.0.0.0/0", {"10.0.0.0/8"}, {"0.0.0.0/0", "10.0.0.0/8", "11.0.0.0/8"}},
        {"10.0.0.7/32", {}, {"10.0.0.7/32"}},
        {"10.0.0.6/32", {}, {}},
        {"12.0.0.0/8", {}, {}},
-       {"10.0.0.0/7",
-        {"10.0.0.0/24"},
-        {"10.0.0.0/8", "10.0.0.0/16", "10.0.0.0/24", "10.128.0.0/9", "11.0.0.0/8"}},
        {"::/0",
         {},
         {"::/0", "2001:db8::/32", "2001:db8::/48", "2001:db8::/128", "2001:db8:8000::/33"}},
@@ -511,55 +405,39 @@ TEST(TrieEdges, PreOrderWalk) {
         {"2001:db8::/32", "2001:db8::/48", "2001:db8:8000::/33"}},
        {"2001:db8:4000::/34", {}, {}},
    };
-   Routing::TrieGen t("edges");
-   for (const char* s : stored) {
-      t.routeIs(gp(s), true);
-   }
-   for (const WalkCase& c : cases) {
-      std::set<Pexo::IpGenPrefix> prune;
-      for (const char* s : c.prune) {
-         prune.insert(gp(s));
-      }
+   for (const Case& c : cases) {
+      const auto prune = gps(c.prune);
       std::vector<Pexo::IpGenPrefix> seen;
       t.preOrderWalk(gp(c.from), [&](const Pexo::IpGenPrefix& p) {
          seen.push_back(p);
-         return prune.count(p) == 0;
+         return std::find(prune.begin(), prune.end(), p) == prune.end();
       });
-      std::vector<Pexo::IpGenPrefix> want;
-      for (const char* s : c.expected) {
-         want.push_back(gp(s));
-      }
-      EXPECT_EQ(seen, want) << "from " << c.from;
+      EXPECT_EQ(seen, gps(c.expected)) << "from " << c.from;
    }
 }
 
 // Keys that change the set and walk roots must be exact prefixes of the
-// trie's family; the error names the prefix. Lookups of such keys are
-// answered, not refused, where that makes sense.
+// trie's family, and the error names the prefix; lookups are answered.
 TEST(TrieEdges, BadKeys) {
    Routing::Trie v4;
    const Pexo::Prefix hostBits(Pexo::IpAddr(0x0A000001), 8);
    const Pexo::Prefix tooLong(Pexo::IpAddr(0x0A000000), 33);
    for (const auto& bad : {hostBits, tooLong}) {
-      const std::string text = Pexo::valueToStrep(bad);
       try {
          v4.routeIs(bad, true);
-         ADD_FAILURE() << "accepted " << text;
+         ADD_FAILURE() << "accepted " << bad;
       } catch (const Zop::RangeError& e) {
-         EXPECT_NE(std::string(e.what()).find(text), std::string::npos) << e.what();
+         EXPECT_NE(std::string(e.what()).find(Pexo::valueToStrep(bad)), std::string::npos);
       }
       EXPECT_THROW(v4.routeIs(bad, false), Zop::RangeError);
-      EXPECT_THROW(v4.routeDel(bad), Zop::RangeError);
       EXPECT_THROW(v4.preOrderWalk(bad, [](const Pexo::Prefix&) { return true; }), Zop::RangeError);
       EXPECT_FALSE(v4.routeHas(bad));
    }
    v4.routeIs(hostBits.masked(), true);
    EXPECT_EQ(v4.longestMatch(hostBits), hostBits.masked());
    EXPECT_FALSE(v4.routeHas(hostBits));
-   EXPECT_THROW(v4.longestMatch(tooLong), Zop::RangeError);
    EXPECT_THROW(v4.longestMatch(Pexo::Prefix(Pexo::IpAddr(0), Pexo::Prefix::kUnsetLength)),
                 Zop::RangeError);
-   EXPECT_EQ(v4.size(), 1u);
 
    Routing::PatriciaTrie v6;
    static_assert(std::is_same_v<Routing::PatriciaTrie, Routing6::Trie>);
@@ -567,25 +445,15 @@ TEST(TrieEdges, BadKeys) {
    EXPECT_THROW(v6.routeIs(Pexo::IpGenPrefix(), true), Zop::RangeError);
    EXPECT_THROW(v6.routeIs(gp("2001:db8::1/64"), true), Zop::RangeError);
    EXPECT_THROW(v6.longestMatch(Pexo::Ip6Prefix(Pexo::Ip6Addr(), 129)), Zop::RangeError);
-   EXPECT_THROW(v6.longestMatch(gp("10.0.0.0/8")), Zop::RangeError);
    EXPECT_FALSE(v6.routeHas(gp("10.0.0.0/8")));
-   EXPECT_TRUE(v6.empty());
 
-   // A TrieGen made for one family refuses the other.
+   // A TrieGen made for one family refuses to store the other.
    auto only4 = Routing::trieGenFactory("v4Trie", Pexo::AddressFamily::ipv4);
    EXPECT_EQ(only4->name(), "v4Trie");
-   try {
-      only4->routeIs(gp("2001:db8::/32"), true);
-      ADD_FAILURE() << "IPv6 prefix accepted by an IPv4 trie";
-   } catch (const Zop::RangeError& e) {
-      EXPECT_NE(std::string(e.what()).find("2001:db8::/32"), std::string::npos) << e.what();
-   }
-   only4->routeIs(gp("10.0.0.0/8"), true);
-   EXPECT_FALSE(only4->routeHas(gp("2001:db8::/32")));
-   EXPECT_EQ(only4->longestMatch(gp("::/0")), std::nullopt);
+   EXPECT_THROW(only4->routeIs(gp("2001:db8::/32"), true), Zop::RangeError);
    EXPECT_THROW(only4->routeIs(Pexo::IpGenPrefix(), true), Zop::RangeError);
-   EXPECT_THROW(only4->longestMatch(Pexo::IpGenPrefix()), Zop::RangeError);
-   EXPECT_EQ(only4->size(), 1u);
+   EXPECT_EQ(only4->longestMatch(gp("::/0")), std::nullopt);
+   EXPECT_EQ(v4.size() + v6.size() + only4->size(), 1u);
 }
 
 // A walk callback may look things up and may throw; it may not change the
@@ -597,41 +465,34 @@ TEST(TrieEdges, WalkCallbacks) {
    }
    const Pexo::Prefix all(Pexo::IpAddr(0), 0);
    int visits = 0;
-   EXPECT_THROW(t->preOrderWalk(all,
-                                [&](const Pexo::Prefix& p) {
-                                   ++visits;
-                                   EXPECT_EQ(t->longestMatch(p), p);
-                                   if (visits == 3) {
-                                      throw std::runtime_error("stop");
-                                   }
-                                   return true;
-                                }),
-                std::runtime_error);
-   EXPECT_EQ(visits, 3);
+   auto throwAtThird = [&](const Pexo::Prefix& p) {
+      EXPECT_EQ(t->longestMatch(p), p);
+      if (++visits == 3) {
+         throw std::runtime_error("stop");
+      }
+      return true;
+   };
+   EXPECT_THROW(t->preOrderWalk(all, throwAtThird), std::runtime_error);
    t->routeIs(all, true);  // allowed again once the walk is gone
    visits = 0;
    t->preOrderWalk(all, [&](const Pexo::Prefix&) { ++visits; });  // void: never prunes
    EXPECT_EQ(visits, 17);
-
    EXPECT_DEATH(t->preOrderWalk(all, [&](const Pexo::Prefix& p) { return t->routeDel(p); }),
                 "trie changed during a walk");
 }
 
-// The node pool stays small: a realistic IPv4 table costs well under 48 bytes
-// a prefix, pool slack included.
+// A realistic IPv4 table costs well under 48 bytes a prefix, pool slack
+// included.
 TEST(TrieEdges, MemoryPerPrefix) {
    Routing::Trie t;
    std::mt19937_64 rng(5);
    while (t.size() < 200000) {
       const uint32_t len = 16 + uint32_t(rng() % 9);
-      t.routeIs(Pexo::Prefix(Pexo::IpAddr(uint32_t(rng()) & ~uint32_t(0) << (32 - len)), len),
-                true);
+      t.routeIs(Pexo::Prefix(Pexo::IpAddr(uint32_t(rng()) & ~0u << (32 - len)), len), true);
    }
-   EXPECT_LE(t.core().nodeCount(), 2 * t.size());
    EXPECT_LT(double(t.memoryUsage()) / double(t.size()), 48.0);
    t.clear();
    EXPECT_EQ(t.memoryUsage(), 0u);
-   EXPECT_TRUE(t.empty());
 }
 
 }  // namespace
