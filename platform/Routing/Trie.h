@@ -52,7 +52,7 @@
 // where two stored paths split (exactly two children); chains of one-child
 // nodes do not exist, so n prefixes need at most 2n - 1 nodes. A node is 16
 // bytes for IPv4 and 28 bytes for IPv6, hence at most ~32 (IPv4) and ~56
-// (IPv6) bytes per prefix before the pool's growth slack (50% at most).
+// (IPv6) bytes per prefix before the pool's growth slack (25% at most).
 //
 // Not thread-safe; like everything in the agent it runs on the reactor thread.
 
@@ -131,6 +131,7 @@ public:
       unsigned len;
    };
 
+   // Trivially copyable: the pool moves nodes as flat bytes when it grows.
    struct Node {
       uint32_t child[2];  // child[0] doubles as the free list link
       uint8_t len;
@@ -194,16 +195,18 @@ private:
 
 static_assert(sizeof(PrefixTrie<uint32_t>::Node) == 16);
 static_assert(sizeof(PrefixTrie<Uint128>::Node) == 28);
+static_assert(std::is_trivially_copyable_v<PrefixTrie<Uint128>::Node>);
 
 template <class K>
 void PrefixTrie<K>::ensureSpare(size_t n) {
    if (freeCount_ + (pool_.capacity() - pool_.size()) >= n) {
       return;
    }
-   // Grow by half rather than double: the pool is the trie's whole memory,
-   // and the copy on growth is amortized either way.
+   // Grow by a quarter rather than double: the pool is the trie's whole
+   // memory, so its slack is the trie's overhead, while the copy on growth
+   // (a flat copy of trivially copyable nodes) stays amortized O(1).
    const size_t cap = pool_.capacity();
-   size_t want = std::max<size_t>({cap + cap / 2, pool_.size() + n, 64});
+   size_t want = std::max<size_t>({cap + cap / 4, pool_.size() + n, 64});
    if (want > kNil) {
       want = kNil;  // indices must stay below kNil
    }
