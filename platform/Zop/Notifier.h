@@ -121,19 +121,23 @@ public:
       detach();
       notifier_ = e;
       if (notifier_) {
-         notifier_->notifieeList().attach(self());
+         self_ = static_cast<typename E::Notifiee*>(this);
+         notifier_->notifieeList().attach(self_);
       }
    }
 
 private:
-   typename E::Notifiee* self() { return static_cast<typename E::Notifiee*>(this); }
    void detach() {
       if (notifier_) {
-         notifier_->notifieeList().detach(self());
+         notifier_->notifieeList().detach(self_);
          notifier_ = nullptr;
       }
    }
    Ptr<E> notifier_;
+   // This notifiee as the list holds it, taken while the object is whole: by
+   // the time ~BaseNotifiee runs the derived object is gone, and casting down
+   // to it then is undefined.
+   typename E::Notifiee* self_ = nullptr;
 };
 
 }  // namespace Zop
