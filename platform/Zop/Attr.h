@@ -61,6 +61,9 @@ public:
       return true;
    }
    void delAll(E& owner) {
+      // A handler may drop the last pointer to the owner; one delivery keeps
+      // it alive only for itself, so the loop holds it to the end.
+      Ptr<E> hold(owner.references() > 0 ? &owner : nullptr);
       while (!set_.empty()) {
          del(owner, *set_.begin());
       }
@@ -114,6 +117,9 @@ public:
       return old;
    }
    void delAll(E& owner) {
+      // A handler may drop the last pointer to the owner; one delivery keeps
+      // it alive only for itself, so the loop holds it to the end.
+      Ptr<E> hold(owner.references() > 0 ? &owner : nullptr);
       while (!map_.empty()) {
          K key = map_.begin()->first;
          del(owner, key);
