@@ -1,0 +1,251 @@
+// Notifying attributes and the safety of a delivery against handlers that
+// change the notifiee list, the entity, or its lifetime while it runs.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Zop/Attr.h"
+#include "Zop/Notifier.h"
+#include "Zop/Ptr.h"
+
+namespace {
+
+using Log = std::vector<std::string>;
+
+// A collection with one attribute of each kind, declared as an entity is.
+class Coll : public Zop::PtrInterface {
+public:
+   class Notifiee : public Zop::BaseNotifiee<Coll> {
+   public:
+      virtual void handleMember(const int&) {}
+      virtual void handleWeight(const std::string&) {}
+      virtual void handleCounter() {}
+   };
+   explicit Coll(int* destroyed = nullptr) : destroyed_(destroyed) {}
+
+   void memberIs(int k) { member_.is(*this, k); }
+   void memberDel(int k) { member_.del(*this, k); }
+   void memberDelAll() { member_.delAll(*this); }
+   bool member(int k) const { return member_.has(k); }
+   size_t members() const { return member_.size(); }
+   void weightIs(const std::string& k, int v) { weight_.is(*this, k, v); }
+   std::optional<int> weightDel(const std::string& k) { return weight_.del(*this, k); }
+   void weightDelAll() { weight_.delAll(*this); }
+   int weight(const std::string& k) const { return weight_.get(k, -1); }
+   size_t weights() const { return weight_.size(); }
+   void counterIs(uint32_t v) { counter_.is(*this, v); }
+   void counterInc() { counter_.inc(*this); }
+   uint32_t counter() const { return counter_.get(); }
+   Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+
+protected:
+   ~Coll() override {
+      if (destroyed_) {
+         ++*destroyed_;
+      }
+   }
+
+private:
+   int* destroyed_;
+   Zop::NotifierList<Notifiee> notifiees_;
+   Zop::HashSetAttr<Coll, int> member_{&Notifiee::handleMember};
+   Zop::OrderedMapAttr<Coll, std::string, int> weight_{&Notifiee::handleWeight};
+   Zop::ScalarAttr<Coll, uint32_t> counter_{&Notifiee::handleCounter};
+};
+
+// Logs "<name>:<attr><key>=<state seen by the handler>", then runs `then`.
+class Recorder : public Coll::Notifiee {
+public:
+   Recorder(std::string name, Log* log) : name_(std::move(name)), log_(log) {}
+   void handleMember(const int& k) override {
+      log_->push_back(name_ + ":m" + std::to_string(k) + "=" +
+                      (notifier()->member(k) ? "in" : "out"));
+      run(k);
+   }
+   void handleWeight(const std::string& k) override {
+      log_->push_back(name_ + ":w" + k + "=" + std::to_string(notifier()->weight(k)));
+      run(0);
+   }
+   void handleCounter() override {
+      log_->push_back(name_ + ":c=" + std::to_string(notifier()->counter()));
+   }
+   std::function<void(int)> then;
+
+private:
+   void run(int k) {
+      if (then) {
+         then(k);
+      }
+   }
+   std::string name_;
+   Log* log_;
+};
+
+class ZopNotifierTest : public ::testing::Test {
+protected:
+   std::unique_ptr<Recorder> recorder(const std::string& name) {
+      auto r = std::make_unique<Recorder>(name, &log);
+      r->notifierIs(coll);
+      return r;
+   }
+   Log take() { return std::exchange(log, {}); }
+
+   Zop::Ptr<Coll> coll = Zop::makePtr<Coll>();
+   Log log;
+};
+
+TEST_F(ZopNotifierTest, AttributesNotifyOnlyRealChangesAfterMakingThem) {
+   auto a = recorder("a");
+   coll->memberIs(1);
+   coll->memberIs(1);
+   coll->memberDel(2);
+   coll->memberDel(1);
+   EXPECT_EQ(take(), (Log{"a:m1=in", "a:m1=out"}));
+
+   coll->weightIs("x", 1);
+   coll->weightIs("x", 1);
+   coll->weightIs("x", 2);
+   EXPECT_EQ(coll->weightDel("y"), std::nullopt);
+   EXPECT_EQ(coll->weightDel("x"), 2);
+   EXPECT_EQ(take(), (Log{"a:wx=1", "a:wx=2", "a:wx=-1"}));
+
+   coll->counterIs(4294967295u);
+   coll->counterIs(4294967295u);
+   coll->counterInc();
+   EXPECT_EQ(take(), (Log{"a:c=4294967295", "a:c=0"}));
+}
+
+TEST_F(ZopNotifierTest, DelAllNotifiesEachRemovalWithTheStateAfterIt) {
+   auto a = recorder("a");
+   std::vector<size_t> sizes;
+   a->then = [&](int) { sizes.push_back(coll->members() + coll->weights()); };
+   for (int k : {1, 2, 3}) {
+      coll->memberIs(k);
+   }
+   coll->weightIs("p", 5);
+   coll->weightIs("q", 6);
+   take();
+   sizes.clear();
+
+   coll->weightDelAll();
+   coll->memberDelAll();
+   EXPECT_EQ(sizes, (std::vector<size_t>{4, 3, 2, 1, 0}));
+   Log got = take();
+   ASSERT_EQ(got.size(), 5u);
+   // The map goes in key order, the set in whatever order it holds.
+   std::sort(got.begin() + 2, got.end());
+   EXPECT_EQ(got, (Log{"a:wp=-1", "a:wq=-1", "a:m1=out", "a:m2=out", "a:m3=out"}));
+}
+
+TEST_F(ZopNotifierTest, InactiveNotifieeStaysRegisteredButIsSkipped) {
+   auto a = recorder("a"), b = recorder("b");
+   a->notificationActiveIs(false);
+   coll->memberIs(1);
+   EXPECT_EQ(take(), (Log{"b:m1=in"}));
+   EXPECT_EQ(coll->notifieeList().size(), 2u);
+   a->notificationActiveIs(true);
+   coll->memberIs(2);
+   EXPECT_EQ(take(), (Log{"a:m2=in", "b:m2=in"}));
+}
+
+TEST_F(ZopNotifierTest, HandlerDetachesOrDestroysNotifieesNotYetCalled) {
+   auto a = recorder("a"), b = recorder("b"), c = recorder("c"), d = recorder("d");
+   a->then = [&](int) {
+      b->notifierIs(nullptr);
+      c.reset();
+      a->notifierIs(nullptr);
+   };
+   coll->memberIs(1);
+   EXPECT_EQ(take(), (Log{"a:m1=in", "d:m1=in"}));
+   coll->memberIs(2);
+   EXPECT_EQ(take(), (Log{"d:m2=in"}));
+   EXPECT_EQ(coll->notifieeList().size(), 1u);
+}
+
+TEST_F(ZopNotifierTest, HandlerDeletesItself) {
+   class SelfDeleting : public Coll::Notifiee {
+      void handleMember(const int&) override { delete this; }
+   };
+   (new SelfDeleting)->notifierIs(coll);
+   auto b = recorder("b");
+   coll->memberIs(1);
+   coll->memberIs(2);
+   EXPECT_EQ(take(), (Log{"b:m1=in", "b:m2=in"}));
+   EXPECT_EQ(coll->notifieeList().size(), 1u);
+}
+
+TEST_F(ZopNotifierTest, NotifieeRegisteredDuringDeliveryWaitsForTheNextChange) {
+   auto a = recorder("a");
+   std::unique_ptr<Recorder> late;
+   a->then = [&](int) {
+      if (!late) {
+         late = recorder("late");
+      }
+   };
+   coll->memberIs(1);
+   EXPECT_EQ(take(), (Log{"a:m1=in"}));
+   coll->memberIs(2);
+   EXPECT_EQ(take(), (Log{"a:m2=in", "late:m2=in"}));
+}
+
+TEST_F(ZopNotifierTest, NestedChangeIsDeliveredAtOnceAndDetachInsideItIsSafe) {
+   auto a = recorder("a"), b = recorder("b"), c = recorder("c");
+   a->then = [&](int k) {
+      if (k < 3) {
+         coll->memberIs(k + 1);
+      }
+   };
+   // b leaves during the innermost delivery; the outer ones must neither call
+   // it again nor lose track of c.
+   b->then = [&](int k) {
+      if (k == 3) {
+         b->notifierIs(nullptr);
+      }
+   };
+   coll->memberIs(1);
+   EXPECT_EQ(take(),
+             (Log{"a:m1=in", "a:m2=in", "a:m3=in", "b:m3=in", "c:m3=in", "c:m2=in", "c:m1=in"}));
+   EXPECT_EQ(coll->notifieeList().size(), 2u);
+}
+
+// The entity is reached only through a raw pointer and the notifiees' own
+// pointers; the last notifiee to leave drops the last reference mid-change.
+TEST_F(ZopNotifierTest, LastReferenceDroppedDuringDeliveryOutlivesTheChange) {
+   int destroyed = 0;
+   for (int which = 0; which < 3; ++which) {
+      Zop::Ptr<Coll> owned = Zop::makePtr<Coll>(&destroyed);
+      for (int k : {1, 2, 3}) {
+         owned->memberIs(k);
+      }
+      owned->weightIs("p", 1);
+      owned->weightIs("q", 2);
+      Coll* raw = owned.ptr();
+      auto a = std::make_unique<Recorder>("a", &log);
+      a->notifierIs(owned);
+      auto b = std::make_unique<Recorder>("b", &log);
+      b->notifierIs(owned);
+      owned = nullptr;
+      a->then = [&](int) { a->notifierIs(nullptr); };
+      b->then = [&](int) {
+         b->notifierIs(nullptr);
+         EXPECT_EQ(destroyed, which) << "freed while its change is being delivered";
+      };
+      if (which == 0) {
+         raw->memberIs(4);
+      } else if (which == 1) {
+         raw->memberDelAll();
+      } else {
+         raw->weightDelAll();
+      }
+      EXPECT_EQ(destroyed, which + 1);
+   }
+}
+
+}  // namespace
