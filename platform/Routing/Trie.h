@@ -16,7 +16,8 @@
 // Promises and costs (W = address width, 32 or 128; n = prefixes stored):
 //
 //   routeIs(p, true)   Adds p; adding a stored prefix changes nothing.
-//                      O(W). Creates at most two nodes.
+//                      O(W) amortized (the pool grows now and then).
+//                      Creates at most two nodes.
 //   routeIs(p, false)  Same as routeDel(p).
 //   routeDel(p)        Removes p; returns whether it was stored. O(W).
 //                      Frees at most two nodes for reuse.
@@ -38,6 +39,7 @@
 //                      walks (checked: doing so aborts); lookups are fine.
 //   size(), empty()    O(1).
 //   clear()            Removes everything and releases the node memory.
+//                      (A trie emptied by routeDel keeps it for reuse.)
 //   memoryUsage()      Bytes held by the node pool, spare capacity included.
 //
 // Keys given to routeIs, routeDel and preOrderWalk must be valid prefixes
@@ -46,11 +48,12 @@
 // longestMatch accepts host bits but not an out-of-range length.
 //
 // Layout. Nodes live in one contiguous pool and refer to each other by 32-bit
-// index, so a node costs no allocation of its own and the whole trie is a few
-// large blocks. Freed nodes go on a free list threaded through their child
+// index, so a node costs no allocation of its own and the whole trie is one
+// large block. Freed nodes go on a free list threaded through their child
 // slot. A node is either a stored prefix (any number of children) or a branch
-// where two stored paths split (exactly two children); chains of one-child
-// nodes do not exist, so n prefixes need at most 2n - 1 nodes. A node is 16
+// where two stored paths split (exactly two children, always): no node exists
+// that neither holds a prefix nor splits a path, so n prefixes need at most
+// 2n - 1 nodes. A node is 16
 // bytes for IPv4 and 28 bytes for IPv6, hence at most ~32 (IPv4) and ~56
 // (IPv6) bytes per prefix before the pool's growth slack (25% at most).
 //
@@ -146,7 +149,8 @@ public:
    // Number of leading bits a and b share.
    static unsigned commonLen(K a, K b) { return Traits::leadingZeros(a ^ b); }
 
-   // Adds key/len; returns false when it was already stored.
+   // Adds key/len; returns false when it was already stored. The key must be
+   // a prefix: len <= kBits and no bit set beyond len.
    bool insert(K key, unsigned len);
    // Removes key/len; returns false when it was not stored.
    bool erase(K key, unsigned len);
@@ -166,10 +170,17 @@ public:
    std::string checkInvariants() const;
 
 private:
+   // Walks in progress. A copy of the trie starts with none.
+   struct WalkCount {
+      uint32_t n = 0;
+      WalkCount() = default;
+      WalkCount(const WalkCount&) {}
+      WalkCount& operator=(const WalkCount&) { return *this; }
+   };
    class WalkGuard {
    public:
-      explicit WalkGuard(const PrefixTrie& t) : t_(t) { ++t_.walkers_; }
-      ~WalkGuard() { --t_.walkers_; }
+      explicit WalkGuard(const PrefixTrie& t) : t_(t) { ++t_.walkers_.n; }
+      ~WalkGuard() { --t_.walkers_.n; }
       WalkGuard(const WalkGuard&) = delete;
       WalkGuard& operator=(const WalkGuard&) = delete;
 
@@ -182,7 +193,7 @@ private:
    uint32_t alloc(K key, unsigned len, bool stored);
    void release(uint32_t i);
    void assertNotWalking() const {
-      ZOP_ASSERT(walkers_ == 0, "trie changed during a walk of it", "Routing/Trie");
+      ZOP_ASSERT(walkers_.n == 0, "trie changed during a walk of it", "Routing/Trie");
    }
 
    std::vector<Node> pool_;
@@ -190,7 +201,7 @@ private:
    uint32_t freeHead_ = kNil;
    uint32_t freeCount_ = 0;
    size_t size_ = 0;
-   mutable uint32_t walkers_ = 0;
+   mutable WalkCount walkers_;
 };
 
 static_assert(sizeof(PrefixTrie<uint32_t>::Node) == 16);
