@@ -47,7 +47,10 @@ public:
       if (!set_.insert(k).second) {
          return false;
       }
-      notify(owner, k);
+      // Handlers get their own copy: `k` may refer to a key that a handler
+      // removes.
+      const K key = k;
+      notify(owner, key);
       return true;
    }
    bool del(E& owner, const K& k) {
@@ -101,7 +104,10 @@ public:
          }
          it->second = v;
       }
-      notify(owner, k);
+      // Handlers get their own copy: `k` may refer to a key that a handler
+      // removes.
+      const K key = k;
+      notify(owner, key);
       return true;
    }
    // The removed value, or none when the key was absent.
