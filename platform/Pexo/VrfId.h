@@ -56,7 +56,12 @@ public:
       c.expect("', ** {'vrfId': ", "vrfId");
       vrfId_ = VrfId(c);
       c.expect(", 'prefix': ", "prefix");
-      prefix_ = P(c);
+      try {
+         prefix_ = P(c);
+      } catch (const Zop::ParseError& e) {
+         // Whatever part of the prefix failed, the key's field is "prefix".
+         throw Zop::ParseError("prefix", e.what());
+      }
       c.expect("})", "value");
    }
 
