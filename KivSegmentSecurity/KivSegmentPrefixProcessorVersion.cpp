@@ -1,5 +1,7 @@
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorVersion.h"
 
 namespace Kiv {
-const char* kivSegmentPrefixProcessorVersion() { return KIV_VERSION; }
+const char* kivSegmentPrefixProcessorVersion() {
+   return KIV_VERSION;
+}
 }  // namespace Kiv
