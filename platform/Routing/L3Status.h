@@ -1,30 +1,97 @@
 #pragma once
-// The L3 status the routing agent publishes: VRF names by id and the
-// adjacency of every FIB route, per family, keyed by (VRF id, prefix).
-// Observers are told the key of every change.
+// The L3 status the routing agent publishes:
+//   vrfName      VRF id -> VRF name          vrfId   VRF name -> VRF id
+//   vrfStatus    VRF name -> per-VRF status (routingEnabled, routing6Enabled)
+//   vrfDropIndex VRF name -> index of the VRF's drop FECs (16 bits)
+//   adjacency    global FEC id -> adjacency
+//   routeAdj / route6Adj  (VRF id, prefix) -> adjacency of each FIB route
+// The agent publishes a VRF's status, drop index and drop adjacencies before
+// its id, and removes them after its id; a FEC's adjacency is published
+// before anything refers to the FEC. Observers are told the key of every
+// change.
 
 #include "Pexo/VrfId.h"
 #include "Pexo/VrfName.h"
+#include "Quarn/GlobalFecId.h"
 #include "Routing/AdjEntry.h"
 #include "Zop/Attr.h"
 
 namespace L3 {
+
+// The routing state of one VRF.
+class VrfStatus : public Zop::PtrInterface {
+public:
+   class Notifiee : public Zop::BaseNotifiee<VrfStatus> {
+   public:
+      virtual void handleRoutingEnabled() {}
+      virtual void handleRouting6Enabled() {}
+   };
+
+   explicit VrfStatus(const VrfName& name) : name_(name) {}
+   const VrfName& name() const { return name_; }
+   bool routingEnabled() const { return routingEnabled_.get(); }
+   void routingEnabledIs(bool on) { routingEnabled_.is(*this, on); }
+   bool routing6Enabled() const { return routing6Enabled_.get(); }
+   void routing6EnabledIs(bool on) { routing6Enabled_.is(*this, on); }
+   // The flag of the prefix's family.
+   bool routingEnabled(Pexo::AddressFamily af) const {
+      return af == Pexo::AddressFamily::ipv6 ? routing6Enabled() : routingEnabled();
+   }
+
+   Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+
+private:
+   const VrfName name_;
+   Zop::NotifierList<Notifiee> notifiees_;
+   Zop::ScalarAttr<VrfStatus, bool> routingEnabled_{&Notifiee::handleRoutingEnabled, false};
+   Zop::ScalarAttr<VrfStatus, bool> routing6Enabled_{&Notifiee::handleRouting6Enabled, false};
+};
 
 class L3Status : public Zop::PtrInterface {
 public:
    class Notifiee : public Zop::BaseNotifiee<L3Status> {
    public:
       virtual void handleVrfName(const VrfId&) {}
+      virtual void handleVrfId(const VrfName&) {}
+      virtual void handleVrfStatus(const VrfName&) {}
+      virtual void handleVrfDropIndex(const VrfName&) {}
+      virtual void handleAdjacency(const Quarn::Fib::GlobalFecId&) {}
       virtual void handleRouteAdj(const VrfAndPrefix&) {}
       virtual void handleRoute6Adj(const VrfAndIp6Prefix&) {}
    };
 
-   // VRF names by id.
+   // VRF names by id; empty name when the id is unknown.
    void vrfNameIs(VrfId id, const VrfName& name) { vrfName_.is(*this, id, name); }
    void vrfNameDel(VrfId id) { vrfName_.del(*this, id); }
-   // The VRF's name; empty when the id is unknown.
    VrfName vrfName(VrfId id) const { return vrfName_.get(id); }
    bool vrfNameHas(VrfId id) const { return vrfName_.has(id); }
+   const auto& vrfName() const { return vrfName_; }
+
+   // VRF ids by name.
+   void vrfIdIs(const VrfName& name, VrfId id) { vrfId_.is(*this, name, id); }
+   void vrfIdDel(const VrfName& name) { vrfId_.del(*this, name); }
+   const VrfId* vrfId(const VrfName& name) const { return vrfId_.find(name); }
+
+   // Per-VRF status by name; null when absent.
+   void vrfStatusIs(const Zop::Ptr<VrfStatus>& s) { vrfStatus_.is(*this, s->name(), s); }
+   void vrfStatusDel(const VrfName& name) { vrfStatus_.del(*this, name); }
+   Zop::Ptr<VrfStatus> vrfStatus(const VrfName& name) const { return vrfStatus_.get(name); }
+
+   // The index of a VRF's drop FECs; 0 when the name is not listed.
+   void vrfDropIndexIs(const VrfName& name, uint16_t index) {
+      vrfDropIndex_.is(*this, name, index);
+   }
+   void vrfDropIndexDel(const VrfName& name) { vrfDropIndex_.del(*this, name); }
+   uint16_t vrfDropIndex(const VrfName& name) const { return vrfDropIndex_.get(name, 0); }
+
+   // Adjacencies by global FEC id; null when absent.
+   void adjacencyIs(const Quarn::Fib::GlobalFecId& id, const Zop::Ptr<AdjEntry>& adj) {
+      adjacency_.is(*this, id, adj);
+   }
+   void adjacencyDel(const Quarn::Fib::GlobalFecId& id) { adjacency_.del(*this, id); }
+   Zop::Ptr<AdjEntry> adjacency(const Quarn::Fib::GlobalFecId& id) const {
+      return adjacency_.get(id);
+   }
 
    // Adjacencies of the IPv4 FIB routes.
    void routeAdjIs(const VrfAndPrefix& k, const Zop::Ptr<AdjEntry>& adj) {
@@ -33,6 +100,7 @@ public:
    void routeAdjDel(const VrfAndPrefix& k) { routeAdj_.del(*this, k); }
    Zop::Ptr<AdjEntry> routeAdj(const VrfAndPrefix& k) const { return routeAdj_.get(k); }
    size_t routeAdjCount() const { return routeAdj_.size(); }
+   void routeAdjReserve(size_t n) { routeAdj_.reserve(n); }
 
    // Adjacencies of the IPv6 FIB routes.
    void route6AdjIs(const VrfAndIp6Prefix& k, const Zop::Ptr<AdjEntry>& adj) {
@@ -47,6 +115,11 @@ public:
 private:
    Zop::NotifierList<Notifiee> notifiees_;
    Zop::HashMapAttr<L3Status, VrfId, VrfName> vrfName_{&Notifiee::handleVrfName};
+   Zop::HashMapAttr<L3Status, VrfName, VrfId> vrfId_{&Notifiee::handleVrfId};
+   Zop::HashMapAttr<L3Status, VrfName, Zop::Ptr<VrfStatus>> vrfStatus_{&Notifiee::handleVrfStatus};
+   Zop::HashMapAttr<L3Status, VrfName, uint16_t> vrfDropIndex_{&Notifiee::handleVrfDropIndex};
+   Zop::HashMapAttr<L3Status, Quarn::Fib::GlobalFecId, Zop::Ptr<AdjEntry>> adjacency_{
+       &Notifiee::handleAdjacency};
    Zop::HashMapAttr<L3Status, VrfAndPrefix, Zop::Ptr<AdjEntry>> routeAdj_{
        &Notifiee::handleRouteAdj};
    Zop::HashMapAttr<L3Status, VrfAndIp6Prefix, Zop::Ptr<AdjEntry>> route6Adj_{
@@ -55,6 +128,9 @@ private:
 
 inline Zop::Ptr<L3Status> l3StatusFactory() {
    return Zop::makePtr<L3Status>();
+}
+inline Zop::Ptr<VrfStatus> vrfStatusFactory(const VrfName& name) {
+   return Zop::makePtr<VrfStatus>(name);
 }
 
 }  // namespace L3

@@ -1,0 +1,40 @@
+#pragma once
+// FIB routes per VRF, as the routing agent publishes them: (VRF id, prefix)
+// -> the route's programmed RouteInfo. One collection per family.
+
+#include "Pexo/VrfId.h"
+#include "Routing/RouteInfo.h"
+#include "Zop/Attr.h"
+
+namespace Routing {
+
+template <class Key>
+class VrfFibRouteCollectionT : public Zop::PtrInterface {
+public:
+   class Notifiee : public Zop::BaseNotifiee<VrfFibRouteCollectionT> {
+   public:
+      virtual void handleFibRoute(const Key&) {}
+   };
+
+   void fibRouteIs(const Key& k, const RouteInfo& r) { fibRoute_.is(*this, k, r); }
+   void fibRouteDel(const Key& k) { fibRoute_.del(*this, k); }
+   const RouteInfo* fibRoute(const Key& k) const { return fibRoute_.find(k); }
+   bool fibRouteHas(const Key& k) const { return fibRoute_.has(k); }
+   size_t fibRouteCount() const { return fibRoute_.size(); }
+   const auto& fibRoute() const { return fibRoute_; }
+   void fibRouteReserve(size_t n) { fibRoute_.reserve(n); }
+
+   Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+
+private:
+   Zop::NotifierList<Notifiee> notifiees_;
+   Zop::HashMapAttr<VrfFibRouteCollectionT, Key, RouteInfo> fibRoute_{&Notifiee::handleFibRoute};
+};
+
+using KivVrfFibRouteCollection = VrfFibRouteCollectionT<VrfAndPrefix>;
+using KivVrfFibRoute6Collection = VrfFibRouteCollectionT<VrfAndIp6Prefix>;
+
+}  // namespace Routing
+
+using Routing::KivVrfFibRoute6Collection;
+using Routing::KivVrfFibRouteCollection;
