@@ -5,6 +5,7 @@
 //   vrfDropIndex VRF name -> index of the VRF's drop FECs (16 bits)
 //   adjacency    global FEC id -> adjacency
 //   routeAdj / route6Adj  (VRF id, prefix) -> adjacency of each FIB route
+//   vrfTableStatus        VRF name -> FIB table id
 // The agent publishes a VRF's status, drop index and drop adjacencies before
 // its id, and removes them after its id; a FEC's adjacency is published
 // before anything refers to the FEC. Observers are told the key of every
@@ -110,10 +111,16 @@ public:
    Zop::Ptr<AdjEntry> route6Adj(const VrfAndIp6Prefix& k) const { return route6Adj_.get(k); }
    size_t route6AdjCount() const { return route6Adj_.size(); }
 
+   // The FIB tables' VRF table status (VRF name -> FIB table id), published
+   // with the L3 status.
+   const Zop::Ptr<Quarn::Fib::VrfTableStatus>& vrfTableStatus() const { return vrfTableStatus_; }
+
    Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
 
 private:
    Zop::NotifierList<Notifiee> notifiees_;
+   const Zop::Ptr<Quarn::Fib::VrfTableStatus> vrfTableStatus_ =
+       Zop::makePtr<Quarn::Fib::VrfTableStatus>();
    Zop::HashMapAttr<L3Status, VrfId, VrfName> vrfName_{&Notifiee::handleVrfName};
    Zop::HashMapAttr<L3Status, VrfName, VrfId> vrfId_{&Notifiee::handleVrfId};
    Zop::HashMapAttr<L3Status, VrfName, Zop::Ptr<VrfStatus>> vrfStatus_{&Notifiee::handleVrfStatus};
