@@ -36,6 +36,10 @@ public:
    bool isNull() const { return type_ == kNull; }
    // The id as one 64-bit number (type, table id, index from high to low).
    uint64_t value() const { return (uint64_t(type_) << 48) | (uint64_t(tableId_) << 16) | index_; }
+   // The inverse of value().
+   static GlobalFecId fromValue(uint64_t v) {
+      return GlobalFecId(uint8_t(v >> 48), uint32_t(v >> 16), uint16_t(v));
+   }
 
    void doInit() {
       if (type_ > kForward) {

@@ -1,0 +1,97 @@
+#pragma once
+// FibRouteReactorSm keeps the segment class id of FIB routes in step with
+// the segment prefixes above them.
+//
+// It reacts to a FIB route appearing, changing or disappearing (either FIB
+// route collection, or the route's adjacency in the L3 status) and drains the
+// FIB route review list that syncFibRouteHwId fills. A FIB route that is a
+// segment prefix gets the segment's id at once (or, when the FIB route went
+// away, the segment prefix goes back into hardware with the drop next hop);
+// any other FIB route is queued, and the review task "SegSecRouteTask" gives
+// it the id of the longest segment prefix covering it, or 0.
+//
+// Notification handlers only queue work; the task yields between keys.
+
+#include <memory>
+
+#include "Kiv/KivExport.h"
+#include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
+#include "KivSegmentSecurity/KivSegmentRouteHelper.h"
+#include "Routing/FibRoute.h"
+#include "Routing/L3Status.h"
+#include "Routing/RouteSmHelper.h"
+#include "Ruv/TaskScheduler.h"
+#include "Segment/SegmentId.h"
+
+namespace Kiv {
+
+class KIV_EXPORT FibRouteReactorSm : public Zop::PtrInterface {
+public:
+   FibRouteReactorSm(const Zop::Ptr<Ruv::TaskScheduler>& scheduler,
+                     const Zop::Ptr<L3Status>& l3Status,
+                     const Zop::Ptr<const KivVrfFibRouteCollection>& fibRoutes,
+                     const Zop::Ptr<const KivVrfFibRoute6Collection>& fibRoutes6,
+                     const Zop::Ptr<VrfPrefixCollection>& fibRouteReviewList,
+                     const Zop::Ptr<KivSegmentRouteInfoColl>& segmentRoutesList,
+                     const Zop::Ptr<KivSegmentPrefixTrie>& segmentPrefixTrie,
+                     const Zop::Ptr<KivSegmentRouteHelper>& segmentRouteHelper,
+                     const Zop::Ptr<KivHelper::RouteSmHelper>& routeHelper,
+                     const Zop::Ptr<KivHelper::Route6SmHelper>& route6Helper,
+                     const Zop::Ptr<SegmentSecurityStatus>& status);
+   ~FibRouteReactorSm() override;
+
+   // Starts work on whatever the review list already holds.
+   void handleInitialized();
+   void routeUpdateTaskIs(const Zop::Ptr<Ruv::TaskScheduler>& scheduler, int priority,
+                          const Zop::String& name);
+   const Zop::Ptr<Ruv::Task>& routeUpdateTask() const { return routeUpdateTask_; }
+
+   // The task body: reviews the queued FIB routes until asked to yield.
+   void doReviewFibRouteUpdates();
+   // One FIB route changed (added, changed or withdrawn).
+   void handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix);
+   void handleV4AdjUpdate(const VrfAndPrefix& key);
+   void handleV6AdjUpdate(const VrfAndIp6Prefix& key);
+
+   // Turns all notifications of the reactor on or off.
+   void notificationActiveIs(bool active);
+
+private:
+   class FibRouteNotifiee;
+   class FibRoute6Notifiee;
+   class L3StatusNotifiee;
+   class ReviewListNotifiee;
+
+   const RouteInfo* fibRouteInfo(const VrfAndIpGenPrefix& vrfPrefix) const;
+
+   Zop::Ptr<Ruv::TaskScheduler> scheduler_;
+   Zop::Ptr<L3Status> l3Status_;
+   Zop::Ptr<const KivVrfFibRouteCollection> fibRoutes_;
+   Zop::Ptr<const KivVrfFibRoute6Collection> fibRoutes6_;
+   Zop::Ptr<VrfPrefixCollection> fibRouteReviewList_;
+   Zop::Ptr<KivSegmentRouteInfoColl> segmentRoutesList_;
+   Zop::Ptr<KivSegmentPrefixTrie> segmentPrefixTrie_;
+   Zop::Ptr<KivSegmentRouteHelper> segmentRouteHelper_;
+   Zop::Ptr<KivHelper::RouteSmHelper> routeHelper_;
+   Zop::Ptr<KivHelper::Route6SmHelper> route6Helper_;
+   Zop::Ptr<SegmentSecurityStatus> status_;
+   Zop::Ptr<Ruv::Task> routeUpdateTask_;
+   std::unique_ptr<FibRouteNotifiee> fibRouteNotifiee_;
+   std::unique_ptr<FibRoute6Notifiee> fibRoute6Notifiee_;
+   std::unique_ptr<L3StatusNotifiee> l3StatusNotifiee_;
+   std::unique_ptr<ReviewListNotifiee> reviewListNotifiee_;
+};
+
+KIV_EXPORT Zop::Ptr<FibRouteReactorSm> fibRouteReactorSmFactory(
+    const Zop::Ptr<Ruv::TaskScheduler>& scheduler, const Zop::Ptr<L3Status>& l3Status,
+    const Zop::Ptr<const KivVrfFibRouteCollection>& fibRoutes,
+    const Zop::Ptr<const KivVrfFibRoute6Collection>& fibRoutes6,
+    const Zop::Ptr<VrfPrefixCollection>& fibRouteReviewList,
+    const Zop::Ptr<KivSegmentRouteInfoColl>& segmentRoutesList,
+    const Zop::Ptr<KivSegmentPrefixTrie>& segmentPrefixTrie,
+    const Zop::Ptr<KivSegmentRouteHelper>& segmentRouteHelper,
+    const Zop::Ptr<KivHelper::RouteSmHelper>& routeHelper,
+    const Zop::Ptr<KivHelper::Route6SmHelper>& route6Helper,
+    const Zop::Ptr<SegmentSecurityStatus>& status);
+
+}  // namespace Kiv

@@ -1,0 +1,153 @@
+// The next-hop monitor: in a VRF with routing enabled a segment prefix is
+// watched, and the route resolver's reports program it with the resolved next
+// hop, or with the drop next hop when there is none.
+
+#include "KivSegmentSecurity/KivSegmentPrefixProcessorSm.h"
+#include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
+#include "Trace/Trace.h"
+#include "Zop/Assert.h"
+
+namespace Kiv {
+
+namespace {
+constexpr char kSource[] = "KivSegmentSecurity/KivSegmentPrefixNextHopMonitor";
+}
+
+void KivSegmentPrefixProcessorSm::addWatchedPrefix(VrfId vrfId, const Pexo::Prefix& prefix) {
+   VrfAndPrefix key(vrfId, prefix);
+   if (routeConfig_->watchedPrefixHas(key)) {
+      return;
+   }
+   routeConfig_->watchedPrefixIs(key, Routing::RouteWatch{});
+   // An answer the resolver already holds brings no notification: take it now.
+   if (routeStatus_->resolvedEntry(key)) {
+      handleResolvedPrefix(VrfAndIpGenPrefix(vrfId, Pexo::IpGenPrefix(prefix)));
+   }
+}
+
+void KivSegmentPrefixProcessorSm::removeWatchedPrefix(VrfId vrfId, const Pexo::Prefix& prefix) {
+   routeConfig_->watchedPrefixDel(VrfAndPrefix(vrfId, prefix));
+}
+
+void KivSegmentPrefixProcessorSm::addWatchedIp6Prefix(VrfId vrfId, const Pexo::Ip6Prefix& prefix) {
+   VrfAndIp6Prefix key(vrfId, prefix);
+   if (route6Config_->watchedPrefixHas(key)) {
+      return;
+   }
+   route6Config_->watchedPrefixIs(key, Routing::RouteWatch{});
+   if (route6Status_->resolvedEntry(key)) {
+      handleResolvedIp6Prefix(VrfAndIpGenPrefix(vrfId, Pexo::IpGenPrefix(prefix)));
+   }
+}
+
+void KivSegmentPrefixProcessorSm::removeWatchedIp6Prefix(VrfId vrfId,
+                                                         const Pexo::Ip6Prefix& prefix) {
+   route6Config_->watchedPrefixDel(VrfAndIp6Prefix(vrfId, prefix));
+}
+
+void KivSegmentPrefixProcessorSm::handleResolvedPrefix(const VrfAndIpGenPrefix& vrfPrefix) {
+   TRACE8(" vrfAndIpGenPrefix: " << vrfPrefix);
+   const NextHopEntryList* entries =
+       routeStatus_->resolvedEntry(VrfAndPrefix(vrfPrefix.vrfId(), vrfPrefix.prefix().v4()));
+   if (entries) {
+      NextHopEntryList copy = *entries;  // programming may change the status
+      handleResolvedPrefixCommon(vrfPrefix, copy);
+   }
+}
+
+void KivSegmentPrefixProcessorSm::handleResolvedIp6Prefix(const VrfAndIpGenPrefix& vrfPrefix) {
+   TRACE8(" vrfAndIpGenPrefix: " << vrfPrefix);
+   const NextHopEntryList* entries =
+       route6Status_->resolvedEntry(VrfAndIp6Prefix(vrfPrefix.vrfId(), vrfPrefix.prefix().v6()));
+   if (entries) {
+      NextHopEntryList copy = *entries;
+      handleResolvedPrefixCommon(vrfPrefix, copy);
+   }
+}
+
+void KivSegmentPrefixProcessorSm::handleResolvedPrefixCommon(const VrfAndIpGenPrefix& vrfPrefix,
+                                                             const NextHopEntryList& entryList) {
+   // Reports for anything but a segment prefix are not ours.
+   const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
+   if (!recorded) {
+      return;
+   }
+   const uint32_t* fibTableId =
+       l3Status_->vrfTableStatus()->fibTableId(l3Status_->vrfName(vrfPrefix.vrfId()));
+   bool noNextHop = entryList.empty() || !entryList.front().resolved || !fibTableId;
+   if (noNextHop) {
+      TRACE5(" RouteResolver could not find NH. "
+             << "Adding Drop NH to prefix again ");
+      KivSegmentRouteInfo routeInfo = *recorded;
+      if (isFibRoute(vrfPrefix, l3Status_)) {
+         // Never a drop route over a FIB route: it only carries the id.
+         Zop::Ptr<AdjEntry> adj = getAdjacencyInfo(vrfPrefix, l3Status_);
+         KivSegmentRouteInfo fibRoute(vrfPrefix, routeInfo.hwId(), adj->routeInfo());
+         TRACE5(" " << vrfPrefix.prefix() << " is also a fib route. ");
+         if (!segmentRouteHelper_->updateHardwareId(fibRoute)) {
+            TRACE5(" updateHardwareId failed for " << vrfPrefix.prefix());
+         }
+         segmentRoutesList_->routeInfoIs(fibRoute);
+         return;
+      }
+      addPrefixToHwWithDropNh(KivSegmentHwInfo(vrfPrefix, segmentRouteAdd, routeInfo.hwId()),
+                              routeInfo.routeInfo());
+      return;
+   }
+   const Routing::NextHopEntry& nextHop = entryList.front();
+   Quarn::Fib::GlobalFecId fecId(Quarn::Fib::GlobalFecId::kForward, *fibTableId, nextHop.fecIndex);
+   fecId.doInit();
+   TRACE5(" New fecId: " << fecId);
+   Zop::Ptr<AdjEntry> adjInfo = l3Status_->adjacency(fecId);
+   ZOP_ASSERT(adjInfo, "adjInfo && \"Adjacency Info is NULL\"", kSource);
+   TRACE5(" NH update for segment prefix. AdjIndex: " << adjInfo->l2Adj().index());
+   processResolvedEntry(vrfPrefix, nextHop.routeType, fecId.value());
+}
+
+void KivSegmentPrefixProcessorSm::processResolvedEntry(const VrfAndIpGenPrefix& vrfPrefix,
+                                                       RouteType routeType, uint64_t fecId) {
+   const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
+   if (!recorded) {
+      return;
+   }
+   KivSegmentRouteInfo routeInfo = *recorded;
+   Zop::Ptr<AdjEntry> adjInfo = l3Status_->adjacency(Quarn::Fib::GlobalFecId::fromValue(fecId));
+   ZOP_ASSERT(adjInfo, "adjInfo && \"Adjacency Info is NULL\"", kSource);
+   const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
+   TRACE5(" Received NH update for segment prefix."
+          << " Existing VrfId: " << vrfPrefix.vrfId() << " Prefix: " << prefix
+          << " RouteType: " << routeType << " AdjIndex: " << adjInfo->l2Adj().index());
+
+   RouteInfo newRouteInfo;
+   if (isFibRoute(vrfPrefix, l3Status_)) {
+      // The FIB route keeps its own forwarding and takes the id.
+      TRACE5(" Resolved prefix is also a Fib route"
+             << ". Updating hwId");
+      newRouteInfo = getAdjacencyInfo(vrfPrefix, l3Status_)->routeInfo();
+      if (!segmentRouteHelper_->updateHardwareId(
+              KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), newRouteInfo))) {
+         TRACE5(" updateHardwareId failed for " << prefix);
+      }
+   } else {
+      TRACE5(" Resolved prefix is not in FIB."
+             << " Insert it now");
+      newRouteInfo = RouteInfo(routeType, adjInfo->l2Adj().index());
+      if (!programRoute(vrfPrefix, routeInfo.routeInfo(), newRouteInfo)) {
+         TRACE5(" Failed to add prefix in Hw");
+         return;
+      }
+      TRACE5(" Prefix added successfully ");
+      // A route programmed anew carries no id yet.
+      if (!segmentRouteHelper_->updateHardwareId(
+              KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), newRouteInfo))) {
+         TRACE5(" updateHardwareId failed for " << prefix);
+      }
+   }
+   segmentRoutesList_->routeInfoIs(KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), newRouteInfo));
+   if (prefix.isHost()) {
+      return;
+   }
+   syncFibRouteHwId(vrfPrefix, routeInfo.hwId());
+}
+
+}  // namespace Kiv

@@ -1,0 +1,615 @@
+// The segment prefix processor: the review loop that drains the segment
+// review list, and the operations that install, re-id and remove one segment
+// prefix in hardware.
+
+#include "KivSegmentSecurity/KivSegmentPrefixProcessorSm.h"
+
+#include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
+#include "Trace/Trace.h"
+#include "Zop/Assert.h"
+
+namespace Kiv {
+
+namespace {
+constexpr char kSource[] = "KivSegmentSecurity/KivSegmentPrefixProcessorSm";
+constexpr int kSegmentSubnetTaskPriority = 2;
+}  // namespace
+
+// ---- Observers ----
+
+class KivSegmentPrefixProcessorSm::ReviewListNotifiee : public VrfPrefixCollection::Notifiee {
+public:
+   explicit ReviewListNotifiee(KivSegmentPrefixProcessorSm& sm) : sm_(sm) {}
+   // Only records work: the review runs in the task.
+   void handleVrfIpGenPrefix(const VrfAndIpGenPrefix&) override {
+      if (sm_.segmentSubnetTask_) {
+         sm_.segmentSubnetTask_->scheduleTaskLowestDelay(0);
+      }
+   }
+
+private:
+   KivSegmentPrefixProcessorSm& sm_;
+};
+
+class KivSegmentPrefixProcessorSm::RouteStatusNotifiee : public RouteReactorStatus::Notifiee {
+public:
+   explicit RouteStatusNotifiee(KivSegmentPrefixProcessorSm& sm) : sm_(sm) {}
+   void handleResolvedEntry(const VrfAndPrefix& key) override {
+      if (key.prefix().len() == Pexo::Prefix::kUnsetLength) {
+         return;
+      }
+      sm_.handleResolvedPrefix(VrfAndIpGenPrefix(key.vrfId(), Pexo::IpGenPrefix(key.prefix())));
+   }
+
+private:
+   KivSegmentPrefixProcessorSm& sm_;
+};
+
+class KivSegmentPrefixProcessorSm::Route6StatusNotifiee : public Route6ReactorStatus::Notifiee {
+public:
+   explicit Route6StatusNotifiee(KivSegmentPrefixProcessorSm& sm) : sm_(sm) {}
+   void handleResolvedEntry(const VrfAndIp6Prefix& key) override {
+      if (key.prefix().isNullPrefix()) {
+         return;
+      }
+      sm_.handleResolvedIp6Prefix(VrfAndIpGenPrefix(key.vrfId(), Pexo::IpGenPrefix(key.prefix())));
+   }
+
+private:
+   KivSegmentPrefixProcessorSm& sm_;
+};
+
+// ---- Life cycle ----
+
+KivSegmentPrefixProcessorSm::KivSegmentPrefixProcessorSm(
+    const Zop::Ptr<Ruv::TaskScheduler>& scheduler, const Zop::Ptr<RouteReactorConfig>& routeConfig,
+    const Zop::Ptr<Route6ReactorConfig>& route6Config,
+    const Zop::Ptr<RouteReactorStatus>& routeStatus,
+    const Zop::Ptr<Route6ReactorStatus>& route6Status, const Zop::Ptr<L3Status>& l3Status,
+    const Zop::Ptr<const KivVrfFibRouteCollection>& fibRoutes,
+    const Zop::Ptr<const KivVrfFibRoute6Collection>& fibRoutes6,
+    const Zop::Ptr<KivHelper::RouteSmHelper>& routeHelper,
+    const Zop::Ptr<KivHelper::Route6SmHelper>& route6Helper,
+    const Zop::Ptr<KivSegmentRouteHelper>& segmentRouteHelper,
+    const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+    const Zop::Ptr<SegmentIdRequest>& segmentIdRequest,
+    const Zop::Ptr<const SegmentIdResponse>& segmentIdResponse,
+    const Zop::Ptr<VrfPrefixCollection>& segmentReviewList,
+    const Zop::Ptr<PrefixCount>& prefixCount,
+    const Zop::Ptr<KivSegmentRouteInfoColl>& segmentRoutesList,
+    const Zop::Ptr<SegmentSecurityStatus>& status)
+    : scheduler_(scheduler),
+      routeConfig_(routeConfig),
+      route6Config_(route6Config),
+      routeStatus_(routeStatus),
+      route6Status_(route6Status),
+      l3Status_(l3Status),
+      fibRoutes_(fibRoutes),
+      fibRoutes6_(fibRoutes6),
+      routeHelper_(routeHelper),
+      route6Helper_(route6Helper),
+      segmentRouteHelper_(segmentRouteHelper),
+      fwConfig_(fwConfig),
+      segmentIdRequest_(segmentIdRequest),
+      segmentIdResponse_(segmentIdResponse),
+      segmentReviewList_(segmentReviewList),
+      prefixCount_(prefixCount),
+      segmentRoutesList_(segmentRoutesList),
+      status_(status) {
+   routeStatusNotifiee_ = std::make_unique<RouteStatusNotifiee>(*this);
+   routeStatusNotifiee_->notifierIs(routeStatus_);
+   route6StatusNotifiee_ = std::make_unique<Route6StatusNotifiee>(*this);
+   route6StatusNotifiee_->notifierIs(route6Status_);
+   reviewListNotifiee_ = std::make_unique<ReviewListNotifiee>(*this);
+   reviewListNotifiee_->notifierIs(segmentReviewList_);
+   handleInitialized();
+   segmentSubnetTaskIs(scheduler_, kSegmentSubnetTaskPriority, "SegSubnetTask");
+}
+
+KivSegmentPrefixProcessorSm::~KivSegmentPrefixProcessorSm() {
+   fibRouteSmDel();
+   segmentPrefixTrieDel();
+   segmentSubnetTaskDel();
+   reviewListNotifiee_->notificationActiveIs(false);
+   routeStatusNotifiee_->notificationActiveIs(false);
+   route6StatusNotifiee_->notificationActiveIs(false);
+}
+
+void KivSegmentPrefixProcessorSm::handleInitialized() {
+   TRACE8("");
+   // Idempotent: a second call keeps what exists.
+   if (!segmentPrefixTrie_) {
+      segmentPrefixTrieIs();
+   }
+   if (!fibRouteReivewList_) {
+      fibRouteReivewListIs(vrfPrefixCollectionFactory());
+   }
+   if (!fibRouteSm_) {
+      fibRouteSmIs(scheduler_, l3Status_, fibRoutes_, fibRoutes6_, fibRouteReivewList_,
+                   segmentRoutesList_, segmentPrefixTrie_, segmentRouteHelper_, routeHelper_,
+                   route6Helper_, status_);
+   }
+}
+
+void KivSegmentPrefixProcessorSm::segmentSubnetTaskIs(const Zop::Ptr<Ruv::TaskScheduler>& scheduler,
+                                                      int priority, const Zop::String& name) {
+   if (segmentSubnetTask_ && segmentSubnetTask_->scheduler() == scheduler &&
+       segmentSubnetTask_->priority() == priority && segmentSubnetTask_->name() == name) {
+      return;
+   }
+   segmentSubnetTaskDel();
+   segmentSubnetTask_ = Ruv::makeTask(
+       scheduler, name, [this] { doReviewConfiguredSegmentSubnets(); }, priority);
+   // Keys queued before the processor existed are reviewed now.
+   doReviewConfiguredSegmentSubnets();
+}
+
+void KivSegmentPrefixProcessorSm::segmentSubnetTaskDel() {
+   if (segmentSubnetTask_) {
+      segmentSubnetTask_->cancel();
+      segmentSubnetTask_ = nullptr;
+   }
+}
+
+void KivSegmentPrefixProcessorSm::segmentPrefixTrieIs() {
+   segmentPrefixTrie_ = kivSegmentPrefixTrieFactory();
+}
+
+void KivSegmentPrefixProcessorSm::segmentPrefixTrieDel() {
+   segmentPrefixTrie_ = nullptr;
+}
+
+void KivSegmentPrefixProcessorSm::fibRouteReivewListIs(const Zop::Ptr<VrfPrefixCollection>& list) {
+   fibRouteReivewList_ = list;
+}
+
+void KivSegmentPrefixProcessorSm::fibRouteSmIs(
+    const Zop::Ptr<Ruv::TaskScheduler>& scheduler, const Zop::Ptr<L3Status>& l3Status,
+    const Zop::Ptr<const KivVrfFibRouteCollection>& fibRoutes,
+    const Zop::Ptr<const KivVrfFibRoute6Collection>& fibRoutes6,
+    const Zop::Ptr<VrfPrefixCollection>& fibRouteReviewList,
+    const Zop::Ptr<KivSegmentRouteInfoColl>& segmentRoutesList,
+    const Zop::Ptr<KivSegmentPrefixTrie>& segmentPrefixTrie,
+    const Zop::Ptr<KivSegmentRouteHelper>& segmentRouteHelper,
+    const Zop::Ptr<KivHelper::RouteSmHelper>& routeHelper,
+    const Zop::Ptr<KivHelper::Route6SmHelper>& route6Helper,
+    const Zop::Ptr<SegmentSecurityStatus>& status) {
+   fibRouteSmDel();
+   fibRouteSm_ = fibRouteReactorSmFactory(scheduler, l3Status, fibRoutes, fibRoutes6,
+                                          fibRouteReviewList, segmentRoutesList, segmentPrefixTrie,
+                                          segmentRouteHelper, routeHelper, route6Helper, status);
+   fibRouteSm_->routeUpdateTaskIs(scheduler, kSegmentSubnetTaskPriority, "SegSecRouteTask");
+   fibRouteSm_->notificationActiveIs(true);
+   fibRouteSm_->handleInitialized();
+}
+
+void KivSegmentPrefixProcessorSm::fibRouteSmDel() {
+   if (fibRouteSm_) {
+      fibRouteSm_->notificationActiveIs(false);
+      fibRouteSm_ = nullptr;
+   }
+}
+
+// ---- Review loop ----
+
+KivSegmentRouteOperationType KivSegmentPrefixProcessorSm::getPrefixRequiredAction(
+    const VrfAndIpGenPrefix& vrfPrefix) {
+   L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
+   Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(vrfName);
+   const Zop::String* segmentName = fwVrf ? fwVrf->prefixList(vrfPrefix.prefix()) : nullptr;
+   // A prefix-list entry that is no valid prefix is never installed: the
+   // configuration side reports it; here it only counts as not configured.
+   bool configured = segmentName && vrfPrefix.prefix().validAsPrefix();
+   bool installed = segmentRoutesList_->routeInfoHas(vrfPrefix);
+   if (!configured || status_->waitForRoutesCleanup()) {
+      TRACE5(" Prefix remove request");
+      return segmentRouteDelete;
+   }
+   if (!fwVrf->segment(*segmentName)) {
+      TRACE5(" Segment removed. Clearing prefix");
+      return segmentRouteDelete;
+   }
+   // The review decides from the configuration as it is now: a segment whose
+   // id is not (or no longer) granted has no place in hardware; its prefixes
+   // come back when the id is granted.
+   const SegmentIdStatus* idStatus =
+       segmentIdResponse_->status(SegmentIdRequestKey(vrfPrefix.vrfId(), *segmentName));
+   if (!idStatus || !idStatus->hwId.isValid()) {
+      TRACE5(" Segment HwId not allocated. Clearing prefix");
+      return segmentRouteDelete;
+   }
+   if (!installed) {
+      TRACE5(" Prefix add request");
+      return segmentRouteAdd;
+   }
+   TRACE5(" Prefix HwId update request ");
+   return segmentRouteHwIdUpdate;
+}
+
+void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
+   TRACE8("");
+   // Every member processed leaves the list, so the walk always takes the
+   // list's first member; a member removed meanwhile is simply not met.
+   while (segmentReviewList_->vrfIpGenPrefixCount() != 0) {
+      if (Ruv::taskShouldYield()) {
+         break;
+      }
+      const VrfAndIpGenPrefix member = *segmentReviewList_->vrfIpGenPrefix().begin();
+      SegmentHwId oldHwId;
+      L3::VrfName vrfName = l3Status_->vrfName(member.vrfId());
+      KivSegmentRouteOperationType action = getPrefixRequiredAction(member);
+      segmentReviewList_->vrfIpGenPrefixDel(member);
+      TRACE5(" vrf: " << vrfName << " prefix: " << member.prefix());
+
+      if (const KivSegmentRouteInfo* installed = segmentRoutesList_->routeInfoFind(member)) {
+         oldHwId = installed->hwId();
+         int32_t prefCnt = updatePrefixCount(oldHwId, false);
+         TRACE5(" installedHwId: " << oldHwId << " prefCnt: " << prefCnt);
+      }
+
+      if (action == segmentRouteHwIdUpdate) {
+         updateInstalledPrefixHwId(member);
+      } else {
+         SegmentHwId hwId;
+         if (action == segmentRouteDelete) {
+            hwId = oldHwId;
+         } else {
+            Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(vrfName);
+            const Zop::String* segmentName = fwVrf->prefixList(member.prefix());
+            SegmentIdRequestKey segIdKey(member.vrfId(), *segmentName);
+            const SegmentIdStatus* idStatus = segmentIdResponse_->status(segIdKey);
+            ZOP_ASSERT(idStatus, "segmentIdStatus()->statusHas( segIdKey )", kSource);
+            hwId = idStatus->hwId;
+         }
+         TRACE5(" Effective hwId: " << hwId);
+         processPrefix(KivSegmentHwInfo(member, action, hwId));
+      }
+
+      if (const KivSegmentRouteInfo* now = segmentRoutesList_->routeInfoFind(member)) {
+         SegmentHwId installedHwId = now->hwId();
+         int32_t prefCnt = updatePrefixCount(installedHwId, true);
+         TRACE5(" Installed Route hwId: " << installedHwId << " prefCnt: " << prefCnt);
+      }
+      if (oldHwId.isValid()) {
+         maybeReleaseSegmentHwId(member, oldHwId);
+      }
+      segmentRoutesList_->reviewSegmentHwIdInc(1);
+   }
+   if (segmentReviewList_->vrfIpGenPrefixCount() != 0 && segmentSubnetTask_) {
+      segmentSubnetTask_->scheduleTask();
+   }
+}
+
+bool KivSegmentPrefixProcessorSm::validatePrefixAction(const KivSegmentHwInfo& info) {
+   if (info.operation() != segmentRouteDelete) {
+      return true;
+   }
+   if (segmentRoutesList_->routeInfoHas(info.vrfPrefix())) {
+      return true;
+   }
+   TRACE5(" Ignoring remove for non-existing prefix");
+   return false;
+}
+
+void KivSegmentPrefixProcessorSm::processPrefix(const KivSegmentHwInfo& info) {
+   if (info.vrfPrefix().prefix().isIpv4()) {
+      processIpPrefix(info);
+   } else {
+      processIp6Prefix(info);
+   }
+}
+
+void KivSegmentPrefixProcessorSm::processIpPrefix(const KivSegmentHwInfo& info) {
+   TRACE8(" " << info);
+   switch (info.operation()) {
+      case segmentRouteAdd:
+         addIpPrefix(info);
+         break;
+      case segmentRouteDelete:
+         removeIpPrefix(info);
+         break;
+      default:
+         ZOP_ASSERT(false, "false && \"Operation not supported\"", kSource);
+   }
+}
+
+void KivSegmentPrefixProcessorSm::processIp6Prefix(const KivSegmentHwInfo& info) {
+   TRACE8(" " << info);
+   switch (info.operation()) {
+      case segmentRouteAdd:
+         addIp6Prefix(info);
+         break;
+      case segmentRouteDelete:
+         removeIp6Prefix(info);
+         break;
+      default:
+         ZOP_ASSERT(false, "false && \"Operation not supported\"", kSource);
+   }
+}
+
+// ---- Install ----
+
+Zop::Ptr<L3::VrfStatus> KivSegmentPrefixProcessorSm::vrfL3Status(VrfId vrfId) const {
+   return l3Status_->vrfStatus(l3Status_->vrfName(vrfId));
+}
+
+RouteInfo KivSegmentPrefixProcessorSm::fibRouteInfo(const VrfAndIpGenPrefix& vrfPrefix) const {
+   Zop::Ptr<AdjEntry> adj = getAdjacencyInfo(vrfPrefix, l3Status_);
+   return adj ? adj->routeInfo() : RouteInfo();
+}
+
+bool KivSegmentPrefixProcessorSm::programRoute(const VrfAndIpGenPrefix& vrfPrefix,
+                                               const RouteInfo& oldRouteInfo,
+                                               const RouteInfo& newRouteInfo) {
+   const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
+   if (prefix.isIpv4()) {
+      return routeHelper_->programRoute(prefix.v4(), vrfPrefix.vrfId(), oldRouteInfo, newRouteInfo);
+   }
+   return route6Helper_->programRoute(prefix.v6(), vrfPrefix.vrfId(), oldRouteInfo, newRouteInfo);
+}
+
+void KivSegmentPrefixProcessorSm::addIpPrefix(const KivSegmentHwInfo& info) {
+   TRACE8("");
+   addPrefix(info);
+}
+
+void KivSegmentPrefixProcessorSm::addIp6Prefix(const KivSegmentHwInfo& info) {
+   TRACE8("");
+   addPrefix(info);
+}
+
+void KivSegmentPrefixProcessorSm::addPrefix(const KivSegmentHwInfo& info) {
+   const VrfAndIpGenPrefix& vrfPrefix = info.vrfPrefix();
+   const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
+   bool prefixInstalled = segmentRoutesList_->routeInfoHas(vrfPrefix);
+   ZOP_ASSERT(!prefixInstalled, "Another add request for already installed prefix", kSource);
+   Zop::Ptr<L3::VrfStatus> vrfStatus = vrfL3Status(vrfPrefix.vrfId());
+   ZOP_ASSERT(vrfStatus, "VRF L3 Status is NULL", kSource);
+   segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), prefix.af())->routeIs(prefix, true);
+
+   bool routingEnabled = vrfStatus->routingEnabled(prefix.af());
+   bool recorded = true;
+   if (isFibRoute(vrfPrefix, l3Status_)) {
+      // The FIB route keeps its forwarding; it only takes the segment's id.
+      KivSegmentRouteInfo routeInfo(vrfPrefix, info.hwId(), fibRouteInfo(vrfPrefix));
+      TRACE5(" " << prefix << " is also a fib route. ");
+      if (!segmentRouteHelper_->updateHardwareId(routeInfo)) {
+         TRACE5(" updateHardwareId failed for " << prefix);
+      }
+      segmentRoutesList_->routeInfoIs(routeInfo);
+   } else if (!routingEnabled) {
+      TRACE5(" Adding prefix in Hw. routingEnabled: " << routingEnabled);
+      recorded = addPrefixToHwWithDropNh(info, RouteInfo());
+   } else {
+      segmentRoutesList_->routeInfoIs(KivSegmentRouteInfo(vrfPrefix, info.hwId(), RouteInfo()));
+      TRACE5(" Saved prefix with invalid RouteType");
+   }
+   // FIB routes beneath the new prefix take its id, whatever the VRF's
+   // routing flag. A host prefix covers nothing.
+   if (recorded && !prefix.isHost()) {
+      syncFibRouteHwId(vrfPrefix, info.hwId());
+   }
+   if (prefix.isIpv4()) {
+      addWatchedPrefix(vrfPrefix.vrfId(), prefix.v4());
+   } else {
+      addWatchedIp6Prefix(vrfPrefix.vrfId(), prefix.v6());
+   }
+}
+
+bool KivSegmentPrefixProcessorSm::addPrefixToHwWithDropNh(const KivSegmentHwInfo& info,
+                                                          const RouteInfo& oldRouteInfo) {
+   const VrfAndIpGenPrefix& vrfPrefix = info.vrfPrefix();
+   const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
+   TRACE5(" Old RouteInfo: routeType: " << oldRouteInfo.routeType()
+                                        << " adjIndex: " << oldRouteInfo.adjIndex());
+   L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
+   uint16_t dropIndex = l3Status_->vrfDropIndex(vrfName);
+   Zop::Ptr<Routing::TrieGen> trie =
+       segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), prefix.af());
+   trie->routeIs(prefix, true);
+
+   Quarn::Fib::GlobalFecId fecId(
+       prefix.isIpv4() ? Quarn::Fib::GlobalFecId::kDropV4 : Quarn::Fib::GlobalFecId::kDropV6, 0,
+       dropIndex);
+   fecId.doInit();
+   Zop::Ptr<AdjEntry> adjInfo = l3Status_->adjacency(fecId);
+   if (prefix.isIpv4()) {
+      ZOP_ASSERT(adjInfo, "Adjacency info for v4Drop not found", kSource);
+   } else {
+      ZOP_ASSERT(adjInfo, "Adjacency info for v6Drop not found", kSource);
+   }
+   RouteInfo dropRouteInfo(adjInfo->routeType(), adjInfo->l2Adj().index());
+   if (!programRoute(vrfPrefix, oldRouteInfo, dropRouteInfo)) {
+      TRACE5(" " << prefix << " could not be programmed in Hw");
+      // The trie holds exactly the recorded prefixes: a saved prefix stays.
+      if (!segmentRoutesList_->routeInfoHas(vrfPrefix)) {
+         trie->routeDel(prefix);
+      }
+      return false;
+   }
+   TRACE5(" " << prefix << " programmed successfully");
+   KivSegmentRouteInfo routeInfo(vrfPrefix, info.hwId(), dropRouteInfo);
+   if (!segmentRouteHelper_->updateHardwareId(routeInfo)) {
+      TRACE5(" updateHardwareId failed for " << prefix);
+   }
+   segmentRoutesList_->routeInfoIs(routeInfo);
+   return true;
+}
+
+// ---- Remove ----
+
+void KivSegmentPrefixProcessorSm::removeIpPrefix(const KivSegmentHwInfo& info) {
+   TRACE8("");
+   removePrefix(info);
+}
+
+void KivSegmentPrefixProcessorSm::removeIp6Prefix(const KivSegmentHwInfo& info) {
+   TRACE8("");
+   removePrefix(info);
+}
+
+void KivSegmentPrefixProcessorSm::removePrefix(const KivSegmentHwInfo& info) {
+   if (!validatePrefixAction(info)) {
+      return;
+   }
+   const VrfAndIpGenPrefix& vrfPrefix = info.vrfPrefix();
+   const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
+   KivSegmentRouteInfo saved = segmentRoutesList_->routeInfoDel(vrfPrefix);
+   if (prefix.isIpv4()) {
+      removeWatchedPrefix(vrfPrefix.vrfId(), prefix.v4());
+   } else {
+      removeWatchedIp6Prefix(vrfPrefix.vrfId(), prefix.v6());
+   }
+   if (Zop::Ptr<Routing::TrieGen> trie =
+           segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), prefix.af())) {
+      trie->routeDel(prefix);
+   }
+   if (!vrfL3Status(vrfPrefix.vrfId())) {
+      // The VRF was deleted: its routes still have to go.
+      TRACE5(" VRF L3 Status is NULL");
+   }
+   removePrefixCommon(info, saved);
+   // FIB routes that lay under the removed prefix take the id of the next
+   // covering segment prefix, or lose it, whatever the VRF's routing flag.
+   syncFibRouteHwId(vrfPrefix, info.hwId());
+}
+
+void KivSegmentPrefixProcessorSm::removePrefixCommon(const KivSegmentHwInfo& info,
+                                                     const KivSegmentRouteInfo& saved) {
+   const VrfAndIpGenPrefix& vrfPrefix = info.vrfPrefix();
+   const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
+   if (!isFibRoute(vrfPrefix, l3Status_)) {
+      if (saved.routeInfo().routeType() != RouteType::routeTypeInvalid) {
+         if (!programRoute(vrfPrefix, saved.routeInfo(), RouteInfo())) {
+            TRACE5(" Segment-only prefix: " << prefix << " could not be removed from hw");
+            return;
+         }
+      }
+      TRACE5(" Segment-only prefix: " << prefix << " removed from hw ");
+      return;
+   }
+   Zop::Ptr<AdjEntry> adjInfo = getAdjacencyInfo(vrfPrefix, l3Status_);
+   ZOP_ASSERT(adjInfo, "Adjacency Info not found", kSource);
+   TRACE5(" " << prefix << " is already in Fib. Clearing hwId");
+   // The FIB route stays; it takes the id of the longest segment prefix still
+   // covering it (the removed one has left the trie), or 0.
+   SegmentHwId coveringHwId(0);
+   if (Zop::Ptr<VrfTrieGen> vrfTrie = segmentPrefixTrie_->vrfTrie(vrfPrefix.vrfId())) {
+      if (Zop::Ptr<Routing::TrieGen> trie = vrfTrie->prefixTrie(prefix.af())) {
+         if (auto match = trie->longestMatch(prefix)) {
+            if (const KivSegmentRouteInfo* covering = segmentRoutesList_->routeInfoFind(
+                    VrfAndIpGenPrefix(vrfPrefix.vrfId(), *match))) {
+               coveringHwId = covering->hwId();
+            }
+         }
+      }
+   }
+   RouteInfo refreshed(adjInfo->routeType(), adjInfo->l2Adj().index(), saved.routeInfo().flag());
+   if (!segmentRouteHelper_->updateHardwareId(
+           KivSegmentRouteInfo(vrfPrefix, coveringHwId, refreshed))) {
+      TRACE5(" updateHardwareId failed for " << prefix);
+   }
+}
+
+// ---- Re-id ----
+
+void KivSegmentPrefixProcessorSm::updateInstalledPrefixHwId(const VrfAndIpGenPrefix& vrfPrefix) {
+   const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
+   ZOP_ASSERT(recorded, "segmentRoutesList()->routeInfoHas( vrfPrefix )", kSource);
+   KivSegmentRouteInfo routeInfo = *recorded;
+   L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
+   Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(vrfName);
+   ZOP_ASSERT(fwVrf, "fwConfig()->vrfHas( vrfName )", kSource);
+   const Zop::String* segmentName = fwVrf->prefixList(vrfPrefix.prefix());
+   SegmentIdRequestKey segIdKey(vrfPrefix.vrfId(), segmentName ? *segmentName : Zop::String());
+   const SegmentIdStatus* idStatus = segmentIdResponse_->status(segIdKey);
+   ZOP_ASSERT(idStatus, "segmentIdStatus()->statusHas( segIdKey )", kSource);
+   SegmentHwId newHwId = idStatus->hwId;
+   const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
+   TRACE5(" " << prefix << " oldHwId: " << routeInfo.hwId() << " newHwId: " << newHwId);
+   if (routeInfo.hwId() == newHwId) {
+      return;
+   }
+   routeInfo.hwIdIs(newHwId);
+   segmentRoutesList_->routeInfoIs(routeInfo);
+   // A FIB route takes the id with its own current forwarding; a saved prefix
+   // that is not in hardware has nothing to write yet.
+   bool written = true;
+   if (isFibRoute(vrfPrefix, l3Status_)) {
+      written = segmentRouteHelper_->updateHardwareId(
+          KivSegmentRouteInfo(vrfPrefix, newHwId, fibRouteInfo(vrfPrefix)));
+   } else if (routeInfo.routeInfo().routeType() != RouteType::routeTypeInvalid) {
+      written = segmentRouteHelper_->updateHardwareId(routeInfo);
+   }
+   if (!written) {
+      TRACE5(" updateHardwareId failed for " << prefix);
+   }
+   if (!prefix.isHost()) {
+      syncFibRouteHwId(vrfPrefix, newHwId);
+   }
+}
+
+// ---- Counting and release ----
+
+int32_t KivSegmentPrefixProcessorSm::updatePrefixCount(SegmentHwId hwId, bool increment) {
+   Zop::Ptr<SegmentPrefixCount> counter = prefixCount_->segmentPrefixCount(hwId);
+   ZOP_ASSERT(counter, "prefixCount()->segmentPrefixCountHas( hwId )", kSource);
+   if (increment) {
+      counter->prefixCountInc(1);
+   } else {
+      counter->prefixCountDec(1);
+   }
+   int32_t prefCnt = counter->prefixCount();
+   ZOP_ASSERT(prefCnt >= 0, "prefCnt >= 0", kSource);
+   return prefCnt;
+}
+
+void KivSegmentPrefixProcessorSm::maybeReleaseSegmentHwId(const VrfAndIpGenPrefix& vrfPrefix,
+                                                          SegmentHwId hwId) {
+   Zop::Ptr<SegmentPrefixCount> counter = prefixCount_->segmentPrefixCount(hwId);
+   ZOP_ASSERT(counter, "prefixCount()->segmentPrefixCountHas( hwId )", kSource);
+   if (counter->prefixCount() != 0) {
+      return;
+   }
+   L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
+   const SegmentIdRequestKey* hwIdToSegName = segmentIdResponse_->hwIdKey(hwId);
+   Zop::String segmentName = hwIdToSegName ? hwIdToSegName->segment() : Zop::String();
+   TRACE5(" Freeing HwId. Vrf: " << vrfName << " Segment: " << segmentName << " " << hwId);
+   if (!vrfName.empty()) {
+      if (Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(vrfName)) {
+         ZOP_ASSERT(hwIdToSegName, " Missing entry in Segment HwId Status ", kSource);
+         if (fwVrf->segment(segmentName)) {
+            return;
+         }
+      }
+   }
+   TRACE5(" Processing release request for Vrf: " << vrfName);
+   segmentIdRequest_->requestDel(SegmentIdRequestKey(vrfPrefix.vrfId(), segmentName));
+}
+
+// ---- Factory ----
+
+Zop::Ptr<KivSegmentPrefixProcessorSm> kivSegmentPrefixProcessorSmFactory(
+    const Zop::Ptr<Ruv::TaskScheduler>& scheduler, const Zop::Ptr<RouteReactorConfig>& routeConfig,
+    const Zop::Ptr<Route6ReactorConfig>& route6Config,
+    const Zop::Ptr<RouteReactorStatus>& routeStatus,
+    const Zop::Ptr<Route6ReactorStatus>& route6Status, const Zop::Ptr<L3Status>& l3Status,
+    const Zop::Ptr<const KivVrfFibRouteCollection>& fibRoutes,
+    const Zop::Ptr<const KivVrfFibRoute6Collection>& fibRoutes6,
+    const Zop::Ptr<KivHelper::RouteSmHelper>& routeHelper,
+    const Zop::Ptr<KivHelper::Route6SmHelper>& route6Helper,
+    const Zop::Ptr<KivSegmentRouteHelper>& segmentRouteHelper,
+    const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+    const Zop::Ptr<SegmentIdRequest>& segmentIdRequest,
+    const Zop::Ptr<const SegmentIdResponse>& segmentIdResponse,
+    const Zop::Ptr<VrfPrefixCollection>& segmentReviewList,
+    const Zop::Ptr<PrefixCount>& prefixCount,
+    const Zop::Ptr<KivSegmentRouteInfoColl>& segmentRoutesList,
+    const Zop::Ptr<SegmentSecurityStatus>& status) {
+   return Zop::makePtr<KivSegmentPrefixProcessorSm>(
+       scheduler, routeConfig, route6Config, routeStatus, route6Status, l3Status, fibRoutes,
+       fibRoutes6, routeHelper, route6Helper, segmentRouteHelper, fwConfig, segmentIdRequest,
+       segmentIdResponse, segmentReviewList, prefixCount, segmentRoutesList, status);
+}
+
+}  // namespace Kiv

@@ -1,0 +1,185 @@
+#pragma once
+// KivSegmentPrefixProcessorSm turns configured segment prefixes into
+// hardware state.
+//
+// The configuration side puts (VRF id, prefix) keys whose segment or segment
+// id may have changed on the segment review list. The task "SegSubnetTask"
+// drains the list, a key at a time, asking taskShouldYield() before each:
+// it decides whether the prefix is to be added, removed or given a new id,
+// programs the hardware (a route of its own with the drop next hop, the id on
+// the FIB route of the same prefix, or, where routing is enabled in the VRF,
+// the route the resolver finds for it), keeps the installed prefixes per hw
+// id counted, and withdraws the id request of a segment whose last prefix
+// went. Where a segment prefix changes, the FIB routes beneath it are queued
+// for the FIB route reactor, which it owns.
+//
+// Sources: KivSegmentPrefixProcessorSm.cpp (review loop, install and
+// remove), FibRouteHwIdUpdateHelper.cpp (queueing the FIB routes beneath a
+// changed prefix), KivSegmentPrefixNextHopMonitor.cpp (resolver reports).
+
+#include <memory>
+
+#include "Firewall/HwConfig.h"
+#include "Kiv/KivExport.h"
+#include "KivSegmentSecurity/KivFibRouteReactorSm.h"
+#include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
+#include "KivSegmentSecurity/KivSegmentRouteHelper.h"
+#include "Routing/FibRoute.h"
+#include "Routing/L3Status.h"
+#include "Routing/RouteReactor.h"
+#include "Routing/RouteSmHelper.h"
+#include "Ruv/TaskScheduler.h"
+#include "Segment/SegmentId.h"
+
+namespace Kiv {
+
+class KIV_EXPORT KivSegmentPrefixProcessorSm : public Zop::PtrInterface {
+public:
+   KivSegmentPrefixProcessorSm(const Zop::Ptr<Ruv::TaskScheduler>& scheduler,
+                               const Zop::Ptr<RouteReactorConfig>& routeConfig,
+                               const Zop::Ptr<Route6ReactorConfig>& route6Config,
+                               const Zop::Ptr<RouteReactorStatus>& routeStatus,
+                               const Zop::Ptr<Route6ReactorStatus>& route6Status,
+                               const Zop::Ptr<L3Status>& l3Status,
+                               const Zop::Ptr<const KivVrfFibRouteCollection>& fibRoutes,
+                               const Zop::Ptr<const KivVrfFibRoute6Collection>& fibRoutes6,
+                               const Zop::Ptr<KivHelper::RouteSmHelper>& routeHelper,
+                               const Zop::Ptr<KivHelper::Route6SmHelper>& route6Helper,
+                               const Zop::Ptr<KivSegmentRouteHelper>& segmentRouteHelper,
+                               const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                               const Zop::Ptr<SegmentIdRequest>& segmentIdRequest,
+                               const Zop::Ptr<const SegmentIdResponse>& segmentIdResponse,
+                               const Zop::Ptr<VrfPrefixCollection>& segmentReviewList,
+                               const Zop::Ptr<PrefixCount>& prefixCount,
+                               const Zop::Ptr<KivSegmentRouteInfoColl>& segmentRoutesList,
+                               const Zop::Ptr<SegmentSecurityStatus>& status);
+   ~KivSegmentPrefixProcessorSm() override;
+
+   // ---- Review loop ----
+   // Creates the segment trie, the FIB route review list and the FIB route
+   // reactor, each only when absent.
+   void handleInitialized();
+   void segmentSubnetTaskIs(const Zop::Ptr<Ruv::TaskScheduler>& scheduler, int priority,
+                            const Zop::String& name);
+   void segmentSubnetTaskDel();
+   const Zop::Ptr<Ruv::Task>& segmentSubnetTask() const { return segmentSubnetTask_; }
+   void doReviewConfiguredSegmentSubnets();
+   KivSegmentRouteOperationType getPrefixRequiredAction(const VrfAndIpGenPrefix& vrfPrefix);
+   bool validatePrefixAction(const KivSegmentHwInfo& info);
+   void processPrefix(const KivSegmentHwInfo& info);
+   void processIpPrefix(const KivSegmentHwInfo& info);
+   void processIp6Prefix(const KivSegmentHwInfo& info);
+
+   // ---- Install and remove ----
+   void addIpPrefix(const KivSegmentHwInfo& info);
+   void addIp6Prefix(const KivSegmentHwInfo& info);
+   // Programs the prefix with the VRF's drop next hop; `oldRouteInfo` is what
+   // the hardware holds for it now. Answers whether the hardware took it.
+   bool addPrefixToHwWithDropNh(const KivSegmentHwInfo& info, const RouteInfo& oldRouteInfo);
+   void removeIpPrefix(const KivSegmentHwInfo& info);
+   void removeIp6Prefix(const KivSegmentHwInfo& info);
+   void removePrefixCommon(const KivSegmentHwInfo& info, const KivSegmentRouteInfo& saved);
+   void updateInstalledPrefixHwId(const VrfAndIpGenPrefix& vrfPrefix);
+   int32_t updatePrefixCount(SegmentHwId hwId, bool increment);
+   void maybeReleaseSegmentHwId(const VrfAndIpGenPrefix& vrfPrefix, SegmentHwId hwId);
+
+   // ---- FIB routes beneath a changed segment prefix ----
+   void syncFibRouteHwId(const VrfAndIpGenPrefix& vrfPrefix, SegmentHwId hwId);
+
+   // ---- Next-hop monitor ----
+   void addWatchedPrefix(VrfId vrfId, const Pexo::Prefix& prefix);
+   void removeWatchedPrefix(VrfId vrfId, const Pexo::Prefix& prefix);
+   void addWatchedIp6Prefix(VrfId vrfId, const Pexo::Ip6Prefix& prefix);
+   void removeWatchedIp6Prefix(VrfId vrfId, const Pexo::Ip6Prefix& prefix);
+   void handleResolvedPrefix(const VrfAndIpGenPrefix& vrfPrefix);
+   void handleResolvedIp6Prefix(const VrfAndIpGenPrefix& vrfPrefix);
+   void handleResolvedPrefixCommon(const VrfAndIpGenPrefix& vrfPrefix,
+                                   const NextHopEntryList& entryList);
+   void processResolvedEntry(const VrfAndIpGenPrefix& vrfPrefix, RouteType routeType,
+                             uint64_t fecId);
+
+   // ---- Owned members ----
+   void segmentPrefixTrieIs();
+   void segmentPrefixTrieDel();
+   const Zop::Ptr<KivSegmentPrefixTrie>& segmentPrefixTrie() const { return segmentPrefixTrie_; }
+   void fibRouteReivewListIs(const Zop::Ptr<VrfPrefixCollection>& list);
+   const Zop::Ptr<VrfPrefixCollection>& fibRouteReivewList() const { return fibRouteReivewList_; }
+   void fibRouteSmIs(const Zop::Ptr<Ruv::TaskScheduler>& scheduler,
+                     const Zop::Ptr<L3Status>& l3Status,
+                     const Zop::Ptr<const KivVrfFibRouteCollection>& fibRoutes,
+                     const Zop::Ptr<const KivVrfFibRoute6Collection>& fibRoutes6,
+                     const Zop::Ptr<VrfPrefixCollection>& fibRouteReviewList,
+                     const Zop::Ptr<KivSegmentRouteInfoColl>& segmentRoutesList,
+                     const Zop::Ptr<KivSegmentPrefixTrie>& segmentPrefixTrie,
+                     const Zop::Ptr<KivSegmentRouteHelper>& segmentRouteHelper,
+                     const Zop::Ptr<KivHelper::RouteSmHelper>& routeHelper,
+                     const Zop::Ptr<KivHelper::Route6SmHelper>& route6Helper,
+                     const Zop::Ptr<SegmentSecurityStatus>& status);
+   void fibRouteSmDel();
+   const Zop::Ptr<FibRouteReactorSm>& fibRouteSm() const { return fibRouteSm_; }
+
+   const Zop::Ptr<KivSegmentRouteInfoColl>& segmentRoutesList() const { return segmentRoutesList_; }
+   const Zop::Ptr<const SegmentIdResponse>& segmentIdStatus() const { return segmentIdResponse_; }
+   const Zop::Ptr<PrefixCount>& prefixCount() const { return prefixCount_; }
+   const Zop::Ptr<const Firewall::HwConfig>& fwConfig() const { return fwConfig_; }
+
+private:
+   class ReviewListNotifiee;
+   class RouteStatusNotifiee;
+   class Route6StatusNotifiee;
+
+   Zop::Ptr<L3::VrfStatus> vrfL3Status(VrfId vrfId) const;
+   // The route info of the FIB route of `vrfPrefix`, from its adjacency.
+   RouteInfo fibRouteInfo(const VrfAndIpGenPrefix& vrfPrefix) const;
+   bool programRoute(const VrfAndIpGenPrefix& vrfPrefix, const RouteInfo& oldRouteInfo,
+                     const RouteInfo& newRouteInfo);
+   void addPrefix(const KivSegmentHwInfo& info);
+   void removePrefix(const KivSegmentHwInfo& info);
+
+   Zop::Ptr<Ruv::TaskScheduler> scheduler_;
+   Zop::Ptr<RouteReactorConfig> routeConfig_;
+   Zop::Ptr<Route6ReactorConfig> route6Config_;
+   Zop::Ptr<RouteReactorStatus> routeStatus_;
+   Zop::Ptr<Route6ReactorStatus> route6Status_;
+   Zop::Ptr<L3Status> l3Status_;
+   Zop::Ptr<const KivVrfFibRouteCollection> fibRoutes_;
+   Zop::Ptr<const KivVrfFibRoute6Collection> fibRoutes6_;
+   Zop::Ptr<KivHelper::RouteSmHelper> routeHelper_;
+   Zop::Ptr<KivHelper::Route6SmHelper> route6Helper_;
+   Zop::Ptr<KivSegmentRouteHelper> segmentRouteHelper_;
+   Zop::Ptr<const Firewall::HwConfig> fwConfig_;
+   Zop::Ptr<SegmentIdRequest> segmentIdRequest_;
+   Zop::Ptr<const SegmentIdResponse> segmentIdResponse_;
+   Zop::Ptr<VrfPrefixCollection> segmentReviewList_;
+   Zop::Ptr<PrefixCount> prefixCount_;
+   Zop::Ptr<KivSegmentRouteInfoColl> segmentRoutesList_;
+   Zop::Ptr<SegmentSecurityStatus> status_;
+
+   Zop::Ptr<KivSegmentPrefixTrie> segmentPrefixTrie_;
+   Zop::Ptr<VrfPrefixCollection> fibRouteReivewList_;
+   Zop::Ptr<FibRouteReactorSm> fibRouteSm_;
+   Zop::Ptr<Ruv::Task> segmentSubnetTask_;
+   std::unique_ptr<ReviewListNotifiee> reviewListNotifiee_;
+   std::unique_ptr<RouteStatusNotifiee> routeStatusNotifiee_;
+   std::unique_ptr<Route6StatusNotifiee> route6StatusNotifiee_;
+};
+
+KIV_EXPORT Zop::Ptr<KivSegmentPrefixProcessorSm> kivSegmentPrefixProcessorSmFactory(
+    const Zop::Ptr<Ruv::TaskScheduler>& scheduler, const Zop::Ptr<RouteReactorConfig>& routeConfig,
+    const Zop::Ptr<Route6ReactorConfig>& route6Config,
+    const Zop::Ptr<RouteReactorStatus>& routeStatus,
+    const Zop::Ptr<Route6ReactorStatus>& route6Status, const Zop::Ptr<L3Status>& l3Status,
+    const Zop::Ptr<const KivVrfFibRouteCollection>& fibRoutes,
+    const Zop::Ptr<const KivVrfFibRoute6Collection>& fibRoutes6,
+    const Zop::Ptr<KivHelper::RouteSmHelper>& routeHelper,
+    const Zop::Ptr<KivHelper::Route6SmHelper>& route6Helper,
+    const Zop::Ptr<KivSegmentRouteHelper>& segmentRouteHelper,
+    const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+    const Zop::Ptr<SegmentIdRequest>& segmentIdRequest,
+    const Zop::Ptr<const SegmentIdResponse>& segmentIdResponse,
+    const Zop::Ptr<VrfPrefixCollection>& segmentReviewList,
+    const Zop::Ptr<PrefixCount>& prefixCount,
+    const Zop::Ptr<KivSegmentRouteInfoColl>& segmentRoutesList,
+    const Zop::Ptr<SegmentSecurityStatus>& status);
+
+}  // namespace Kiv
