@@ -1,0 +1,209 @@
+#include "sim/Oracle.h"
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <tuple>
+
+namespace sim {
+
+namespace {
+
+using Key = HardwareRouteTable::Key;
+using Entry = HardwareRouteTable::Entry;
+using Owner = HardwareRouteTable::Owner;
+using Quarn::Fib::GlobalFecId;
+
+Pexo::IpGenPrefix shortened(const Pexo::IpGenPrefix& p, uint32_t len) {
+   if (p.isIpv4()) {
+      return Pexo::Prefix(p.v4().addr(), len).masked();
+   }
+   return Pexo::Ip6Prefix(p.v6().addr(), len).masked();
+}
+
+// The counting segment prefixes of one VRF, and the lengths they come in
+// per family, longest first: a FIB route's longest cover is found by trying
+// just those lengths.
+struct VrfSegments {
+   std::map<Pexo::IpGenPrefix, SegmentHwId> prefixes;
+   std::vector<uint32_t> lengths4;
+   std::vector<uint32_t> lengths6;
+
+   void finish() {
+      for (const auto& entry : prefixes) {
+         (entry.first.isIpv4() ? lengths4 : lengths6).push_back(entry.first.len());
+      }
+      for (auto* v : {&lengths4, &lengths6}) {
+         std::sort(v->begin(), v->end(), std::greater<>());
+         v->erase(std::unique(v->begin(), v->end()), v->end());
+      }
+   }
+
+   // The id of the longest segment prefix containing p; 0 when none does.
+   SegmentHwId cover(const Pexo::IpGenPrefix& p) const {
+      for (uint32_t len : p.isIpv4() ? lengths4 : lengths6) {
+         if (len > p.len()) {
+            continue;
+         }
+         auto it = prefixes.find(shortened(p, len));
+         if (it != prefixes.end()) {
+            return it->second;
+         }
+      }
+      return SegmentHwId(0);
+   }
+};
+
+Zop::String describe(const Entry& e) {
+   return entryText(e.routeInfo, e.classId) + " (" + ownerText(e.owner) + ")";
+}
+
+}  // namespace
+
+Oracle::Oracle(Inputs inputs) : in_(std::move(inputs)) {}
+
+bool Oracle::validSegmentPrefix(const Pexo::IpGenPrefix& p) {
+   if (!p.validAsPrefix()) {
+      return false;
+   }
+   return p.isIpv4() ? p.v4().addr().isUnicast() : p.v6().addr().isUnicast();
+}
+
+Oracle::Expected Oracle::expected() const {
+   Expected ex;
+   std::map<VrfId, VrfSegments> segments;
+   if (in_.featureRunning) {
+      for (const auto& [name, fwVrf] : in_.fwConfig->vrf()) {
+         const VrfId* vrfId = in_.l3Status->vrfId(name);
+         if (!vrfId) {
+            continue;
+         }
+         for (const auto& [prefix, segment] : fwVrf->prefixList()) {
+            if (!validSegmentPrefix(prefix) || !fwVrf->segment(segment)) {
+               continue;
+            }
+            const SegmentIdStatus* grant =
+                in_.segmentIdResponse->status(SegmentIdRequestKey(*vrfId, segment));
+            if (grant && grant->hwId.isValid()) {
+               segments[*vrfId].prefixes[prefix] = grant->hwId;
+            }
+         }
+      }
+   }
+   for (auto& entry : segments) {
+      entry.second.finish();
+   }
+   auto idFor = [&segments](VrfId vrf, const Pexo::IpGenPrefix& p) {
+      auto it = segments.find(vrf);
+      return it == segments.end() ? SegmentHwId(0) : it->second.cover(p);
+   };
+
+   for (const auto& [k, r] : in_.fibRoutes->fibRoute()) {
+      const Pexo::IpGenPrefix p(k.prefix());
+      ex.entries[{k.vrfId(), p}] = Entry{r, idFor(k.vrfId(), p), Owner::fibRoute};
+   }
+   for (const auto& [k, r] : in_.fibRoutes6->fibRoute()) {
+      const Pexo::IpGenPrefix p(k.prefix());
+      ex.entries[{k.vrfId(), p}] = Entry{r, idFor(k.vrfId(), p), Owner::fibRoute};
+   }
+
+   for (const auto& [vrf, segs] : segments) {
+      const L3::VrfName name = in_.l3Status->vrfName(vrf);
+      const auto status = in_.l3Status->vrfStatus(name);
+      for (const auto& [p, id] : segs.prefixes) {
+         const Key key{vrf, p};
+         if (ex.entries.count(key)) {
+            continue;  // a FIB route: its entry carries the id already
+         }
+         if (!status) {
+            ex.problems.emplace_back(key, "the VRF has no status");
+            continue;
+         }
+         auto dropRoute = [&]() -> std::optional<RouteInfo> {
+            const auto type = p.isIpv4() ? GlobalFecId::kDropV4 : GlobalFecId::kDropV6;
+            const uint16_t dropIndex = in_.l3Status->vrfDropIndex(name);
+            const auto adj = in_.l3Status->adjacency(GlobalFecId(type, 0, dropIndex));
+            if (!adj) {
+               ex.problems.emplace_back(
+                   key, "no drop adjacency (drop index " + std::to_string(dropIndex) + ")");
+               return std::nullopt;
+            }
+            return RouteInfo(adj->routeType(), adj->l2Adj().index());
+         };
+         std::optional<RouteInfo> route;
+         if (!status->routingEnabled(p.af())) {
+            route = dropRoute();
+         } else {
+            const NextHopEntryList* answer =
+                p.isIpv4() ? in_.routeStatus->resolvedEntry(VrfAndPrefix(vrf, p.v4()))
+                           : in_.route6Status->resolvedEntry(VrfAndIp6Prefix(vrf, p.v6()));
+            if (!answer) {
+               continue;  // not answered yet: nothing may be in hardware
+            }
+            auto nextHop = std::find_if(answer->begin(), answer->end(),
+                                        [](const Routing::NextHopEntry& e) { return e.resolved; });
+            if (nextHop == answer->end()) {
+               route = dropRoute();
+            } else if (const uint32_t* table = in_.l3Status->vrfTableStatus()->fibTableId(name)) {
+               const GlobalFecId fec(GlobalFecId::kForward, *table, nextHop->fecIndex);
+               if (const auto adj = in_.l3Status->adjacency(fec)) {
+                  route = RouteInfo(nextHop->routeType, adj->l2Adj().index());
+               } else {
+                  ex.problems.emplace_back(
+                      key, "the resolver's next hop " + valueToStrep(fec) + " has no adjacency");
+               }
+            } else {
+               ex.problems.emplace_back(key, "the resolver answered but the VRF has no FIB table");
+            }
+         }
+         if (route) {
+            ex.entries[key] = Entry{*route, id, Owner::segmentRoute};
+         }
+      }
+   }
+   return ex;
+}
+
+std::vector<Zop::String> Oracle::check() const {
+   const Expected ex = expected();
+   const auto& actual = in_.hardware->entries();
+
+   std::vector<std::tuple<Zop::String, Pexo::IpGenPrefix, Zop::String>> lines;
+   auto add = [&](const Key& key, const Zop::String& text) {
+      L3::VrfName name = in_.l3Status->vrfName(key.vrfId);
+      Zop::String vrf = name.empty() ? "vrf#" + std::to_string(key.vrfId.value()) : name.value();
+      Zop::String line = vrf + " " + valueToStrep(key.prefix) + ": " + text;
+      lines.emplace_back(std::move(vrf), key.prefix, std::move(line));
+   };
+
+   auto e = ex.entries.begin();
+   auto a = actual.begin();
+   while (e != ex.entries.end() || a != actual.end()) {
+      if (a == actual.end() || (e != ex.entries.end() && e->first < a->first)) {
+         add(e->first, "missing, expected " + describe(e->second));
+         ++e;
+      } else if (e == ex.entries.end() || a->first < e->first) {
+         add(a->first, "unexpected " + describe(a->second));
+         ++a;
+      } else {
+         if (e->second != a->second) {
+            add(e->first, "expected " + describe(e->second) + ", found " + describe(a->second));
+         }
+         ++e;
+         ++a;
+      }
+   }
+   for (const auto& [key, text] : ex.problems) {
+      add(key, text);
+   }
+
+   std::sort(lines.begin(), lines.end());
+   std::vector<Zop::String> out;
+   out.reserve(lines.size());
+   for (auto& line : lines) {
+      out.push_back(std::move(std::get<2>(line)));
+   }
+   return out;
+}
+
+}  // namespace sim

@@ -1,0 +1,93 @@
+#pragma once
+// The judge of the simulated switch: from the configuration, the FIB, the
+// hw-id grants and the resolver's answers it computes the hardware state
+// that must hold once everything has settled, and lists every difference
+// from the hardware table.
+//
+// It reads only published state (the objects in Inputs), never the segment
+// library's own records, and computes by brute force, so it shares no
+// algorithm with what it judges.
+//
+// The rules:
+//   Counting segment prefixes (only while the feature runs): a prefix-list
+//   entry P -> segment S of firewall VRF V counts when
+//     - P is a valid prefix (no host bits) whose address is unicast (so
+//       neither 0.0.0.0/n, ::/n nor multicast: the configuration side skips
+//       those, and ::/0 or 0.0.0.0/0 would be a default route, not a segment),
+//     - V has a VRF id in the L3 status,
+//     - S exists in V's segment directory, and
+//     - the allocator granted (V's id, S) a valid hw id.
+//   Expected entries:
+//     - Every FIB route keeps its own RouteInfo and carries the id of the
+//       longest counting segment prefix of its VRF that contains it (equal
+//       or shorter), or 0 when none does.
+//     - A counting segment prefix that is not a FIB route:
+//         routing of its family off in the VRF: its own route with the VRF's
+//           drop adjacency of the family (route type and l2 index of
+//           GlobalFecId(kDropV4/kDropV6, 0, drop index)), carrying its id;
+//         routing on: absent until the resolver answered the watched key;
+//           then its own route to the first resolved next hop of the answer
+//           (the next hop's route type, and the l2 index of the adjacency of
+//           GlobalFecId(kForward, the VRF's FIB table id, fecIndex)), or the
+//           drop route when the answer has no resolved next hop; either way
+//           carrying its id.
+//     - Nothing else.
+//   Where published state lacks something the rules need (no drop
+//   adjacency, no adjacency for an answer's FEC), that is reported as a line
+//   of its own and nothing is expected for the prefix.
+//
+// check() returns one line per difference, sorted by VRF name then prefix
+// (a VRF unknown to the L3 status shows as "vrf#<id>"), e.g.
+//   red 10.1.0.0/16: expected routeTypeDrop adj 1048578 id 5 (segment route), found
+//   routeTypeDrop adj 1048578 id 0 (segment route)
+// An empty list means the hardware is exactly as it must be.
+
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "Firewall/HwConfig.h"
+#include "Routing/FibRoute.h"
+#include "Routing/L3Status.h"
+#include "Routing/RouteReactor.h"
+#include "Segment/SegmentId.h"
+#include "sim/HardwareRouteTable.h"
+
+namespace sim {
+
+class Oracle {
+public:
+   struct Inputs {
+      Zop::Ptr<const Firewall::HwConfig> fwConfig;
+      Zop::Ptr<const L3Status> l3Status;
+      Zop::Ptr<const KivVrfFibRouteCollection> fibRoutes;
+      Zop::Ptr<const KivVrfFibRoute6Collection> fibRoutes6;
+      Zop::Ptr<const SegmentIdResponse> segmentIdResponse;
+      Zop::Ptr<const RouteReactorStatus> routeStatus;
+      Zop::Ptr<const Route6ReactorStatus> route6Status;
+      Zop::Ptr<const HardwareRouteTable> hardware;
+      // Whether the segment feature runs; when it does not, no segment
+      // prefix counts and every FIB route carries 0.
+      bool featureRunning = true;
+   };
+
+   explicit Oracle(Inputs inputs);
+
+   std::vector<Zop::String> check() const;
+
+   // The hardware table that must hold, with the lines for missing
+   // published state; check() compares this with the real one.
+   struct Expected {
+      std::map<HardwareRouteTable::Key, HardwareRouteTable::Entry> entries;
+      std::vector<std::pair<HardwareRouteTable::Key, Zop::String>> problems;
+   };
+   Expected expected() const;
+
+   // Whether a configured prefix can be a segment prefix at all.
+   static bool validSegmentPrefix(const Pexo::IpGenPrefix& prefix);
+
+private:
+   Inputs in_;
+};
+
+}  // namespace sim

@@ -1,0 +1,320 @@
+#include "sim/RouteResolver.h"
+
+#include "Zop/Assert.h"
+
+namespace sim {
+
+namespace {
+
+using Quarn::Fib::GlobalFecId;
+
+// The prefix with only its first `len` bits.
+Pexo::IpGenPrefix shortened(const Pexo::IpGenPrefix& p, uint32_t len) {
+   if (p.isIpv4()) {
+      return Pexo::Prefix(p.v4().addr(), len).masked();
+   }
+   return Pexo::Ip6Prefix(p.v6().addr(), len).masked();
+}
+
+}  // namespace
+
+class RouteResolver::ConfigNotifiee final : public RouteReactorConfig::Notifiee {
+public:
+   explicit ConfigNotifiee(RouteResolver& r) : r_(r) {}
+   void handleWatchedPrefix(const VrfAndPrefix& k) override {
+      r_.watchChanged(Key(k.vrfId(), k.prefix()));
+   }
+
+private:
+   RouteResolver& r_;
+};
+
+class RouteResolver::Config6Notifiee final : public Route6ReactorConfig::Notifiee {
+public:
+   explicit Config6Notifiee(RouteResolver& r) : r_(r) {}
+   void handleWatchedPrefix(const VrfAndIp6Prefix& k) override {
+      r_.watchChanged(Key(k.vrfId(), k.prefix()));
+   }
+
+private:
+   RouteResolver& r_;
+};
+
+class RouteResolver::FibNotifiee final : public KivVrfFibRouteCollection::Notifiee {
+public:
+   explicit FibNotifiee(RouteResolver& r) : r_(r) {}
+   void handleFibRoute(const VrfAndPrefix& k) override {
+      r_.fibChanged(Key(k.vrfId(), k.prefix()));
+   }
+
+private:
+   RouteResolver& r_;
+};
+
+class RouteResolver::Fib6Notifiee final : public KivVrfFibRoute6Collection::Notifiee {
+public:
+   explicit Fib6Notifiee(RouteResolver& r) : r_(r) {}
+   void handleFibRoute(const VrfAndIp6Prefix& k) override {
+      r_.fibChanged(Key(k.vrfId(), k.prefix()));
+   }
+
+private:
+   RouteResolver& r_;
+};
+
+RouteResolver::RouteResolver(Zop::Ptr<Ruv::TaskScheduler> scheduler, Zop::Ptr<L3Status> l3Status,
+                             Zop::Ptr<KivVrfFibRouteCollection> fibRoutes,
+                             Zop::Ptr<KivVrfFibRoute6Collection> fibRoutes6,
+                             Zop::Ptr<RouteReactorConfig> routeConfig,
+                             Zop::Ptr<Route6ReactorConfig> route6Config,
+                             Zop::Ptr<RouteReactorStatus> routeStatus,
+                             Zop::Ptr<Route6ReactorStatus> route6Status)
+    : scheduler_(std::move(scheduler)),
+      l3Status_(std::move(l3Status)),
+      fibRoutes_(std::move(fibRoutes)),
+      fibRoutes6_(std::move(fibRoutes6)),
+      routeConfig_(std::move(routeConfig)),
+      route6Config_(std::move(route6Config)),
+      routeStatus_(std::move(routeStatus)),
+      route6Status_(std::move(route6Status)),
+      task_(Ruv::makeTask(scheduler_, "SimRouteResolverTask", [this] { run(); })),
+      configNotifiee_(std::make_unique<ConfigNotifiee>(*this)),
+      config6Notifiee_(std::make_unique<Config6Notifiee>(*this)),
+      fibNotifiee_(std::make_unique<FibNotifiee>(*this)),
+      fib6Notifiee_(std::make_unique<Fib6Notifiee>(*this)) {
+   configNotifiee_->notifierIs(routeConfig_);
+   config6Notifiee_->notifierIs(route6Config_);
+   fibNotifiee_->notifierIs(fibRoutes_);
+   fib6Notifiee_->notifierIs(fibRoutes6_);
+   // Watches made before the resolver started are answered too.
+   for (const auto& [k, w] : routeConfig_->watchedPrefix()) {
+      watchChanged(Key(k.vrfId(), k.prefix()));
+   }
+   for (const auto& [k, w] : route6Config_->watchedPrefix()) {
+      watchChanged(Key(k.vrfId(), k.prefix()));
+   }
+}
+
+RouteResolver::~RouteResolver() {
+   task_->cancel();
+}
+
+void RouteResolver::modeIs(Mode mode) {
+   if (mode == mode_) {
+      return;
+   }
+   mode_ = mode;
+   pendingKeys_.insert(watched_.begin(), watched_.end());
+   task_->scheduleTask();
+}
+
+void RouteResolver::resolve(VrfId vrf, const Pexo::IpGenPrefix& prefix, uint64_t adjIndex) {
+   held_[Key(vrf, prefix)] = adjIndex;
+   pendingKeys_.insert(Key(vrf, prefix));
+   task_->scheduleTask();
+}
+
+void RouteResolver::resolveNone(VrfId vrf, const Pexo::IpGenPrefix& prefix) {
+   held_[Key(vrf, prefix)] = std::nullopt;
+   pendingKeys_.insert(Key(vrf, prefix));
+   task_->scheduleTask();
+}
+
+void RouteResolver::resolveDel(VrfId vrf, const Pexo::IpGenPrefix& prefix) {
+   held_.erase(Key(vrf, prefix));
+   pendingKeys_.insert(Key(vrf, prefix));
+   task_->scheduleTask();
+}
+
+std::optional<uint64_t> RouteResolver::answerAdjIndex(VrfId vrf,
+                                                      const Pexo::IpGenPrefix& prefix) const {
+   auto it = published_.find(Key(vrf, prefix));
+   if (it == published_.end() || !it->second.fec) {
+      return std::nullopt;
+   }
+   return it->second.fec->second;
+}
+
+void RouteResolver::watchChanged(const Key& key) {
+   pendingKeys_.insert(key);
+   task_->scheduleTask();
+}
+
+void RouteResolver::fibChanged(const Key& key) {
+   if (mode_ != Mode::automatic) {
+      return;
+   }
+   pendingFib_.insert(key);
+   task_->scheduleTask();
+}
+
+void RouteResolver::run() {
+   // A FIB route change at Q matters to the watched prefixes strictly inside
+   // Q. Keys sort by VRF, family, address: those prefixes follow Q in the
+   // watch set, and the scan ends at the first address beyond Q's range.
+   for (const Key& fib : pendingFib_) {
+      const Pexo::IpGenPrefix& q = fib.prefix();
+      for (auto it = watched_.upper_bound(fib); it != watched_.end(); ++it) {
+         const Pexo::IpGenPrefix& p = it->prefix();
+         if (it->vrfId() != fib.vrfId() || p.af() != q.af() || shortened(p, q.len()) > q) {
+            break;
+         }
+         if (q.contains(p)) {
+            pendingKeys_.insert(*it);
+         }
+      }
+   }
+   pendingFib_.clear();
+   while (!pendingKeys_.empty()) {
+      if (scheduler_->taskShouldYield()) {
+         task_->scheduleTask();
+         return;
+      }
+      const Key key = *pendingKeys_.begin();
+      pendingKeys_.erase(pendingKeys_.begin());
+      answer(key);
+   }
+}
+
+bool RouteResolver::watched(const Key& key) const {
+   const Pexo::IpGenPrefix& p = key.prefix();
+   if (p.isIpv4()) {
+      return routeConfig_->watchedPrefixHas(VrfAndPrefix(key.vrfId(), p.v4()));
+   }
+   return p.isIpv6() && route6Config_->watchedPrefixHas(VrfAndIp6Prefix(key.vrfId(), p.v6()));
+}
+
+std::optional<std::optional<uint64_t>> RouteResolver::desired(const Key& key) const {
+   if (mode_ == Mode::manual) {
+      auto it = held_.find(key);
+      if (it == held_.end()) {
+         return std::nullopt;
+      }
+      return it->second;
+   }
+   const Pexo::IpGenPrefix& p = key.prefix();
+   if (p.len() == 0 || !p.validAsPrefix()) {
+      return std::optional<uint64_t>();
+   }
+   // The longest FIB route containing P with its last bit dropped is the
+   // longest one strictly covering P.
+   const Pexo::IpGenPrefix above = shortened(p, p.len() - 1);
+   if (p.isIpv4()) {
+      const auto trie = routeStatus_->fibTrie(key.vrfId());
+      const auto match = trie ? trie->longestMatch(above.v4()) : std::nullopt;
+      const RouteInfo* r =
+          match ? fibRoutes_->fibRoute(VrfAndPrefix(key.vrfId(), *match)) : nullptr;
+      return r ? std::optional<uint64_t>(r->adjIndex()) : std::nullopt;
+   }
+   const auto trie = route6Status_->fibTrie(key.vrfId());
+   const auto match = trie ? trie->longestMatch(above.v6()) : std::nullopt;
+   const RouteInfo* r =
+       match ? fibRoutes6_->fibRoute(VrfAndIp6Prefix(key.vrfId(), *match)) : nullptr;
+   return r ? std::optional<uint64_t>(r->adjIndex()) : std::nullopt;
+}
+
+void RouteResolver::answer(const Key& key) {
+   if (!watched(key)) {
+      watched_.erase(key);
+      withdraw(key);
+      return;
+   }
+   watched_.insert(key);
+   const auto want = desired(key);
+   if (!want) {
+      withdraw(key);
+      return;
+   }
+   Answer a;
+   if (*want) {
+      const uint32_t* tableId =
+          l3Status_->vrfTableStatus()->fibTableId(l3Status_->vrfName(key.vrfId()));
+      if (tableId) {
+         a.fec = std::make_pair(*tableId, **want);
+      }
+   }
+   publish(key, a);
+}
+
+void RouteResolver::publish(const Key& key, const Answer& answer) {
+   Answer next = answer;
+   NextHopEntryList list;
+   if (next.fec) {
+      // The adjacency goes out before the answer that refers to it.
+      next.fecIndex = acquireFec(next.fec->first, next.fec->second);
+      list.push_back({true, RouteType::routeTypeForward, next.fecIndex});
+   }
+   const Pexo::IpGenPrefix& p = key.prefix();
+   if (p.isIpv4()) {
+      routeStatus_->resolvedEntryIs(VrfAndPrefix(key.vrfId(), p.v4()), list);
+   } else {
+      route6Status_->resolvedEntryIs(VrfAndIp6Prefix(key.vrfId(), p.v6()), list);
+   }
+   // The FEC the previous answer used goes only after nothing refers to it.
+   auto [it, inserted] = published_.try_emplace(key, next);
+   if (!inserted) {
+      const Answer previous = it->second;
+      it->second = next;
+      if (previous.fec) {
+         releaseFec(*previous.fec);
+      }
+   }
+}
+
+void RouteResolver::withdraw(const Key& key) {
+   auto it = published_.find(key);
+   if (it == published_.end()) {
+      return;
+   }
+   const Answer previous = it->second;
+   published_.erase(it);
+   const Pexo::IpGenPrefix& p = key.prefix();
+   if (p.isIpv4()) {
+      routeStatus_->resolvedEntryDel(VrfAndPrefix(key.vrfId(), p.v4()));
+   } else {
+      route6Status_->resolvedEntryDel(VrfAndIp6Prefix(key.vrfId(), p.v6()));
+   }
+   if (previous.fec) {
+      releaseFec(*previous.fec);
+   }
+}
+
+uint16_t RouteResolver::acquireFec(uint32_t tableId, uint64_t adjIndex) {
+   auto [it, inserted] = fecs_.try_emplace({tableId, adjIndex});
+   if (inserted) {
+      std::set<uint16_t>& used = fecIndicesInUse_[tableId];
+      uint16_t index = 1;
+      for (uint16_t u : used) {
+         if (u != index) {
+            break;
+         }
+         ++index;
+      }
+      ZOP_ASSERT(index != 0, "the simulated resolver ran out of FEC indices", "sim/RouteResolver");
+      used.insert(index);
+      it->second.index = index;
+      l3Status_->adjacencyIs(GlobalFecId(GlobalFecId::kForward, tableId, index),
+                             Zop::makePtr<AdjEntry>(RouteType::routeTypeForward, adjIndex));
+   }
+   ++it->second.users;
+   return it->second.index;
+}
+
+void RouteResolver::releaseFec(const std::pair<uint32_t, uint64_t>& fec) {
+   auto it = fecs_.find(fec);
+   ZOP_ASSERT(it != fecs_.end() && it->second.users > 0, "released a FEC nobody holds",
+              "sim/RouteResolver");
+   if (--it->second.users > 0) {
+      return;
+   }
+   const uint16_t index = it->second.index;
+   fecs_.erase(it);
+   auto used = fecIndicesInUse_.find(fec.first);
+   used->second.erase(index);
+   if (used->second.empty()) {
+      fecIndicesInUse_.erase(used);
+   }
+   l3Status_->adjacencyDel(GlobalFecId(GlobalFecId::kForward, fec.first, index));
+}
+
+}  // namespace sim

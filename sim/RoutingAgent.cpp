@@ -1,0 +1,243 @@
+#include "sim/RoutingAgent.h"
+
+#include <set>
+#include <string>
+
+namespace sim {
+
+namespace {
+
+using Quarn::Fib::GlobalFecId;
+
+// The lowest number from 1 up that `used` does not hold.
+template <class T>
+T lowestFree(const std::set<T>& used) {
+   T candidate = 1;
+   for (T u : used) {
+      if (u > candidate) {
+         break;
+      }
+      if (u == candidate) {
+         ++candidate;
+      }
+   }
+   return candidate;
+}
+
+Zop::String vrfText(const L3::VrfName& name) {
+   return "VRF '" + name.value() + "'";
+}
+
+}  // namespace
+
+RoutingAgent::RoutingAgent(Zop::Ptr<L3Status> l3Status,
+                           Zop::Ptr<KivVrfFibRouteCollection> fibRoutes,
+                           Zop::Ptr<KivVrfFibRoute6Collection> fibRoutes6,
+                           Zop::Ptr<RouteReactorStatus> routeStatus,
+                           Zop::Ptr<Route6ReactorStatus> route6Status,
+                           Zop::Ptr<HardwareRouteTable> hardware)
+    : l3Status_(std::move(l3Status)),
+      fibRoutes_(std::move(fibRoutes)),
+      fibRoutes6_(std::move(fibRoutes6)),
+      routeStatus_(std::move(routeStatus)),
+      route6Status_(std::move(route6Status)),
+      hardware_(std::move(hardware)) {}
+
+Outcome RoutingAgent::vrfAdd(const L3::VrfName& name, VrfId id, bool routing, bool routing6) {
+   if (name.empty()) {
+      return Outcome::refused("a VRF needs a name");
+   }
+   for (const auto& [other, vrf] : vrfs_) {
+      if (vrf.id == id && other != name) {
+         return Outcome::refused("VRF id " + std::to_string(id.value()) + " belongs to " +
+                                 vrfText(other));
+      }
+   }
+   auto it = vrfs_.find(name);
+   if (it != vrfs_.end()) {
+      if (it->second.id == id) {
+         return vrfRoutingIs(name, routing, routing6);
+      }
+      (void)vrfDelete(name);
+   }
+
+   std::set<uint16_t> dropIndices;
+   std::set<uint32_t> tableIds;
+   for (const auto& [other, vrf] : vrfs_) {
+      dropIndices.insert(vrf.dropIndex);
+      tableIds.insert(vrf.tableId);
+   }
+   Vrf vrf;
+   vrf.id = id;
+   vrf.dropIndex = lowestFree(dropIndices);
+   if (vrf.dropIndex == 0) {
+      return Outcome::refused("no drop index left for " + vrfText(name));
+   }
+   vrf.tableId = lowestFree(tableIds);
+   // Flags are set before the status is published: nobody sees it change.
+   vrf.status = L3::vrfStatusFactory(name);
+   vrf.status->routingEnabledIs(routing);
+   vrf.status->routing6EnabledIs(routing6);
+   vrf.trie = Routing::trieFactory();
+   vrf.trie6 = Routing6::trieFactory();
+   publish(name, vrfs_.emplace(name, std::move(vrf)).first->second);
+   return Outcome::done();
+}
+
+void RoutingAgent::publish(const L3::VrfName& name, Vrf& vrf) {
+   l3Status_->vrfStatusIs(vrf.status);
+   l3Status_->vrfDropIndexIs(name, vrf.dropIndex);
+   l3Status_->adjacencyIs(
+       GlobalFecId(GlobalFecId::kDropV4, 0, vrf.dropIndex),
+       Zop::makePtr<AdjEntry>(RouteType::routeTypeDrop,
+                              dropL2Index(vrf.dropIndex, Pexo::AddressFamily::ipv4)));
+   l3Status_->adjacencyIs(
+       GlobalFecId(GlobalFecId::kDropV6, 0, vrf.dropIndex),
+       Zop::makePtr<AdjEntry>(RouteType::routeTypeDrop,
+                              dropL2Index(vrf.dropIndex, Pexo::AddressFamily::ipv6)));
+   l3Status_->vrfTableStatus()->fibTableIdIs(name, vrf.tableId);
+   routeStatus_->fibTrieIs(vrf.id, vrf.trie);
+   route6Status_->fibTrieIs(vrf.id, vrf.trie6);
+   // The id last: it tells everyone the VRF is complete.
+   l3Status_->vrfNameIs(vrf.id, name);
+   l3Status_->vrfIdIs(name, vrf.id);
+}
+
+Outcome RoutingAgent::vrfRoutingIs(const L3::VrfName& name, bool routing, bool routing6) {
+   auto it = vrfs_.find(name);
+   if (it == vrfs_.end()) {
+      return Outcome::refused("no " + vrfText(name));
+   }
+   it->second.status->routingEnabledIs(routing);
+   it->second.status->routing6EnabledIs(routing6);
+   return Outcome::done();
+}
+
+Outcome RoutingAgent::vrfDelete(const L3::VrfName& name) {
+   auto it = vrfs_.find(name);
+   if (it == vrfs_.end()) {
+      return Outcome::refused("no " + vrfText(name));
+   }
+   Vrf& vrf = it->second;
+   while (!vrf.fib.empty()) {
+      fibWithdraw(vrf, vrf.fib.begin()->first);
+   }
+   withdraw(name, vrf);
+   vrfs_.erase(it);
+   return Outcome::done();
+}
+
+void RoutingAgent::withdraw(const L3::VrfName& name, Vrf& vrf) {
+   // The id first: from then on nobody starts anything with the VRF.
+   l3Status_->vrfIdDel(name);
+   l3Status_->vrfNameDel(vrf.id);
+   route6Status_->fibTrieDel(vrf.id);
+   routeStatus_->fibTrieDel(vrf.id);
+   l3Status_->vrfTableStatus()->fibTableIdDel(name);
+   l3Status_->adjacencyDel(GlobalFecId(GlobalFecId::kDropV6, 0, vrf.dropIndex));
+   l3Status_->adjacencyDel(GlobalFecId(GlobalFecId::kDropV4, 0, vrf.dropIndex));
+   l3Status_->vrfDropIndexDel(name);
+   l3Status_->vrfStatusDel(name);
+}
+
+Outcome RoutingAgent::fibAdd(const L3::VrfName& vrfName, const Pexo::IpGenPrefix& prefix,
+                             uint64_t adjIndex) {
+   auto it = vrfs_.find(vrfName);
+   if (it == vrfs_.end()) {
+      return Outcome::refused("no " + vrfText(vrfName) + " with an id");
+   }
+   if (!prefix.validAsPrefix()) {
+      return Outcome::refused("not a valid prefix: " + valueToStrep(prefix));
+   }
+   Vrf& vrf = it->second;
+   auto [route, added] = vrf.fib.try_emplace(prefix, adjIndex);
+   if (!added) {
+      if (route->second == adjIndex) {
+         return Outcome::done();
+      }
+      route->second = adjIndex;
+   }
+   const RouteInfo info(RouteType::routeTypeForward, adjIndex);
+   const auto adj = Zop::makePtr<AdjEntry>(RouteType::routeTypeForward, adjIndex);
+   hardware_->fibRouteIs({vrf.id, prefix}, info);
+   if (prefix.isIpv4()) {
+      const VrfAndPrefix key(vrf.id, prefix.v4());
+      vrf.trie->routeIs(prefix.v4(), true);
+      l3Status_->routeAdjIs(key, adj);
+      fibRoutes_->fibRouteIs(key, info);
+   } else {
+      const VrfAndIp6Prefix key(vrf.id, prefix.v6());
+      vrf.trie6->routeIs(prefix.v6(), true);
+      l3Status_->route6AdjIs(key, adj);
+      fibRoutes6_->fibRouteIs(key, info);
+   }
+   return Outcome::done();
+}
+
+Outcome RoutingAgent::fibDelete(const L3::VrfName& vrfName, const Pexo::IpGenPrefix& prefix) {
+   auto it = vrfs_.find(vrfName);
+   if (it == vrfs_.end()) {
+      return Outcome::refused("no " + vrfText(vrfName) + " with an id");
+   }
+   if (!it->second.fib.count(prefix)) {
+      return Outcome::refused("no FIB route " + valueToStrep(prefix) + " in " + vrfText(vrfName));
+   }
+   fibWithdraw(it->second, prefix);
+   return Outcome::done();
+}
+
+void RoutingAgent::fibWithdraw(Vrf& vrf, const Pexo::IpGenPrefix& prefix) {
+   // `prefix` may refer to the map entry erased here.
+   const Pexo::IpGenPrefix p = prefix;
+   vrf.fib.erase(p);
+   hardware_->fibRouteDel({vrf.id, p});
+   if (p.isIpv4()) {
+      const VrfAndPrefix key(vrf.id, p.v4());
+      vrf.trie->routeDel(p.v4());
+      l3Status_->routeAdjDel(key);
+      fibRoutes_->fibRouteDel(key);
+   } else {
+      const VrfAndIp6Prefix key(vrf.id, p.v6());
+      vrf.trie6->routeDel(p.v6());
+      l3Status_->route6AdjDel(key);
+      fibRoutes6_->fibRouteDel(key);
+   }
+}
+
+std::optional<VrfId> RoutingAgent::vrfId(const L3::VrfName& name) const {
+   auto it = vrfs_.find(name);
+   return it == vrfs_.end() ? std::nullopt : std::optional<VrfId>(it->second.id);
+}
+
+std::optional<uint16_t> RoutingAgent::dropIndex(const L3::VrfName& name) const {
+   auto it = vrfs_.find(name);
+   return it == vrfs_.end() ? std::nullopt : std::optional<uint16_t>(it->second.dropIndex);
+}
+
+std::optional<uint32_t> RoutingAgent::fibTableId(const L3::VrfName& name) const {
+   auto it = vrfs_.find(name);
+   return it == vrfs_.end() ? std::nullopt : std::optional<uint32_t>(it->second.tableId);
+}
+
+std::map<Pexo::IpGenPrefix, uint64_t> RoutingAgent::fibRoutes(const L3::VrfName& name) const {
+   auto it = vrfs_.find(name);
+   return it == vrfs_.end() ? std::map<Pexo::IpGenPrefix, uint64_t>() : it->second.fib;
+}
+
+std::vector<L3::VrfName> RoutingAgent::vrfNames() const {
+   std::vector<L3::VrfName> names;
+   for (const auto& entry : vrfs_) {
+      names.push_back(entry.first);
+   }
+   return names;
+}
+
+size_t RoutingAgent::fibRouteCount() const {
+   size_t n = 0;
+   for (const auto& entry : vrfs_) {
+      n += entry.second.fib.size();
+   }
+   return n;
+}
+
+}  // namespace sim

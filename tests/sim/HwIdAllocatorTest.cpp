@@ -1,0 +1,102 @@
+// The hw-id allocator: lowest free id, unique across VRFs, released with the
+// request; manual grants.
+
+#include "sim/HwIdAllocator.h"
+
+#include <gtest/gtest.h>
+
+#include "SimFixture.h"
+
+using sim::HwIdAllocator;
+
+namespace {
+
+SegmentIdRequestKey key(uint32_t vrf, const char* segment) {
+   return SegmentIdRequestKey(VrfId(vrf), segment);
+}
+
+uint16_t granted(const simtest::Platform& p, const SegmentIdRequestKey& k) {
+   const SegmentIdStatus* s = p.responses->status(k);
+   return s ? s->hwId.value() : 0;
+}
+
+}  // namespace
+
+TEST(HwIdAllocator, GrantsTheLowestFreeIdUniquelyAndTakesItBack) {
+   simtest::Platform p;
+   p.requests->requestIs(key(2, "web"));
+   p.requests->requestIs(key(1, "web"));
+   p.requests->requestIs(key(1, "db"));
+   EXPECT_FALSE(p.responses->statusHas(key(1, "web"))) << "answered inside the notification";
+   p.settle();
+   // Answered in key order, whatever order the requests came in.
+   EXPECT_EQ(granted(p, key(1, "db")), 1);
+   EXPECT_EQ(granted(p, key(1, "web")), 2);
+   EXPECT_EQ(granted(p, key(2, "web")), 3);
+   // Each id names one key, through the reverse entry too.
+   EXPECT_EQ(*p.responses->hwIdKey(SegmentHwId(3)), key(2, "web"));
+
+   p.requests->requestDel(key(1, "web"));
+   p.settle();
+   EXPECT_FALSE(p.responses->statusHas(key(1, "web")));
+   EXPECT_EQ(p.responses->hwIdKey(SegmentHwId(2)), nullptr);
+   p.requests->requestIs(key(3, "app"));
+   p.settle();
+   EXPECT_EQ(granted(p, key(3, "app")), 2) << "the freed id is the lowest free one";
+
+   // An exhausted pool makes requests wait until an id comes free.
+   ASSERT_TRUE(p.allocator.poolIs(1, 3).ok());
+   p.requests->requestIs(key(4, "x"));
+   p.requests->requestIs(key(4, "y"));
+   p.settle();
+   EXPECT_EQ(p.allocator.pendingRequests(), (std::vector{key(4, "x"), key(4, "y")}));
+   p.requests->requestDel(key(1, "db"));
+   p.settle();
+   EXPECT_EQ(granted(p, key(4, "x")), 1);
+   EXPECT_EQ(p.allocator.pendingRequests(), (std::vector{key(4, "y")}));
+   ASSERT_TRUE(p.allocator.poolIs(10, 11).ok());
+   p.settle();
+   EXPECT_EQ(granted(p, key(4, "y")), 10);
+   EXPECT_FALSE(p.allocator.poolIs(0, 5).ok());
+   EXPECT_FALSE(p.allocator.poolIs(5, 65535).ok());
+
+   // A request withdrawn before its answer leaves nothing behind.
+   p.requests->requestIs(key(5, "z"));
+   p.requests->requestDel(key(5, "z"));
+   p.settle();
+   EXPECT_FALSE(p.responses->statusHas(key(5, "z")));
+   EXPECT_EQ(p.allocator.grants().size(), p.responses->status().size());
+   EXPECT_EQ(p.allocator.grants().size(), 4u);
+}
+
+TEST(HwIdAllocator, ManualGrantsWaitForTheWord) {
+   simtest::Platform p;
+   p.allocator.modeIs(HwIdAllocator::Mode::manual);
+   p.requests->requestIs(key(1, "web"));
+   p.requests->requestIs(key(1, "db"));
+   p.requests->requestIs(key(1, "app"));
+   p.settle();
+   EXPECT_TRUE(p.responses->status().empty());
+   EXPECT_EQ(p.allocator.pendingRequests().size(), 3u);
+
+   ASSERT_TRUE(p.allocator.grant(key(1, "web")).ok());
+   EXPECT_EQ(granted(p, key(1, "web")), 1);
+   ASSERT_TRUE(p.allocator.grant(key(1, "db"), SegmentHwId(500)).ok());
+   EXPECT_EQ(granted(p, key(1, "db")), 500);
+
+   EXPECT_FALSE(p.allocator.grant(key(1, "web")).ok()) << "granted already";
+   EXPECT_FALSE(p.allocator.grant(key(1, "app"), SegmentHwId(500)).ok()) << "id taken";
+   EXPECT_FALSE(p.allocator.grant(key(1, "app"), SegmentHwId(0)).ok());
+   EXPECT_FALSE(p.allocator.grant(key(1, "app"), SegmentHwId(65535)).ok());
+   EXPECT_FALSE(p.allocator.grant(key(2, "web")).ok()) << "nobody asked";
+   EXPECT_FALSE(p.responses->statusHas(key(1, "app")));
+
+   // Withdrawal works in manual mode too; automatic grants what waits.
+   p.requests->requestDel(key(1, "web"));
+   p.settle();
+   EXPECT_FALSE(p.responses->statusHas(key(1, "web")));
+   p.allocator.modeIs(HwIdAllocator::Mode::automatic);
+   p.settle();
+   EXPECT_EQ(granted(p, key(1, "app")), 1);
+   EXPECT_TRUE(p.allocator.pendingRequests().empty());
+}

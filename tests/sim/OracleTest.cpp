@@ -1,0 +1,171 @@
+// The oracle on hand-built switch states: it must accept the right hardware
+// and name every wrong entry.
+
+#include "sim/Oracle.h"
+
+#include <gtest/gtest.h>
+
+#include "SimFixture.h"
+
+using Quarn::Fib::GlobalFecId;
+using simtest::hwKey;
+using simtest::pfx;
+using Lines = std::vector<Zop::String>;
+
+namespace {
+
+const RouteInfo kRedDrop4(RouteType::routeTypeDrop,
+                          sim::RoutingAgent::dropL2Index(1, Pexo::AddressFamily::ipv4));
+const RouteInfo kRedDrop6(RouteType::routeTypeDrop,
+                          sim::RoutingAgent::dropL2Index(1, Pexo::AddressFamily::ipv6));
+
+// "Nested segments, FIB routes beneath": VRF red (id 1, routing off) with
+//   segment web (id 5): 10.0.0.0/8, 2001:db8::/32
+//   segment db  (id 6): 10.1.0.0/16, itself a FIB route
+//   FIB routes 10.1.0.0/16 (adj 8), 10.1.1.0/24 (adj 7), 192.168.0.0/16 (adj 9),
+//              2001:db8:1::/48 (adj 11)
+// plus configuration that must not count: a prefix with host bits, a
+// multicast and a default prefix, a prefix of a deleted (but granted)
+// segment, a prefix of a segment without a grant, and a firewall VRF
+// without a VRF id. The hardware is then set as it must be.
+struct NestedSegments : simtest::Platform {
+   NestedSegments() {
+      EXPECT_TRUE(routing.vrfAdd("red", VrfId(1), false, false).ok());
+      EXPECT_TRUE(routing.fibAdd("red", pfx("10.1.0.0/16"), 8).ok());
+      EXPECT_TRUE(routing.fibAdd("red", pfx("10.1.1.0/24"), 7).ok());
+      EXPECT_TRUE(routing.fibAdd("red", pfx("192.168.0.0/16"), 9).ok());
+      EXPECT_TRUE(routing.fibAdd("red", pfx("2001:db8:1::/48"), 11).ok());
+      config.configure("red", pfx("10.0.0.0/8"), "web");
+      config.configure("red", pfx("2001:db8::/32"), "web");
+      config.configure("red", pfx("10.1.0.0/16"), "db");
+      config.configure("red", pfx("10.2.3.4/16"), "web");
+      config.configure("red", pfx("224.0.0.0/4"), "web");
+      config.configure("red", pfx("0.0.0.0/0"), "web");
+      config.configure("red", pfx("10.9.0.0/16"), "gone");
+      config.configure("red", pfx("10.8.0.0/16"), "fresh");
+      config.configure("green", pfx("10.0.0.0/8"), "web");
+
+      allocator.modeIs(sim::HwIdAllocator::Mode::manual);
+      for (const char* segment : {"web", "db", "gone"}) {
+         EXPECT_TRUE(config.requestId("red", segment).ok());
+      }
+      settle();
+      EXPECT_TRUE(allocator.grant(SegmentIdRequestKey(VrfId(1), "web"), SegmentHwId(5)).ok());
+      EXPECT_TRUE(allocator.grant(SegmentIdRequestKey(VrfId(1), "db"), SegmentHwId(6)).ok());
+      EXPECT_TRUE(allocator.grant(SegmentIdRequestKey(VrfId(1), "gone"), SegmentHwId(7)).ok());
+      EXPECT_TRUE(config.segmentDelete("red", "gone").ok());
+      settle();
+
+      program("10.0.0.0/8", kRedDrop4, 5);
+      program("2001:db8::/32", kRedDrop6, 5);
+      writeId("10.1.0.0/16", 6);
+      writeId("10.1.1.0/24", 6);
+      writeId("2001:db8:1::/48", 5);
+   }
+   void program(const char* p, const RouteInfo& r, uint16_t id) {
+      const auto* e = hardware->entry(hwKey(1, p));
+      EXPECT_TRUE(hardware->programRoute(hwKey(1, p), e ? e->routeInfo : RouteInfo(), r));
+      if (!r.empty()) {
+         writeId(p, id);
+      }
+   }
+   void writeId(const char* p, uint16_t id) {
+      EXPECT_TRUE(hardware->hardwareIdIs(hwKey(1, p), SegmentHwId(id)));
+   }
+};
+
+}  // namespace
+
+TEST(Oracle, AcceptsTheRightHardwareAndNamesEveryWrongEntry) {
+   NestedSegments s;
+   EXPECT_EQ(s.oracle().check(), Lines());
+   EXPECT_EQ(s.oracle().expected().entries.size(), 6u);
+   // The configuration side created a counter for each grant.
+   EXPECT_TRUE(s.prefixCount->segmentPrefixCountHas(SegmentHwId(5)));
+   EXPECT_TRUE(s.prefixCount->segmentPrefixCountHas(SegmentHwId(7)));
+
+   s.writeId("10.1.1.0/24", 5);              // the shorter segment's id
+   s.program("10.0.0.0/8", RouteInfo(), 0);  // a segment route lost
+   s.program("10.9.0.0/16", kRedDrop4, 0);   // a segment that is gone
+   s.writeId("192.168.0.0/16", 65535);       // outside every segment
+   s.hardware->fibRouteIs(hwKey(1, "2001:db8:1::/48"), RouteInfo(RouteType::routeTypeForward, 12));
+   EXPECT_EQ(
+       s.oracle().check(),
+       (Lines{"red 10.0.0.0/8: missing, expected routeTypeDrop adj 1048578 id 5 (segment route)",
+              "red 10.1.1.0/24: expected routeTypeForward adj 7 id 6 (FIB route), found "
+              "routeTypeForward adj 7 id 5 (FIB route)",
+              "red 10.9.0.0/16: unexpected routeTypeDrop adj 1048578 id 0 (segment route)",
+              "red 192.168.0.0/16: expected routeTypeForward adj 9 id 0 (FIB route), found "
+              "routeTypeForward adj 9 id 65535 (FIB route)",
+              "red 2001:db8:1::/48: expected routeTypeForward adj 11 id 5 (FIB route), found "
+              "routeTypeForward adj 12 id 5 (FIB route)"}));
+
+   // Published state the rules need but do not find is named as well.
+   s.l3Status->adjacencyDel(GlobalFecId(GlobalFecId::kDropV6, 0, 1));
+   const Lines lines = s.oracle().check();
+   EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                        "red 2001:db8::/32: no drop adjacency (drop index 1)"),
+             1);
+   EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                        "red 2001:db8::/32: unexpected routeTypeDrop adj 1048579 id 5 (segment "
+                        "route)"),
+             1);
+
+   // With the feature stopped, no segment prefix counts.
+   sim::Oracle::Inputs stopped{s.fwConfig,     s.l3Status,  s.fibRoutes,
+                               s.fibRoutes6,   s.responses, s.routeStatus,
+                               s.route6Status, s.hardware,  false};
+   const auto ex = sim::Oracle(stopped).expected();
+   EXPECT_EQ(ex.entries.size(), 4u);
+   for (const auto& [key, entry] : ex.entries) {
+      EXPECT_EQ(entry.classId, SegmentHwId(0)) << sim::keyText(key);
+   }
+}
+
+TEST(Oracle, RoutingEnabledPrefixesFollowTheResolver) {
+   simtest::Platform p;
+   ASSERT_TRUE(p.routing.vrfAdd("blue", VrfId(2), true, false).ok());
+   ASSERT_TRUE(p.routing.fibAdd("blue", pfx("172.0.0.0/8"), 50).ok());
+   p.config.configure("blue", pfx("172.16.0.0/16"), "app");
+   p.config.configure("blue", pfx("2001:db8::/32"), "app");
+   ASSERT_TRUE(p.config.requestId("blue", "app").ok());
+   p.settle();
+   const uint16_t id = p.responses->status(SegmentIdRequestKey(VrfId(2), "app"))->hwId.value();
+   const auto key = hwKey(2, "172.16.0.0/16");
+   const RouteInfo drop6(RouteType::routeTypeDrop,
+                         sim::RoutingAgent::dropL2Index(1, Pexo::AddressFamily::ipv6));
+   ASSERT_TRUE(p.hardware->programRoute(hwKey(2, "2001:db8::/32"), {}, drop6));
+   ASSERT_TRUE(p.hardware->hardwareIdIs(hwKey(2, "2001:db8::/32"), SegmentHwId(id)));
+   const sim::HardwareRouteTable::Entry fibEntry{RouteInfo(RouteType::routeTypeForward, 50),
+                                                 SegmentHwId(0),
+                                                 sim::HardwareRouteTable::Owner::fibRoute};
+
+   // Not answered: nothing may be in hardware for it.
+   EXPECT_EQ(p.oracle().check(), Lines());
+   ASSERT_TRUE(p.hardware->programRoute(key, {}, RouteInfo(RouteType::routeTypeDrop, 1)));
+   EXPECT_EQ(p.oracle().check(),
+             Lines{"blue 172.16.0.0/16: unexpected routeTypeDrop adj 1 id 0 (segment route)"});
+
+   // Answered with the covering FIB route.
+   p.watch(2, "172.16.0.0/16");
+   p.settle();
+   EXPECT_EQ(
+       p.oracle().expected().entries.at(key),
+       (sim::HardwareRouteTable::Entry{RouteInfo(RouteType::routeTypeForward, 50), SegmentHwId(id),
+                                       sim::HardwareRouteTable::Owner::segmentRoute}));
+   EXPECT_EQ(p.oracle().expected().entries.at(hwKey(2, "172.0.0.0/8")), fibEntry)
+       << "a FIB route above a segment prefix keeps id 0";
+   ASSERT_TRUE(p.hardware->programRoute(key, RouteInfo(RouteType::routeTypeDrop, 1),
+                                        RouteInfo(RouteType::routeTypeForward, 50)));
+   ASSERT_TRUE(p.hardware->hardwareIdIs(key, SegmentHwId(id)));
+   EXPECT_EQ(p.oracle().check(), Lines());
+
+   // Answered without a next hop: the drop route.
+   p.resolver.modeIs(sim::RouteResolver::Mode::manual);
+   p.resolver.resolveNone(VrfId(2), pfx("172.16.0.0/16"));
+   p.settle();
+   EXPECT_EQ(p.oracle().check(),
+             Lines{"blue 172.16.0.0/16: expected routeTypeDrop adj 1048578 id " +
+                   std::to_string(id) + " (segment route), found routeTypeForward adj 50 id " +
+                   std::to_string(id) + " (segment route)"});
+}

@@ -1,0 +1,132 @@
+// The route resolver's answers, automatic and manual.
+
+#include "sim/RouteResolver.h"
+
+#include <gtest/gtest.h>
+
+#include "SimFixture.h"
+
+using Quarn::Fib::GlobalFecId;
+using sim::RouteResolver;
+using simtest::pfx;
+
+namespace {
+
+// Checks, at every answer, that the adjacency of each next hop it names is
+// already published.
+class AnswerObserver : public RouteReactorStatus::Notifiee {
+public:
+   explicit AnswerObserver(simtest::Platform& p) : p_(p) { notifierIs(p.routeStatus); }
+   int answers = 0;
+   int unpublished = 0;
+   void handleResolvedEntry(const VrfAndPrefix& k) override {
+      ++answers;
+      const NextHopEntryList* list = p_.routeStatus->resolvedEntry(k);
+      if (list && !list->empty() &&
+          p_.answerAdj(k.vrfId().value(), valueToStrep(k.prefix()).c_str()) < 0) {
+         ++unpublished;
+      }
+   }
+
+private:
+   simtest::Platform& p_;
+};
+
+}  // namespace
+
+TEST(RouteResolver, AutomaticAnswersWithTheLongestStrictlyCoveringFibRoute) {
+   simtest::Platform p;
+   AnswerObserver observer(p);
+   ASSERT_TRUE(p.routing.vrfAdd("red", VrfId(1), true, true).ok());
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("10.0.0.0/8"), 100).ok());
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("10.1.0.0/16"), 200).ok());
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("2001:db8::/32"), 600).ok());
+
+   p.watch(1, "10.1.2.0/24");
+   p.watch(1, "10.1.0.0/16");  // itself a FIB route: only the /8 covers it strictly
+   p.watch(1, "11.0.0.0/8");
+   p.watch(1, "2001:db8:1::/48");
+   EXPECT_EQ(p.answer(1, "10.1.2.0/24"), nullptr) << "answered inside the notification";
+   p.settle();
+   EXPECT_EQ(p.answerAdj(1, "10.1.2.0/24"), 200);
+   EXPECT_EQ(p.answerAdj(1, "10.1.0.0/16"), 100);
+   EXPECT_EQ(p.answerAdj(1, "11.0.0.0/8"), 0);
+   EXPECT_EQ(p.answerAdj(1, "2001:db8:1::/48"), 600);
+   const NextHopEntryList expected{
+       {true, RouteType::routeTypeForward, p.answer(1, "10.1.2.0/24")->at(0).fecIndex}};
+   EXPECT_EQ(*p.answer(1, "10.1.2.0/24"), expected);
+
+   // FIB changes above a watched prefix re-answer it; others do not.
+   const int before = observer.answers;
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("10.1.2.0/23"), 300).ok());
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("10.1.2.0/25"), 400).ok());  // below it
+   p.settle();
+   EXPECT_EQ(p.answerAdj(1, "10.1.2.0/24"), 300);
+   EXPECT_EQ(observer.answers, before + 1);
+   ASSERT_TRUE(p.routing.fibDelete("red", pfx("10.1.2.0/23")).ok());
+   ASSERT_TRUE(p.routing.fibDelete("red", pfx("10.1.0.0/16")).ok());
+   p.settle();
+   EXPECT_EQ(p.answerAdj(1, "10.1.2.0/24"), 100);
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("10.0.0.0/7"), 700).ok());
+   p.settle();
+   EXPECT_EQ(p.answerAdj(1, "11.0.0.0/8"), 700);
+
+   // Answers to one adjacency share its FEC; the FEC goes with its last user.
+   p.watch(1, "10.1.3.0/24");
+   p.settle();
+   EXPECT_EQ(p.answer(1, "10.1.3.0/24")->at(0).fecIndex,
+             p.answer(1, "10.1.2.0/24")->at(0).fecIndex);
+   const uint32_t table = *p.routing.fibTableId("red");
+   const uint16_t fec100 = p.answer(1, "10.1.2.0/24")->at(0).fecIndex;
+   p.unwatch(1, "10.1.2.0/24");
+   p.unwatch(1, "10.1.3.0/24");
+   p.settle();
+   EXPECT_NE(p.l3Status->adjacency(GlobalFecId(GlobalFecId::kForward, table, fec100)), nullptr)
+       << "10.1.0.0/16 still goes to it";
+   p.unwatch(1, "10.1.0.0/16");
+   EXPECT_NE(p.answer(1, "10.1.0.0/16"), nullptr) << "withdrawn inside the notification";
+   p.settle();
+   EXPECT_EQ(p.answer(1, "10.1.0.0/16"), nullptr);
+   EXPECT_EQ(p.answer(1, "10.1.2.0/24"), nullptr);
+   EXPECT_EQ(p.l3Status->adjacency(GlobalFecId(GlobalFecId::kForward, table, fec100)), nullptr);
+   EXPECT_EQ(observer.unpublished, 0);
+}
+
+TEST(RouteResolver, ManualAnswersOnlyWhatItIsTold) {
+   simtest::Platform p;
+   ASSERT_TRUE(p.routing.vrfAdd("red", VrfId(1), true, true).ok());
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("10.0.0.0/8"), 100).ok());
+   p.resolver.modeIs(RouteResolver::Mode::manual);
+
+   p.watch(1, "10.1.0.0/16");
+   p.settle();
+   EXPECT_EQ(p.answer(1, "10.1.0.0/16"), nullptr);
+
+   p.resolver.resolve(VrfId(1), pfx("10.1.0.0/16"), 7);
+   p.resolver.resolveNone(VrfId(1), pfx("10.2.0.0/16"));  // held until watched
+   p.resolver.resolve(VrfId(1), pfx("2001:db8::/32"), 8);
+   p.settle();
+   EXPECT_EQ(p.answerAdj(1, "10.1.0.0/16"), 7);
+   EXPECT_EQ(p.answer(1, "10.2.0.0/16"), nullptr);
+   p.watch(1, "10.2.0.0/16");
+   p.watch(1, "2001:db8::/32");
+   p.settle();
+   EXPECT_EQ(p.answerAdj(1, "10.2.0.0/16"), 0);
+   EXPECT_EQ(p.answerAdj(1, "2001:db8::/32"), 8);
+
+   // FIB changes do not matter; a new word does.
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("10.0.0.0/15"), 300).ok());
+   p.settle();
+   EXPECT_EQ(p.answerAdj(1, "10.1.0.0/16"), 7);
+   p.resolver.resolveNone(VrfId(1), pfx("10.1.0.0/16"));
+   p.settle();
+   EXPECT_EQ(p.answerAdj(1, "10.1.0.0/16"), 0);
+
+   // Back to automatic: every watched key is answered from the FIB.
+   p.resolver.modeIs(RouteResolver::Mode::automatic);
+   p.settle();
+   EXPECT_EQ(p.answerAdj(1, "10.1.0.0/16"), 300);
+   EXPECT_EQ(p.answerAdj(1, "10.2.0.0/16"), 100);
+   EXPECT_EQ(p.answerAdj(1, "2001:db8::/32"), 0);
+   EXPECT_EQ(p.resolver.fecCount(), 2u) << "the FECs of manual answers went with them";
+}
