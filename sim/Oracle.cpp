@@ -110,7 +110,9 @@ Oracle::Expected Oracle::expected() const {
    for (const auto& [vrf, segs] : segments) {
       const L3::VrfName name = in_.l3Status->vrfName(vrf);
       const auto status = in_.l3Status->vrfStatus(name);
-      for (const auto& [p, id] : segs.prefixes) {
+      for (const auto& segmentPrefix : segs.prefixes) {
+         const Pexo::IpGenPrefix& p = segmentPrefix.first;
+         const SegmentHwId id = segmentPrefix.second;
          const Key key{vrf, p};
          if (ex.entries.count(key)) {
             continue;  // a FIB route: its entry carries the id already

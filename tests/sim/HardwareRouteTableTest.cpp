@@ -40,7 +40,7 @@ struct Adapters {
 
 }  // namespace
 
-TEST(HardwareRouteTable, SegmentRoutesKeepTheirClassIdAcrossRouteChanges) {
+TEST(SimHardwareRouteTable, SegmentRoutesKeepTheirClassIdAcrossRouteChanges) {
    Adapters hw;
    for (const char* p : {"10.1.0.0/16", "2001:db8::/32"}) {
       SCOPED_TRACE(p);
@@ -67,7 +67,7 @@ TEST(HardwareRouteTable, SegmentRoutesKeepTheirClassIdAcrossRouteChanges) {
    EXPECT_EQ(hw.table->counters().hwIdWrites, 2u);
 }
 
-TEST(HardwareRouteTable, FibRouteEntriesBelongToTheRoutingAgent) {
+TEST(SimHardwareRouteTable, FibRouteEntriesBelongToTheRoutingAgent) {
    Adapters hw;
    const auto key = hwKey(1, "10.2.0.0/16");
    hw.table->fibRouteIs(key, kFib);
@@ -104,7 +104,7 @@ TEST(HardwareRouteTable, FibRouteEntriesBelongToTheRoutingAgent) {
    EXPECT_EQ(hw.table->counters().errors(), 1u);
 }
 
-TEST(HardwareRouteTable, WrongOldRouteIsCountedButApplied) {
+TEST(SimHardwareRouteTable, WrongOldRouteIsCountedButApplied) {
    Adapters hw;
    // Nothing there, but the caller believes a drop route is.
    EXPECT_TRUE(hw.program(1, "10.4.0.0/16", kDrop, kForward));
@@ -127,7 +127,7 @@ TEST(HardwareRouteTable, WrongOldRouteIsCountedButApplied) {
              "holds nothing");
 }
 
-TEST(HardwareRouteTable, RefusalsOnceAlwaysAndWhenFull) {
+TEST(SimHardwareRouteTable, RefusalsOnceAlwaysAndWhenFull) {
    Adapters hw;
    using Fault = HardwareRouteTable::Fault;
    const auto key = hwKey(1, "10.6.0.0/16");

@@ -22,7 +22,7 @@ uint16_t granted(const simtest::Platform& p, const SegmentIdRequestKey& k) {
 
 }  // namespace
 
-TEST(HwIdAllocator, GrantsTheLowestFreeIdUniquelyAndTakesItBack) {
+TEST(SimHwIdAllocator, GrantsTheLowestFreeIdUniquelyAndTakesItBack) {
    simtest::Platform p;
    p.requests->requestIs(key(2, "web"));
    p.requests->requestIs(key(1, "web"));
@@ -69,7 +69,7 @@ TEST(HwIdAllocator, GrantsTheLowestFreeIdUniquelyAndTakesItBack) {
    EXPECT_EQ(p.allocator.grants().size(), 4u);
 }
 
-TEST(HwIdAllocator, ManualGrantsWaitForTheWord) {
+TEST(SimHwIdAllocator, ManualGrantsWaitForTheWord) {
    simtest::Platform p;
    p.allocator.modeIs(HwIdAllocator::Mode::manual);
    p.requests->requestIs(key(1, "web"));

@@ -76,7 +76,7 @@ struct NestedSegments : simtest::Platform {
 
 }  // namespace
 
-TEST(Oracle, AcceptsTheRightHardwareAndNamesEveryWrongEntry) {
+TEST(SimOracle, AcceptsTheRightHardwareAndNamesEveryWrongEntry) {
    NestedSegments s;
    EXPECT_EQ(s.oracle().check(), Lines());
    EXPECT_EQ(s.oracle().expected().entries.size(), 6u);
@@ -122,7 +122,7 @@ TEST(Oracle, AcceptsTheRightHardwareAndNamesEveryWrongEntry) {
    }
 }
 
-TEST(Oracle, RoutingEnabledPrefixesFollowTheResolver) {
+TEST(SimOracle, RoutingEnabledPrefixesFollowTheResolver) {
    simtest::Platform p;
    ASSERT_TRUE(p.routing.vrfAdd("blue", VrfId(2), true, false).ok());
    ASSERT_TRUE(p.routing.fibAdd("blue", pfx("172.0.0.0/8"), 50).ok());

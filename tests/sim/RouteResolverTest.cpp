@@ -34,7 +34,7 @@ private:
 
 }  // namespace
 
-TEST(RouteResolver, AutomaticAnswersWithTheLongestStrictlyCoveringFibRoute) {
+TEST(SimRouteResolver, AutomaticAnswersWithTheLongestStrictlyCoveringFibRoute) {
    simtest::Platform p;
    AnswerObserver observer(p);
    ASSERT_TRUE(p.routing.vrfAdd("red", VrfId(1), true, true).ok());
@@ -92,7 +92,7 @@ TEST(RouteResolver, AutomaticAnswersWithTheLongestStrictlyCoveringFibRoute) {
    EXPECT_EQ(observer.unpublished, 0);
 }
 
-TEST(RouteResolver, ManualAnswersOnlyWhatItIsTold) {
+TEST(SimRouteResolver, ManualAnswersOnlyWhatItIsTold) {
    simtest::Platform p;
    ASSERT_TRUE(p.routing.vrfAdd("red", VrfId(1), true, true).ok());
    ASSERT_TRUE(p.routing.fibAdd("red", pfx("10.0.0.0/8"), 100).ok());

@@ -111,7 +111,7 @@ private:
 
 }  // namespace
 
-TEST(RoutingAgent, VrfIsCompleteBeforeItsIdAndGoesAfterIt) {
+TEST(SimRoutingAgent, VrfIsCompleteBeforeItsIdAndGoesAfterIt) {
    simtest::Platform p;
    VrfObserver observer(p);
    ASSERT_TRUE(p.routing.vrfAdd("red", VrfId(1), false, true).ok());
@@ -154,7 +154,7 @@ TEST(RoutingAgent, VrfIsCompleteBeforeItsIdAndGoesAfterIt) {
    EXPECT_EQ(observer.faults, std::vector<Zop::String>());
 }
 
-TEST(RoutingAgent, FibCollectionChangesLastBothWays) {
+TEST(SimRoutingAgent, FibCollectionChangesLastBothWays) {
    simtest::Platform p;
    FibObserver<KivVrfFibRouteCollection, VrfAndPrefix> v4(p, p.fibRoutes);
    FibObserver<KivVrfFibRoute6Collection, VrfAndIp6Prefix> v6(p, p.fibRoutes6);

@@ -10,7 +10,7 @@
 using simtest::pfx;
 using Lines = std::vector<Zop::String>;
 
-TEST(Switch, SegmentPrefixesReachHardwareInBothKindsOfVrf) {
+TEST(SimSwitch, SegmentPrefixesReachHardwareInBothKindsOfVrf) {
    sim::Switch sw;
    ASSERT_TRUE(sw.routing().vrfAdd("red", VrfId(1), false, false).ok());
    ASSERT_TRUE(sw.routing().vrfAdd("blue", VrfId(2), true, true).ok());
