@@ -153,18 +153,43 @@ void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
       ZOP_ASSERT(adjInfo, "Adjacency Info not found", kSource);
       TRACE5(" " << prefix << " is also a fib route. "
                  << " Updating HW Id: " << routeInfo.hwId());
-      if (!segmentRouteHelper_->updateHardwareId(
-              KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), adjInfo->routeInfo()))) {
+      KivSegmentRouteInfo fibRoute(vrfPrefix, routeInfo.hwId(), adjInfo->routeInfo());
+      if (!segmentRouteHelper_->updateHardwareId(fibRoute)) {
          TRACE5(" updateHardwareId failed for " << prefix);
       }
+      // The FIB route owns the hardware entry now; the record follows, so
+      // that its withdrawal is known to leave nothing behind.
+      segmentRoutesList_->routeInfoIs(fibRoute);
       return;
    }
 
+   // One withdrawal is reported twice (the route's adjacency and the FIB
+   // collection). The routing layer takes the FIB route's entry out of
+   // hardware before it reports the withdrawal, so an entry found now is the
+   // segment route already put back.
+   if (segmentRouteHelper_->getHardwareId(vrfPrefix).isValid()) {
+      TRACE8(" " << prefix << " already back in hardware");
+      return;
+   }
+   L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
+   Zop::Ptr<L3::VrfStatus> vrfStatus = l3Status_->vrfStatus(vrfName);
+   if (vrfStatus && vrfStatus->routingEnabled(prefix.af())) {
+      // Where the VRF routes the family the prefix belongs on the next hop the
+      // resolver finds: it is saved again (nothing of it is in hardware now)
+      // and the resolver's current answer, if any, is applied.
+      TRACE5(" Fib route is removed."
+             << " Segment prefix waits for its next hop.");
+      segmentRoutesList_->routeInfoIs(
+          KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), RouteInfo()));
+      if (segmentRouteSaved_) {
+         segmentRouteSaved_(vrfPrefix);
+      }
+      return;
+   }
    TRACE5(" Fib route is removed."
           << " Segment prefix is to be inserted again.");
    // The FIB entry is gone, so the hardware holds nothing for the prefix: the
    // drop route goes in from an empty route info, and the record holds it.
-   L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
    Quarn::Fib::GlobalFecId dropFecId(
        prefix.isIpv4() ? Quarn::Fib::GlobalFecId::kDropV4 : Quarn::Fib::GlobalFecId::kDropV6, 0,
        l3Status_->vrfDropIndex(vrfName));

@@ -12,6 +12,7 @@
 //
 // Notification handlers only queue work; the task yields between keys.
 
+#include <functional>
 #include <memory>
 
 #include "Kiv/KivExport.h"
@@ -53,6 +54,13 @@ public:
    void handleV4AdjUpdate(const VrfAndPrefix& key);
    void handleV6AdjUpdate(const VrfAndIp6Prefix& key);
 
+   // Called when a segment prefix whose FIB route went away, in a VRF that
+   // routes its family, is saved again: the owner applies the resolver's
+   // current answer for it (the resolver reports only changes).
+   void segmentRouteSavedIs(std::function<void(const VrfAndIpGenPrefix&)> f) {
+      segmentRouteSaved_ = std::move(f);
+   }
+
    // Turns all notifications of the reactor on or off.
    void notificationActiveIs(bool active);
 
@@ -80,6 +88,7 @@ private:
    std::unique_ptr<FibRoute6Notifiee> fibRoute6Notifiee_;
    std::unique_ptr<L3StatusNotifiee> l3StatusNotifiee_;
    std::unique_ptr<ReviewListNotifiee> reviewListNotifiee_;
+   std::function<void(const VrfAndIpGenPrefix&)> segmentRouteSaved_;
 };
 
 KIV_EXPORT Zop::Ptr<FibRouteReactorSm> fibRouteReactorSmFactory(

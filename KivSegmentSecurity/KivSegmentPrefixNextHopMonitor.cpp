@@ -72,6 +72,13 @@ void KivSegmentPrefixProcessorSm::handleResolvedPrefixCommon(const VrfAndIpGenPr
    if (!recorded) {
       return;
    }
+   // Only a VRF that routes the family forwards segment prefixes to their
+   // next hop; elsewhere the prefix keeps its drop route whatever is
+   // reported.
+   Zop::Ptr<L3::VrfStatus> vrfStatus = l3Status_->vrfStatus(l3Status_->vrfName(vrfPrefix.vrfId()));
+   if (!vrfStatus || !vrfStatus->routingEnabled(vrfPrefix.prefix().af())) {
+      return;
+   }
    const uint32_t* fibTableId =
        l3Status_->vrfTableStatus()->fibTableId(l3Status_->vrfName(vrfPrefix.vrfId()));
    bool noNextHop = entryList.empty() || !entryList.front().resolved || !fibTableId;

@@ -179,6 +179,13 @@ void KivSegmentPrefixProcessorSm::fibRouteSmIs(
                                           fibRouteReviewList, segmentRoutesList, segmentPrefixTrie,
                                           segmentRouteHelper, routeHelper, route6Helper, status);
    fibRouteSm_->routeUpdateTaskIs(scheduler, kSegmentSubnetTaskPriority, "SegSecRouteTask");
+   fibRouteSm_->segmentRouteSavedIs([this](const VrfAndIpGenPrefix& vrfPrefix) {
+      if (vrfPrefix.prefix().isIpv4()) {
+         handleResolvedPrefix(vrfPrefix);
+      } else {
+         handleResolvedIp6Prefix(vrfPrefix);
+      }
+   });
    fibRouteSm_->notificationActiveIs(true);
    fibRouteSm_->handleInitialized();
 }
@@ -197,9 +204,9 @@ KivSegmentRouteOperationType KivSegmentPrefixProcessorSm::getPrefixRequiredActio
    L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
    Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(vrfName);
    const Zop::String* segmentName = fwVrf ? fwVrf->prefixList(vrfPrefix.prefix()) : nullptr;
-   // A prefix-list entry that is no valid prefix is never installed: the
-   // configuration side reports it; here it only counts as not configured.
-   bool configured = segmentName && vrfPrefix.prefix().validAsPrefix();
+   // A prefix-list entry that cannot be a segment prefix is never installed:
+   // the configuration side reports it; here it only counts as not configured.
+   bool configured = segmentName && validSegmentPrefix(vrfPrefix.prefix());
    bool installed = segmentRoutesList_->routeInfoHas(vrfPrefix);
    if (!configured || status_->waitForRoutesCleanup()) {
       TRACE5(" Prefix remove request");

@@ -69,6 +69,18 @@ void getV6FibRoutes(VrfId vrfId, const Pexo::IpGenPrefix& startPrefix,
    });
 }
 
+bool validSegmentPrefix(const Pexo::IpGenPrefix& prefix) {
+   if (prefix.isIpv4()) {
+      Pexo::Prefix p = prefix.v4();
+      return p.validAsPrefix() && p.addr().isUnicast();
+   }
+   if (prefix.isIpv6()) {
+      Pexo::Ip6Prefix p = prefix.v6();
+      return p.validAsPrefix() && p.addr().isUnicast();
+   }
+   return false;
+}
+
 std::vector<Zop::String> splitStr(const Zop::String& text, const Zop::String& separator) {
    std::vector<Zop::String> pieces;
    if (separator.empty()) {

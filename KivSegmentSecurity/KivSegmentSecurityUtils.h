@@ -42,6 +42,11 @@ KIV_EXPORT void getV6FibRoutes(VrfId vrfId, const Pexo::IpGenPrefix& startPrefix
                                const Zop::Ptr<VrfPrefixCollection>& prefixColl,
                                const Zop::Ptr<const Routing6::Trie>& fibTrie);
 
+// Whether a prefix-list entry can be a segment prefix: a valid prefix of its
+// family (no bit set beyond its length) whose address is unicast (so neither
+// a default route nor multicast).
+KIV_EXPORT bool validSegmentPrefix(const Pexo::IpGenPrefix& prefix);
+
 // Splits at every occurrence of `separator`, keeping empty pieces: "a,,b"
 // gives "a", "", "b"; "" gives one empty piece; a text without the separator
 // gives itself. An empty separator does not split.
