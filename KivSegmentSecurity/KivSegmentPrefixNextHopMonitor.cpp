@@ -118,6 +118,10 @@ void KivSegmentPrefixProcessorSm::processResolvedEntry(const VrfAndIpGenPrefix& 
       return;
    }
    KivSegmentRouteInfo routeInfo = *recorded;
+   // A recorded prefix is in the trie; putting it there again is harmless and
+   // keeps the two in step should a failed install have taken it out.
+   segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), vrfPrefix.prefix().af())
+       ->routeIs(vrfPrefix.prefix(), true);
    Zop::Ptr<AdjEntry> adjInfo = l3Status_->adjacency(Quarn::Fib::GlobalFecId::fromValue(fecId));
    ZOP_ASSERT(adjInfo, "adjInfo && \"Adjacency Info is NULL\"", kSource);
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
