@@ -48,6 +48,42 @@ private:
    Zop::ScalarAttr<VrfStatus, bool> routing6Enabled_{&Notifiee::handleRouting6Enabled, false};
 };
 
+// The routing layer's count of completed routing disables, watched by the
+// segment feature's setup handshake.
+class WaitForRoutingWrapper : public Zop::PtrInterface {
+public:
+   class Notifiee : public Zop::BaseNotifiee<WaitForRoutingWrapper> {
+   public:
+      virtual void handleWaitForRoutingDisabledRefCnt() {}
+   };
+   uint32_t waitForRoutingDisabledRefCnt() const { return refCnt_.get(); }
+   void waitForRoutingDisabledRefCntIs(uint32_t n) { refCnt_.is(*this, n); }
+   void waitForRoutingDisabledRefCntInc() { refCnt_.inc(*this); }
+   Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+
+private:
+   Zop::NotifierList<Notifiee> notifiees_;
+   Zop::ScalarAttr<WaitForRoutingWrapper, uint32_t> refCnt_{
+       &Notifiee::handleWaitForRoutingDisabledRefCnt, 0};
+};
+
+// Set while the routing layer disables routing for uRPF.
+class UrpfRoutingDisableDoneWrapper : public Zop::PtrInterface {
+public:
+   class Notifiee : public Zop::BaseNotifiee<UrpfRoutingDisableDoneWrapper> {
+   public:
+      virtual void handleUrpfRoutingDisableDone() {}
+   };
+   bool urpfRoutingDisableDone() const { return done_.get(); }
+   void urpfRoutingDisableDoneIs(bool v) { done_.is(*this, v); }
+   Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+
+private:
+   Zop::NotifierList<Notifiee> notifiees_;
+   Zop::ScalarAttr<UrpfRoutingDisableDoneWrapper, bool> done_{
+       &Notifiee::handleUrpfRoutingDisableDone, false};
+};
+
 class L3Status : public Zop::PtrInterface {
 public:
    class Notifiee : public Zop::BaseNotifiee<L3Status> {
@@ -59,7 +95,44 @@ public:
       virtual void handleAdjacency(const Quarn::Fib::GlobalFecId&) {}
       virtual void handleRouteAdj(const VrfAndPrefix&) {}
       virtual void handleRoute6Adj(const VrfAndIp6Prefix&) {}
+      virtual void handleWaitForRoutingDisabledInVrfs() {}
+      virtual void handleWaitForRouting6DisabledInVrfs() {}
+      virtual void handleRoutingEnabledInAnyVrf() {}
+      virtual void handleRouting6EnabledInAnyVrf() {}
+      virtual void handleMrouteZombieEnabled() {}
+      virtual void handleWaitForRoutingWrapper() {}
+      virtual void handleUrpfRoutingDisableDoneWrapper() {}
    };
+
+   // ---- The routing handshake ----
+   bool waitForRoutingDisabledInVrfs() const { return waitV4_.get(); }
+   void waitForRoutingDisabledInVrfsIs(bool v) { waitV4_.is(*this, v); }
+   bool waitForRouting6DisabledInVrfs() const { return waitV6_.get(); }
+   void waitForRouting6DisabledInVrfsIs(bool v) { waitV6_.is(*this, v); }
+   // Whether hardware routing is on in any VRF, per family.
+   bool routingEnabledInAnyVrf() const { return anyV4_.get(); }
+   void routingEnabledInAnyVrfIs(bool v) { anyV4_.is(*this, v); }
+   bool routing6EnabledInAnyVrf() const { return anyV6_.get(); }
+   void routing6EnabledInAnyVrfIs(bool v) { anyV6_.is(*this, v); }
+   bool mrouteZombieEnabled() const { return mrouteZombie_.get(); }
+   void mrouteZombieEnabledIs(bool v) { mrouteZombie_.is(*this, v); }
+   // The wrappers; null until the routing layer publishes them.
+   const Zop::Ptr<WaitForRoutingWrapper>& waitForRoutingWrapper() const { return waitWrapper_; }
+   void waitForRoutingWrapperIs(const Zop::Ptr<WaitForRoutingWrapper>& w) {
+      if (w != waitWrapper_) {
+         waitWrapper_ = w;
+         notifiees_.notify(this, [](Notifiee& n) { n.handleWaitForRoutingWrapper(); });
+      }
+   }
+   const Zop::Ptr<UrpfRoutingDisableDoneWrapper>& urpfRoutingDisableDoneWrapper() const {
+      return urpfWrapper_;
+   }
+   void urpfRoutingDisableDoneWrapperIs(const Zop::Ptr<UrpfRoutingDisableDoneWrapper>& w) {
+      if (w != urpfWrapper_) {
+         urpfWrapper_ = w;
+         notifiees_.notify(this, [](Notifiee& n) { n.handleUrpfRoutingDisableDoneWrapper(); });
+      }
+   }
 
    // VRF names by id; empty name when the id is unknown.
    void vrfNameIs(VrfId id, const VrfName& name) { vrfName_.is(*this, id, name); }
@@ -121,6 +194,13 @@ private:
    Zop::NotifierList<Notifiee> notifiees_;
    const Zop::Ptr<Quarn::Fib::VrfTableStatus> vrfTableStatus_ =
        Zop::makePtr<Quarn::Fib::VrfTableStatus>();
+   Zop::ScalarAttr<L3Status, bool> waitV4_{&Notifiee::handleWaitForRoutingDisabledInVrfs, false};
+   Zop::ScalarAttr<L3Status, bool> waitV6_{&Notifiee::handleWaitForRouting6DisabledInVrfs, false};
+   Zop::ScalarAttr<L3Status, bool> anyV4_{&Notifiee::handleRoutingEnabledInAnyVrf, false};
+   Zop::ScalarAttr<L3Status, bool> anyV6_{&Notifiee::handleRouting6EnabledInAnyVrf, false};
+   Zop::ScalarAttr<L3Status, bool> mrouteZombie_{&Notifiee::handleMrouteZombieEnabled, false};
+   Zop::Ptr<WaitForRoutingWrapper> waitWrapper_;
+   Zop::Ptr<UrpfRoutingDisableDoneWrapper> urpfWrapper_;
    Zop::HashMapAttr<L3Status, VrfId, VrfName> vrfName_{&Notifiee::handleVrfName};
    Zop::HashMapAttr<L3Status, VrfName, VrfId> vrfId_{&Notifiee::handleVrfId};
    Zop::HashMapAttr<L3Status, VrfName, Zop::Ptr<VrfStatus>> vrfStatus_{&Notifiee::handleVrfStatus};
