@@ -582,7 +582,8 @@ void KivSegmentPrefixProcessorSm::maybeReleaseSegmentHwId(const VrfAndIpGenPrefi
    const SegmentIdRequestKey* hwIdToSegName = segmentIdResponse_->hwIdKey(hwId);
    Zop::String segmentName = hwIdToSegName ? hwIdToSegName->segment() : Zop::String();
    TRACE5(" Freeing HwId. Vrf: " << vrfName << " Segment: " << segmentName << " " << hwId);
-   if (!vrfName.empty()) {
+   // During a teardown every id goes with its last prefix, configured or not.
+   if (!vrfName.empty() && !status_->waitForRoutesCleanup()) {
       if (Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(vrfName)) {
          ZOP_ASSERT(hwIdToSegName, " Missing entry in Segment HwId Status ", kSource);
          if (fwVrf->segment(segmentName)) {
@@ -592,6 +593,8 @@ void KivSegmentPrefixProcessorSm::maybeReleaseSegmentHwId(const VrfAndIpGenPrefi
    }
    TRACE5(" Processing release request for Vrf: " << vrfName);
    segmentIdRequest_->requestDel(SegmentIdRequestKey(vrfPrefix.vrfId(), segmentName));
+   // The counter goes with the request: a later grant of the id starts anew.
+   prefixCount_->segmentPrefixCountDel(hwId);
 }
 
 // ---- Factory ----

@@ -1,0 +1,1016 @@
+// The configuration reactors: the root that turns the feature on and off
+// with the routing handshake, and per VRF the reactor that turns firewall
+// configuration into hw-id requests and review-list entries.
+
+#include "KivSegmentSecurity/KivSegmentPrefixFirewallConfigSm.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "KivSegmentSecurity/KivSegmentSecuritySyslog.h"
+#include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
+#include "Trace/Trace.h"
+#include "Zop/Assert.h"
+
+namespace Kiv {
+
+namespace {
+constexpr char kSource[] = "KivSegmentSecurity/KivSegmentPrefixFirewallConfigSm";
+
+template <class T>
+Zop::Ptr<T> observable(const Zop::Ptr<const T>& p) {
+   return Zop::Ptr<T>(const_cast<T*>(p.ptr()));
+}
+}  // namespace
+
+// ===================== Destination segment =====================
+
+class DestinationSegmentSm::SegmentNotifiee : public Firewall::FwSegment::Notifiee {
+public:
+   explicit SegmentNotifiee(DestinationSegmentSm& sm) : sm_(sm) {}
+   void handleSourceSegment(const Zop::String& source) override { sm_.handleSourceSegment(source); }
+
+private:
+   DestinationSegmentSm& sm_;
+};
+
+DestinationSegmentSm::DestinationSegmentSm(Zop::String segment,
+                                           const Zop::Ptr<const Firewall::FwSegment>& fwSegment)
+    : segment_(std::move(segment)), fwSegment_(fwSegment) {
+   notifiee_ = std::make_unique<SegmentNotifiee>(*this);
+   if (fwSegment_) {
+      notifiee_->notifierIs(observable(fwSegment_));
+   }
+}
+
+DestinationSegmentSm::~DestinationSegmentSm() = default;
+
+void DestinationSegmentSm::notificationActiveIs(bool on) {
+   notifiee_->notificationActiveIs(on);
+}
+
+KivDestinationSegmentSm::KivDestinationSegmentSm(
+    Zop::String segment, const Zop::Ptr<const Firewall::FwSegment>& fwSegment,
+    const L3::VrfName& vrfName, const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+    const Zop::Ptr<Firewall::Counters>& counters)
+    : DestinationSegmentSm(std::move(segment), fwSegment),
+      vrfName_(vrfName),
+      fwConfig_(fwConfig),
+      counters_(counters) {}
+
+void KivDestinationSegmentSm::handleSourceSegment(const Zop::String& source) {
+   const Zop::String* policy = fwSegment() ? fwSegment()->sourceSegment(source) : nullptr;
+   TRACE8(" Vrf: " << vrfName_ << " Segment: " << segment() << " Source: " << source
+                   << " Policy: " << (policy ? *policy : Zop::String("n/a")));
+}
+
+Zop::Ptr<KivDestinationSegmentSm> kivDestinationSegmentSmFactory(
+    const Zop::String& segment, const Zop::Ptr<const Firewall::FwSegment>& fwSegment,
+    const L3::VrfName& vrfName, const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+    const Zop::Ptr<Firewall::Counters>& counters) {
+   return Zop::makePtr<KivDestinationSegmentSm>(segment, fwSegment, vrfName, fwConfig, counters);
+}
+
+// ===================== VRF =====================
+
+class KivSegmentSecurityVrfSm::FwVrfNotifiee : public Firewall::FwVrf::Notifiee {
+public:
+   explicit FwVrfNotifiee(KivSegmentSecurityVrfSm& sm) : sm_(sm) {}
+   void handlePrefixList(const Pexo::IpGenPrefix& prefix) override {
+      if (sm_.initialized_) {
+         sm_.handleGlobalPrefix(prefix);
+      }
+   }
+
+private:
+   KivSegmentSecurityVrfSm& sm_;
+};
+
+class KivSegmentSecurityVrfSm::SegmentDirNotifiee : public Firewall::FwSegmentDir::Notifiee {
+public:
+   explicit SegmentDirNotifiee(KivSegmentSecurityVrfSm& sm) : sm_(sm) {}
+   void handleSegment(const Zop::String& segment) override {
+      if (sm_.initialized_) {
+         sm_.handleDestinationSegment(segment);
+      }
+   }
+
+private:
+   KivSegmentSecurityVrfSm& sm_;
+};
+
+class KivSegmentSecurityVrfSm::ResponseNotifiee : public SegmentIdResponse::Notifiee {
+public:
+   explicit ResponseNotifiee(KivSegmentSecurityVrfSm& sm) : sm_(sm) {}
+   void handleStatus(const SegmentIdRequestKey& key) override {
+      if (sm_.initialized_ && key.vrfId() == sm_.vrfId_) {
+         sm_.handleSegmentIdStatus(key);
+      }
+   }
+
+private:
+   KivSegmentSecurityVrfSm& sm_;
+};
+
+class KivSegmentSecurityVrfSm::RouteNotifiee : public KivSegmentRouteInfoColl::Notifiee {
+public:
+   explicit RouteNotifiee(KivSegmentSecurityVrfSm& sm) : sm_(sm) {}
+   void handleRouteInfo(const VrfAndIpGenPrefix& key) override {
+      if (sm_.initialized_) {
+         sm_.handleHwRoute(key);
+      }
+   }
+
+private:
+   KivSegmentSecurityVrfSm& sm_;
+};
+
+KivSegmentSecurityVrfSm::KivSegmentSecurityVrfSm(
+    const L3::VrfName& vrfName, const Zop::Ptr<const Firewall::FwVrf>& fwVrf,
+    const Zop::Ptr<const Firewall::FwSegmentDir>& segmentDir,
+    const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+    const Zop::Ptr<VrfPrefixCollection>& reviewList,
+    const Zop::Ptr<SegmentIdRequest>& segmentIdRequest,
+    const Zop::Ptr<const SegmentIdResponse>& segmentIdResponse, VrfId vrfId,
+    const Zop::Ptr<PrefixCount>& prefixCount,
+    const Zop::Ptr<const KivSegmentRouteInfoColl>& segmentRoutesList,
+    const Zop::Ptr<Firewall::Counters>& counters)
+    : vrfName_(vrfName),
+      fwVrf_(fwVrf),
+      segmentDir_(segmentDir),
+      fwConfig_(fwConfig),
+      reviewList_(reviewList),
+      segmentIdRequest_(segmentIdRequest),
+      segmentIdResponse_(segmentIdResponse),
+      vrfId_(vrfId),
+      prefixCount_(prefixCount),
+      segmentRoutesList_(segmentRoutesList),
+      counters_(counters) {
+   fwVrfNotifiee_ = std::make_unique<FwVrfNotifiee>(*this);
+   fwVrfNotifiee_->notifierIs(observable(fwVrf_));
+   segmentDirNotifiee_ = std::make_unique<SegmentDirNotifiee>(*this);
+   segmentDirNotifiee_->notifierIs(observable(segmentDir_));
+   responseNotifiee_ = std::make_unique<ResponseNotifiee>(*this);
+   responseNotifiee_->notifierIs(observable(segmentIdResponse_));
+   routeNotifiee_ = std::make_unique<RouteNotifiee>(*this);
+   routeNotifiee_->notifierIs(observable(segmentRoutesList_));
+}
+
+KivSegmentSecurityVrfSm::~KivSegmentSecurityVrfSm() {
+   fwVrfNotifiee_->notificationActiveIs(false);
+   segmentDirNotifiee_->notificationActiveIs(false);
+   responseNotifiee_->notificationActiveIs(false);
+   routeNotifiee_->notificationActiveIs(false);
+   if (initialized_) {
+      doCleanup();
+   }
+}
+
+void KivSegmentSecurityVrfSm::initializedIs(bool v) {
+   if (v == initialized_) {
+      return;
+   }
+   initialized_ = v;
+   if (v) {
+      handleInitialized();
+   }
+}
+
+void KivSegmentSecurityVrfSm::handleInitialized() {
+   TRACE8(" Vrf: " << vrfName_);
+   std::vector<Zop::String> segments;
+   for (const auto& [name, segment] : segmentDir_->segment()) {
+      segments.push_back(name);
+   }
+   for (const auto& name : segments) {
+      handleDestinationSegment(name);
+   }
+}
+
+void KivSegmentSecurityVrfSm::dstSegmentSmIs(const Zop::String& segment) {
+   dstSegmentSm_[segment] = kivDestinationSegmentSmFactory(segment, segmentDir_->segment(segment),
+                                                           vrfName_, fwConfig_, counters_);
+}
+
+void KivSegmentSecurityVrfSm::dstSegmentSmDel(const Zop::String& segment) {
+   dstSegmentSm_.erase(segment);
+}
+
+Zop::Ptr<KivDestinationSegmentSm> KivSegmentSecurityVrfSm::dstSegmentSm(
+    const Zop::String& segment) const {
+   auto it = dstSegmentSm_.find(segment);
+   return it == dstSegmentSm_.end() ? nullptr : it->second;
+}
+
+bool KivSegmentSecurityVrfSm::validPrefix(const Pexo::IpGenPrefix& prefix) {
+   if (validSegmentPrefix(prefix)) {
+      return true;
+   }
+   // Reported once per prefix-list entry, when first met.
+   if (reportedInvalid_.insert(prefix).second) {
+      const KivSegmentSecuritySyslog& syslog = kivSegmentSecuritySyslog();
+      syslog.registry->raise(syslog.invalidPrefix, Pexo::valueToStrep(prefix));
+   }
+   TRACE5(" Skipping invalid prefix: " << prefix);
+   return false;
+}
+
+void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segment) {
+   SegmentIdRequestKey key(vrfId_, segment);
+   if (segmentDir_->segmentHas(segment)) {
+      if (!dstSegmentSm(segment)) {
+         dstSegmentSmIs(segment);
+      }
+      TRACE5(" Added. Vrf: " << vrfName_ << " Segment: " << segment);
+      const SegmentIdStatus* status = segmentIdResponse_->status(key);
+      if (status && status->hwId.isValid()) {
+         SegmentHwId hwId = status->hwId;
+         TRACE5(" " << hwId << " already allocated for Vrf: " << vrfName_
+                    << " Segment: " << segment);
+         if (!prefixCount_->segmentPrefixCountHas(hwId)) {
+            prefixCount_->segmentPrefixCountIs(segmentPrefixCountFactory(hwId));
+         }
+         knownHwId_[segment] = hwId;
+         processSegmentPrefix(segment, true);
+      } else {
+         TRACE5(" Requesting HwId for Vrf: " << vrfName_ << " Segment: " << segment);
+         segmentIdRequest_->requestIs(key);
+      }
+      return;
+   }
+
+   dstSegmentSmDel(segment);
+   TRACE5(" Removed. Vrf: " << vrfName_ << " Segment: " << segment);
+   if (Zop::Ptr<Firewall::VrfCounters> vrfCounters =
+           counters_ ? counters_->vrf(vrfName_) : nullptr) {
+      vrfCounters->countersDir()->segmentDel(segment);
+   }
+   const SegmentIdStatus* status = segmentIdResponse_->status(key);
+   if (!status || !status->hwId.isValid()) {
+      // Deleted before its id was granted: nothing was counted.
+      TRACE5(" Releasing hwId");
+      segmentIdRequest_->requestDel(key);
+      return;
+   }
+   SegmentHwId hwId = status->hwId;
+   processSegmentPrefix(segment, false);
+   Zop::Ptr<SegmentPrefixCount> counter = prefixCount_->segmentPrefixCount(hwId);
+   ZOP_ASSERT(counter, "prefixCount()->segmentPrefixCountHas( hwId )", kSource);
+   if (counter->prefixCount() != 0) {
+      TRACE5(" " << hwId << " in use with request count: " << counter->prefixCount());
+      return;
+   }
+   TRACE5(" Releasing hwId");
+   segmentIdRequest_->requestDel(key);
+   prefixCount_->segmentPrefixCountDel(hwId);
+   knownHwId_.erase(segment);
+}
+
+void KivSegmentSecurityVrfSm::handleSegmentIdStatus(const SegmentIdRequestKey& key) {
+   const Zop::String& segment = key.segment();
+   const SegmentIdStatus* status = segmentIdResponse_->status(key);
+   if (!status) {
+      TRACE5(" HwId released for Vrf: " << vrfName_ << " Segment: " << segment);
+      knownHwId_.erase(segment);
+      return;
+   }
+   SegmentHwId hwId = status->hwId;
+   TRACE5(" HwId: " << hwId << " allocated for Vrf: " << vrfName_ << " Segment: " << segment);
+   if (!hwId.isValid()) {
+      return;
+   }
+   auto known = knownHwId_.find(segment);
+   SegmentHwId oldHwId = known == knownHwId_.end() ? SegmentHwId() : known->second;
+   bool newToKey = oldHwId != hwId;
+   if (Zop::Ptr<SegmentPrefixCount> segPrefixCntr = prefixCount_->segmentPrefixCount(hwId)) {
+      TRACE5(" Pending prefCnt: " << segPrefixCntr->prefixCount());
+      // An id may not be handed to a new owner while prefixes of its previous
+      // owner are still counted; the same id notified again is harmless.
+      if (newToKey) {
+         ZOP_ASSERT(
+             !segPrefixCntr->prefixCount(),
+             "!segPrefixCntr->prefixCount() && \" Previous segment still had pending items \"",
+             kSource);
+      }
+   } else {
+      prefixCount_->segmentPrefixCountIs(segmentPrefixCountFactory(hwId));
+   }
+   knownHwId_[segment] = hwId;
+   processSegmentPrefix(segment, true);
+   if (newToKey && oldHwId.isValid()) {
+      // Routes still carrying the old id move to the new one.
+      std::vector<VrfAndIpGenPrefix> stale;
+      for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
+         if (routeKey.vrfId() == vrfId_ && route.hwId() == oldHwId) {
+            stale.push_back(routeKey);
+         }
+      }
+      for (const auto& routeKey : stale) {
+         processPrefix(routeKey);
+      }
+   }
+}
+
+void KivSegmentSecurityVrfSm::processSegmentPrefix(const Zop::String& segment, bool install) {
+   SegmentIdRequestKey segKey(vrfId_, segment);
+   const SegmentIdStatus* status = segmentIdResponse_->status(segKey);
+   ZOP_ASSERT(status, "segmentIdStatus()->statusHas( segKey )", kSource);
+   SegmentHwId hwId = status->hwId;
+   TRACE5(" Processing all prefixes for vrf: " << vrfName_ << " install: " << install);
+   // In prefix order, so that reports and traces come out the same way on
+   // every run.
+   std::vector<Pexo::IpGenPrefix> prefixes;
+   for (const auto& [prefix, segmentName] : fwVrf_->prefixList()) {
+      if (segmentName == segment) {
+         prefixes.push_back(prefix);
+      }
+   }
+   std::sort(prefixes.begin(), prefixes.end());
+   for (const auto& prefix : prefixes) {
+      if (validPrefix(prefix)) {
+         processPrefix(VrfAndIpGenPrefix(vrfId_, prefix));
+      }
+   }
+   std::vector<VrfAndIpGenPrefix> installed;
+   for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
+      if (routeKey.vrfId() == vrfId_ && route.hwId() == hwId) {
+         installed.push_back(routeKey);
+      }
+   }
+   for (const auto& routeKey : installed) {
+      processPrefix(routeKey);
+   }
+}
+
+void KivSegmentSecurityVrfSm::handleGlobalPrefix() {
+   std::vector<Pexo::IpGenPrefix> prefixes;
+   for (const auto& [prefix, segmentName] : fwVrf_->prefixList()) {
+      prefixes.push_back(prefix);
+   }
+   std::sort(prefixes.begin(), prefixes.end());
+   for (const auto& prefix : prefixes) {
+      handleGlobalPrefix(prefix);
+   }
+}
+
+void KivSegmentSecurityVrfSm::handleGlobalPrefix(const Pexo::IpGenPrefix& prefix) {
+   VrfAndIpGenPrefix key(vrfId_, prefix);
+   const Zop::String* segment = fwVrf_->prefixList(prefix);
+   if (!segment) {
+      if (!validSegmentPrefix(prefix)) {
+         // Never queued; a later entry of the same prefix is a new one.
+         reportedInvalid_.erase(prefix);
+         TRACE5(" Skipping invalid prefix: " << prefix);
+         return;
+      }
+      TRACE5(" Remove request for. Vrf: " << vrfName_ << " " << prefix);
+      processPrefix(key);
+      return;
+   }
+   if (!validPrefix(prefix)) {
+      return;
+   }
+   TRACE5(" Add request for Vrf:" << vrfName_ << " Segment:" << *segment << " " << prefix);
+   const SegmentIdStatus* status =
+       segmentIdResponse_->status(SegmentIdRequestKey(vrfId_, *segment));
+   if (status && status->hwId.isValid()) {
+      SegmentHwId hwId = status->hwId;
+      ZOP_ASSERT(prefixCount_->segmentPrefixCountHas(hwId),
+                 "prefixCount()->segmentPrefixCountHas( hwId )", kSource);
+      TRACE5(" HwId already allocated: " << hwId);
+      processPrefix(key);
+      return;
+   }
+   TRACE5(" HwId not yet allocated. Skipping now");
+   // A prefix moving to a segment without an id must still leave its old one.
+   if (segmentRoutesList_->routeInfoHas(key)) {
+      processPrefix(key);
+   }
+}
+
+void KivSegmentSecurityVrfSm::processPrefix(const VrfAndIpGenPrefix& vrfPrefix) {
+   TRACE8(" " << vrfName_ << " " << vrfPrefix.prefix());
+   reviewList_->vrfIpGenPrefixIs(vrfPrefix);
+}
+
+void KivSegmentSecurityVrfSm::handleHwRoute(const VrfAndIpGenPrefix& vrfPrefix) {
+   if (vrfPrefix.vrfId() == vrfId_) {
+      TRACE8(" " << vrfName_ << " " << vrfPrefix.prefix());
+   }
+}
+
+void KivSegmentSecurityVrfSm::doCleanup() {
+   TRACE8(" Vrf: " << vrfName_);
+   std::vector<VrfAndIpGenPrefix> routes;
+   for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
+      if (routeKey.vrfId() == vrfId_) {
+         routes.push_back(routeKey);
+      }
+   }
+   for (const auto& routeKey : routes) {
+      processPrefix(routeKey);
+   }
+   // This VRF's segments are those it requested ids for. An id whose count is
+   // 0 goes now; the others go with their last prefix (the processor releases
+   // them).
+   std::vector<SegmentIdRequestKey> requests;
+   for (const auto& key : segmentIdRequest_->request()) {
+      if (key.vrfId() == vrfId_) {
+         requests.push_back(key);
+      }
+   }
+   std::sort(requests.begin(), requests.end());
+   for (const auto& key : requests) {
+      const SegmentIdStatus* status = segmentIdResponse_->status(key);
+      SegmentHwId hwId = status ? status->hwId : SegmentHwId();
+      Zop::Ptr<SegmentPrefixCount> counter =
+          hwId.isValid() ? prefixCount_->segmentPrefixCount(hwId) : nullptr;
+      if (counter && counter->prefixCount() != 0) {
+         TRACE5(" Still have items in reviewList. Not freeing HwId: " << hwId);
+         continue;
+      }
+      TRACE5(" Nothing in reviewList. Freeing HwId: " << hwId);
+      segmentIdRequest_->requestDel(key);
+      if (counter) {
+         prefixCount_->segmentPrefixCountDel(hwId);
+      }
+   }
+}
+
+Zop::Ptr<KivSegmentSecurityVrfSm> kivSegmentSecurityVrfSmFactory(
+    const L3::VrfName& vrfName, const Zop::Ptr<const Firewall::FwVrf>& fwVrf,
+    const Zop::Ptr<const Firewall::FwSegmentDir>& segmentDir,
+    const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+    const Zop::Ptr<VrfPrefixCollection>& reviewList,
+    const Zop::Ptr<SegmentIdRequest>& segmentIdRequest,
+    const Zop::Ptr<const SegmentIdResponse>& segmentIdResponse, VrfId vrfId,
+    const Zop::Ptr<PrefixCount>& prefixCount,
+    const Zop::Ptr<const KivSegmentRouteInfoColl>& segmentRoutesList,
+    const Zop::Ptr<Firewall::Counters>& counters) {
+   return Zop::makePtr<KivSegmentSecurityVrfSm>(vrfName, fwVrf, segmentDir, fwConfig, reviewList,
+                                                segmentIdRequest, segmentIdResponse, vrfId,
+                                                prefixCount, segmentRoutesList, counters);
+}
+
+// ===================== Root =====================
+
+class KivSegmentSecurityRootSm::HwConfigNotifiee : public Firewall::HwConfig::Notifiee {
+public:
+   explicit HwConfigNotifiee(KivSegmentSecurityRootSm& sm) : sm_(sm) {}
+   void handleFwActive() override {
+      if (sm_.initialized_) {
+         sm_.handleSecuritySegmentEnable();
+      }
+   }
+   void handleVrf(const L3::VrfName& name) override {
+      if (sm_.initialized_) {
+         sm_.handleVrf(name);
+      }
+   }
+
+private:
+   KivSegmentSecurityRootSm& sm_;
+};
+
+class KivSegmentSecurityRootSm::IpNotifiee : public Ip::Status::Notifiee {
+public:
+   explicit IpNotifiee(KivSegmentSecurityRootSm& sm) : sm_(sm) {}
+   void handleUrpfConfigured() override {
+      if (sm_.initialized_) {
+         sm_.urpf4ConfiguredIs(notifier()->urpfConfigured());
+      }
+   }
+
+private:
+   KivSegmentSecurityRootSm& sm_;
+};
+
+class KivSegmentSecurityRootSm::Ip6Notifiee : public Ip6::Status::Notifiee {
+public:
+   explicit Ip6Notifiee(KivSegmentSecurityRootSm& sm) : sm_(sm) {}
+   void handleUrpfConfigured() override {
+      if (sm_.initialized_) {
+         sm_.urpf6ConfiguredIs(notifier()->urpfConfigured());
+      }
+   }
+
+private:
+   KivSegmentSecurityRootSm& sm_;
+};
+
+class KivSegmentSecurityRootSm::WaitWrapperNotifiee : public L3::WaitForRoutingWrapper::Notifiee {
+public:
+   explicit WaitWrapperNotifiee(KivSegmentSecurityRootSm& sm) : sm_(sm) {}
+   void handleWaitForRoutingDisabledRefCnt() override {
+      if (sm_.initialized_ && notifier()->waitForRoutingDisabledRefCnt() != 0) {
+         sm_.doSegmentSecuritySetup();
+      }
+   }
+
+private:
+   KivSegmentSecurityRootSm& sm_;
+};
+
+class KivSegmentSecurityRootSm::UrpfWrapperNotifiee
+    : public L3::UrpfRoutingDisableDoneWrapper::Notifiee {
+public:
+   explicit UrpfWrapperNotifiee(KivSegmentSecurityRootSm& sm) : sm_(sm) {}
+   void handleUrpfRoutingDisableDone() override {
+      if (sm_.initialized_) {
+         sm_.handleUrpfRoutingDisableDone();
+      }
+   }
+
+private:
+   KivSegmentSecurityRootSm& sm_;
+};
+
+class KivSegmentSecurityRootSm::L3Notifiee : public L3Status::Notifiee {
+public:
+   explicit L3Notifiee(KivSegmentSecurityRootSm& sm) : sm_(sm) {}
+   void handleVrfId(const L3::VrfName& name) override {
+      if (sm_.initialized_) {
+         sm_.handleVrfCreation(name);
+      }
+   }
+   void handleWaitForRoutingWrapper() override {
+      sm_.waitWrapperNotifiee_->notifierIs(notifier()->waitForRoutingWrapper());
+   }
+   void handleUrpfRoutingDisableDoneWrapper() override {
+      sm_.urpfWrapperNotifiee_->notifierIs(notifier()->urpfRoutingDisableDoneWrapper());
+   }
+   void handleWaitForRoutingDisabledInVrfs() override { sm_.retrySetup(); }
+   void handleWaitForRouting6DisabledInVrfs() override { sm_.retrySetup(); }
+
+private:
+   KivSegmentSecurityRootSm& sm_;
+};
+
+class KivSegmentSecurityRootSm::MulticastNotifiee : public MulticastHwStatus::Notifiee {
+public:
+   explicit MulticastNotifiee(KivSegmentSecurityRootSm& sm) : sm_(sm) {}
+   void handleHwRouting() override {
+      if (sm_.initialized_) {
+         sm_.doSegmentSecuritySetup();
+      }
+   }
+
+private:
+   KivSegmentSecurityRootSm& sm_;
+};
+
+class KivSegmentSecurityRootSm::RouteNotifiee : public KivSegmentRouteInfoColl::Notifiee {
+public:
+   explicit RouteNotifiee(KivSegmentSecurityRootSm& sm) : sm_(sm) {}
+   void handleRouteInfo(const VrfAndIpGenPrefix&) override { wait(); }
+   // The processor counts every review-list member it takes: the wait also
+   // ends when the last pending entry was only a no-op review.
+   void handleReviewSegmentHwId() override { wait(); }
+
+private:
+   void wait() {
+      if (sm_.initialized_) {
+         sm_.waitForSegmentRouteRemoval();
+      }
+   }
+   KivSegmentSecurityRootSm& sm_;
+};
+
+class KivSegmentSecurityRootSm::StatusNotifiee : public SegmentSecurityStatus::Notifiee {
+public:
+   explicit StatusNotifiee(KivSegmentSecurityRootSm& sm) : sm_(sm) {}
+   void handleSegmentSecuritySetupComplete() override {
+      if (sm_.initialized_) {
+         sm_.handleSegmentSecuritySetupComplete();
+      }
+   }
+
+private:
+   KivSegmentSecurityRootSm& sm_;
+};
+
+class KivSegmentSecurityRootSm::HelperNotifiee : public KivHelper::RoutingStatusSmHelper::Notifiee {
+public:
+   explicit HelperNotifiee(KivSegmentSecurityRootSm& sm) : sm_(sm) {}
+   void handleReady() override { sm_.retrySetup(); }
+
+private:
+   KivSegmentSecurityRootSm& sm_;
+};
+
+KivSegmentSecurityRootSm::KivSegmentSecurityRootSm(
+    const Zop::Ptr<const Firewall::HwConfig>& fwConfig, const Zop::Ptr<const Ip::Status>& ipStatus,
+    const Zop::Ptr<const Ip6::Status>& ip6Status, const Zop::Ptr<VrfPrefixCollection>& reviewList,
+    const Zop::Ptr<SegmentIdRequest>& segmentIdRequest,
+    const Zop::Ptr<const SegmentIdResponse>& segmentIdResponse, const Zop::Ptr<L3Status>& l3Status,
+    const Zop::Ptr<MulticastHwStatus>& multicastHwStatus, const Zop::Ptr<PrefixCount>& prefixCount,
+    const Zop::Ptr<const KivSegmentRouteInfoColl>& segmentRoutesList,
+    const Zop::Ptr<SegmentSecurityStatus>& status,
+    const Zop::Ptr<KivHelper::RoutingStatusSmHelper>& routingStatusHelper,
+    const Zop::Ptr<Firewall::Counters>& counters)
+    : fwConfig_(fwConfig),
+      ipStatus_(ipStatus),
+      ip6Status_(ip6Status),
+      reviewList_(reviewList),
+      segmentIdRequest_(segmentIdRequest),
+      segmentIdResponse_(segmentIdResponse),
+      l3Status_(l3Status),
+      multicastHwStatus_(multicastHwStatus),
+      prefixCount_(prefixCount),
+      segmentRoutesList_(segmentRoutesList),
+      status_(status),
+      routingStatusHelper_(routingStatusHelper),
+      counters_(counters) {
+   hwConfigNotifiee_ = std::make_unique<HwConfigNotifiee>(*this);
+   hwConfigNotifiee_->notifierIs(observable(fwConfig_));
+   ipNotifiee_ = std::make_unique<IpNotifiee>(*this);
+   ip6Notifiee_ = std::make_unique<Ip6Notifiee>(*this);
+   if (ipStatus_) {
+      ipNotifiee_->notifierIs(observable(ipStatus_));
+   }
+   if (ip6Status_) {
+      ip6Notifiee_->notifierIs(observable(ip6Status_));
+   }
+   waitWrapperNotifiee_ = std::make_unique<WaitWrapperNotifiee>(*this);
+   urpfWrapperNotifiee_ = std::make_unique<UrpfWrapperNotifiee>(*this);
+   l3Notifiee_ = std::make_unique<L3Notifiee>(*this);
+   l3Notifiee_->notifierIs(l3Status_);
+   waitWrapperNotifiee_->notifierIs(l3Status_->waitForRoutingWrapper());
+   urpfWrapperNotifiee_->notifierIs(l3Status_->urpfRoutingDisableDoneWrapper());
+   multicastNotifiee_ = std::make_unique<MulticastNotifiee>(*this);
+   if (multicastHwStatus_) {
+      multicastNotifiee_->notifierIs(multicastHwStatus_);
+   }
+   routeNotifiee_ = std::make_unique<RouteNotifiee>(*this);
+   routeNotifiee_->notifierIs(observable(segmentRoutesList_));
+   statusNotifiee_ = std::make_unique<StatusNotifiee>(*this);
+   statusNotifiee_->notifierIs(status_);
+   helperNotifiee_ = std::make_unique<HelperNotifiee>(*this);
+   if (routingStatusHelper_) {
+      helperNotifiee_->notifierIs(routingStatusHelper_);
+   }
+}
+
+KivSegmentSecurityRootSm::~KivSegmentSecurityRootSm() {
+   initialized_ = false;
+   vrfSm_.clear();
+}
+
+void KivSegmentSecurityRootSm::initializedIs(bool v) {
+   if (v == initialized_) {
+      return;
+   }
+   if (v) {
+      handleInitialized();
+   } else {
+      initialized_ = false;
+   }
+}
+
+void KivSegmentSecurityRootSm::handleInitialized() {
+   TRACE8("");
+   initialized_ = true;
+   // uRPF configured before the feature started is a conflict from the start.
+   urpf4Configured_ = ipStatus_ && ipStatus_->urpfConfigured();
+   urpf6Configured_ = ip6Status_ && ip6Status_->urpfConfigured();
+   handleSecuritySegmentEnable();
+}
+
+void KivSegmentSecurityRootSm::urpf4ConfiguredIs(bool v) {
+   if (v == urpf4Configured_) {
+      return;
+   }
+   urpf4Configured_ = v;
+   handleSecuritySegmentEnable();
+}
+
+void KivSegmentSecurityRootSm::urpf6ConfiguredIs(bool v) {
+   if (v == urpf6Configured_) {
+      return;
+   }
+   urpf6Configured_ = v;
+   handleSecuritySegmentEnable();
+}
+
+bool KivSegmentSecurityRootSm::urpfRoutingDisableDone() const {
+   const auto& wrapper = l3Status_->urpfRoutingDisableDoneWrapper();
+   return wrapper && wrapper->urpfRoutingDisableDone();
+}
+
+uint32_t KivSegmentSecurityRootSm::routingDisabledRefCnt() const {
+   const auto& wrapper = l3Status_->waitForRoutingWrapper();
+   return wrapper ? wrapper->waitForRoutingDisabledRefCnt() : 0;
+}
+
+void KivSegmentSecurityRootSm::handleSecuritySegmentEnable() {
+   if (!initialized_) {
+      return;
+   }
+   TRACE5(" enabled: " << status_->enabled()
+                       << " waitForRoutesCleanup: " << status_->waitForRoutesCleanup());
+   bool fwActive = fwConfig_->fwActive();
+   bool wanted = false;
+   if (urpfConfigured()) {
+      if (fwActive) {
+         TRACE5(" segment security enabled and urpfConfigured");
+         if (!urpfConflictSyslogDone_) {
+            const KivSegmentSecuritySyslog& syslog = kivSegmentSecuritySyslog();
+            syslog.registry->raise(syslog.urpfConflict);
+            urpfConflictSyslogDoneIs(true);
+         }
+      } else {
+         urpfConflictSyslogDoneIs(false);
+      }
+   } else {
+      wanted = fwActive && !urpfRoutingDisableDone();
+      urpfConflictSyslogDoneIs(false);
+   }
+   if (wanted) {
+      status_->enabledIs(true);
+      if (status_->segmentSecuritySetupComplete()) {
+         TRACE5(" segmentSecuritySetupComplete. Processing Vrf Now");
+         status_->waitForRoutesCleanupIs(false);
+         handleVrf();
+         return;
+      }
+      startRoutesCleanup();
+      waitForSegmentRouteRemoval();
+      return;
+   }
+   status_->enabledIs(false);
+   if (!status_->segmentSecuritySetupComplete()) {
+      return;
+   }
+   vrfSmDelAll();
+   startRoutesCleanup();
+   waitForSegmentRouteRemoval();
+}
+
+void KivSegmentSecurityRootSm::startRoutesCleanup() {
+   status_->waitForRoutesCleanupIs(true);
+   // The processor removes whatever it reviews while the cleanup runs: every
+   // installed route is reviewed, whichever run or reactor put it there.
+   std::vector<VrfAndIpGenPrefix> routes;
+   for (const auto& [key, route] : segmentRoutesList_->routeInfo()) {
+      routes.push_back(key);
+   }
+   for (const auto& key : routes) {
+      reviewList_->vrfIpGenPrefixIs(key);
+   }
+}
+
+void KivSegmentSecurityRootSm::waitForSegmentRouteRemoval() {
+   if (!initialized_) {
+      return;
+   }
+   if (!status_->waitForRoutesCleanup()) {
+      TRACE8(" Not in progress. Skipping");
+      return;
+   }
+   size_t installedRoutes = segmentRoutesList_->routeInfoCount();
+   size_t pendingRequests = reviewList_->vrfIpGenPrefixCount();
+   if (installedRoutes != 0 || pendingRequests != 0) {
+      TRACE8(" Still waiting for routes to be deleted: "
+             << " installedRoutes: " << installedRoutes << " pendingRequests: " << pendingRequests);
+      return;
+   }
+   status_->waitForRoutesCleanupIs(false);
+   status_->waitForSegmentSecurityRoutingDisabledCntInc();
+   if (urpfConfigured()) {
+      TRACE5(" nothing else todo as urpf is configured");
+      status_->segmentSecuritySetupCompleteIs(false);
+      return;
+   }
+   if (status_->enabled() != status_->segmentSecuritySetupComplete()) {
+      setupSegmentSecurity();
+   } else if (fwConfig_->fwActive()) {
+      handleVrf();
+   }
+}
+
+void KivSegmentSecurityRootSm::retrySetup() {
+   if (!initialized_ || status_->segmentSecurityRoutingDisableDone() ||
+       status_->waitForRoutesCleanup() ||
+       status_->enabled() == status_->segmentSecuritySetupComplete()) {
+      return;
+   }
+   setupSegmentSecurity();
+}
+
+void KivSegmentSecurityRootSm::setupSegmentSecurity() {
+   if (!initialized_) {
+      return;
+   }
+   TRACE8("");
+   bool v4 = l3Status_->waitForRoutingDisabledInVrfs();
+   bool v6 = l3Status_->waitForRouting6DisabledInVrfs();
+   if (v4 || v6) {
+      TRACE5(" WaitForRoutingDisabled v4: " << v4 << ", waitForRoutingDisabled v6: " << v6);
+      return;
+   }
+   if (urpfConfigured()) {
+      TRACE5(" urpfConfigured, skip segment security setup");
+      return;
+   }
+   // A routing side that is not ready postpones the setup; its readiness
+   // change brings it back here.
+   if (routingStatusHelper_ && !routingStatusHelper_->routingStatusReady(status_->enabled())) {
+      TRACE5(" unable to complete stage 1 init");
+      return;
+   }
+   status_->segmentSecurityRoutingDisableDoneIs(true);
+   status_->segmentSecurityRoutingDisableInc();
+}
+
+void KivSegmentSecurityRootSm::doSegmentSecuritySetup() {
+   if (!initialized_) {
+      return;
+   }
+   TRACE8("");
+   if (urpfRoutingDisableDone()) {
+      TRACE5(" waiting for urpfRoutingDisableDone to complete");
+      return;
+   }
+   bool busy = l3Status_->waitForRoutingDisabledInVrfs() ||
+               l3Status_->waitForRouting6DisabledInVrfs() || l3Status_->routingEnabledInAnyVrf() ||
+               l3Status_->routing6EnabledInAnyVrf() ||
+               (multicastHwStatus_ && multicastHwStatus_->hwRouting());
+   if (busy) {
+      TRACE5(" Segment Security routing setting not modified "
+             << "(routing still enabled). RefCount: " << routingDisabledRefCnt());
+      return;
+   }
+   if (urpfConfigured()) {
+      TRACE5(" Segment Security conflicting with URPF enable");
+      status_->segmentSecurityRoutingDisableDoneIs(false);
+      status_->segmentSecuritySetupCompleteIs(false);
+      return;
+   }
+   if (routingStatusHelper_ && !routingStatusHelper_->routingStatusReady(status_->enabled())) {
+      TRACE5(" RoutingStatusHelper not ready");
+      return;
+   }
+   TRACE5(" RoutingStatusHelper OK");
+   TRACE5(" SegmentSecurity setup: " << status_->enabled()
+                                     << " refCount: " << routingDisabledRefCnt());
+   // Only a stage 2 without an outstanding routing disable has nothing to do:
+   // otherwise routing is always turned back on.
+   if (!status_->segmentSecurityRoutingDisableDone()) {
+      TRACE5(" SegmentSecurity skipping doSegmentSecurityInitStage2");
+      return;
+   }
+   segmentSecurityEnableRouting(status_->enabled());
+}
+
+void KivSegmentSecurityRootSm::segmentSecurityEnableRouting(bool setupComplete) {
+   TRACE5(" " << setupComplete);
+   status_->segmentSecurityRoutingDisableDoneIs(false);
+   status_->segmentSecuritySetupCompleteIs(setupComplete);
+   status_->segmentSecurityRoutingEnableInc();
+   l3Status_->mrouteZombieEnabledIs(true);
+   if (multicastHwStatus_) {
+      multicastHwStatus_->hwRoutingIs(true);
+   }
+}
+
+void KivSegmentSecurityRootSm::handleSegmentSecuritySetupComplete() {
+   bool complete = status_->segmentSecuritySetupComplete();
+   TRACE5(" segmentSecuritySetupComplete: " << complete);
+   if (complete) {
+      TRACE5(" Processfing VRF Now ");
+      status_->waitForRoutesCleanupIs(false);
+      handleVrf();
+      return;
+   }
+   waitForSegmentRouteRemoval();
+}
+
+void KivSegmentSecurityRootSm::handleUrpfRoutingDisableDone() {
+   bool done = urpfRoutingDisableDone();
+   TRACE5(" urpfRoutingDisableDone: " << done);
+   if (done) {
+      TRACE5(" wait for urpfRoutingDisableDone to be false");
+      return;
+   }
+   if (status_->segmentSecurityRoutingDisableDone()) {
+      TRACE5(" segment securiry routing disable already requested");
+      doSegmentSecuritySetup();
+      return;
+   }
+   handleSecuritySegmentEnable();
+}
+
+void KivSegmentSecurityRootSm::handleVrf() {
+   std::vector<L3::VrfName> names;
+   for (const auto& [name, fwVrf] : fwConfig_->vrf()) {
+      names.push_back(name);
+   }
+   // VRF reactors of VRFs gone from the configuration go too.
+   for (const auto& [name, sm] : vrfSm_) {
+      if (!fwConfig_->vrfHas(name)) {
+         names.push_back(name);
+      }
+   }
+   for (const auto& name : names) {
+      handleVrf(name);
+   }
+}
+
+void KivSegmentSecurityRootSm::handleVrf(const L3::VrfName& name) {
+   if (!initialized_) {
+      return;
+   }
+   bool fwActive = fwConfig_->fwActive();
+   if (!fwActive || status_->waitForRoutesCleanup()) {
+      TRACE5(" Skipping. fwActive: " << fwActive << " waitForRoutesCleanup: "
+                                     << status_->waitForRoutesCleanup());
+      return;
+   }
+   if (!status_->segmentSecuritySetupComplete()) {
+      TRACE5(" Segment security setup not complete. Skipping");
+      return;
+   }
+   Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(name);
+   if (vrfSm(name)) {
+      if (fwVrf) {
+         TRACE8(" VrfSm for vrf: " << name << " already created");
+         return;
+      }
+      TRACE5(" Deleting VrfSm for: " << name);
+      vrfSmDel(name);
+      return;
+   }
+   if (!fwVrf) {
+      // An L3 VRF without firewall configuration has nothing to segment.
+      TRACE5(" Skipping. No firewall configuration for Vrf: " << name);
+      return;
+   }
+   const VrfId* vrfId = l3Status_->vrfId(name);
+   if (!vrfId) {
+      TRACE5(" VrfId not allocated yet for VrfName: " << name);
+      return;
+   }
+   TRACE5(" Creating VrfSm for: " << name);
+   Zop::Ptr<KivSegmentSecurityVrfSm> sm = kivSegmentSecurityVrfSmFactory(
+       name, fwVrf, fwVrf->segmentDir(), fwConfig_, reviewList_, segmentIdRequest_,
+       segmentIdResponse_, *vrfId, prefixCount_, segmentRoutesList_, counters_);
+   vrfSm_[name] = sm;
+   sm->initializedIs(true);
+}
+
+void KivSegmentSecurityRootSm::handleVrfCreation(const L3::VrfName& name) {
+   if (l3Status_->vrfId(name)) {
+      handleVrf(name);
+      return;
+   }
+   if (vrfSm(name)) {
+      TRACE5(" Deleting VrfSm for Vrf: " << name);
+      vrfSmDel(name);
+   }
+}
+
+void KivSegmentSecurityRootSm::vrfSmDel(const L3::VrfName& name) {
+   auto it = vrfSm_.find(name);
+   if (it == vrfSm_.end()) {
+      return;
+   }
+   // The reactor cleans up as it goes (its last pointer is this one).
+   Zop::Ptr<KivSegmentSecurityVrfSm> sm = it->second;
+   vrfSm_.erase(it);
+   sm = nullptr;
+   if (counters_) {
+      counters_->vrfDel(name);
+   }
+}
+
+void KivSegmentSecurityRootSm::vrfSmDelAll() {
+   std::vector<L3::VrfName> names;
+   for (const auto& [name, sm] : vrfSm_) {
+      names.push_back(name);
+   }
+   for (const auto& name : names) {
+      vrfSmDel(name);
+   }
+}
+
+Zop::Ptr<KivSegmentSecurityVrfSm> KivSegmentSecurityRootSm::vrfSm(const L3::VrfName& name) const {
+   auto it = vrfSm_.find(name);
+   return it == vrfSm_.end() ? nullptr : it->second;
+}
+
+Zop::Ptr<KivSegmentSecurityRootSm> kivSegmentSecurityRootSmFactory(
+    const Zop::Ptr<const Firewall::HwConfig>& fwConfig, const Zop::Ptr<const Ip::Status>& ipStatus,
+    const Zop::Ptr<const Ip6::Status>& ip6Status, const Zop::Ptr<VrfPrefixCollection>& reviewList,
+    const Zop::Ptr<SegmentIdRequest>& segmentIdRequest,
+    const Zop::Ptr<const SegmentIdResponse>& segmentIdResponse, const Zop::Ptr<L3Status>& l3Status,
+    const Zop::Ptr<MulticastHwStatus>& multicastHwStatus, const Zop::Ptr<PrefixCount>& prefixCount,
+    const Zop::Ptr<const KivSegmentRouteInfoColl>& segmentRoutesList,
+    const Zop::Ptr<SegmentSecurityStatus>& status,
+    const Zop::Ptr<KivHelper::RoutingStatusSmHelper>& routingStatusHelper,
+    const Zop::Ptr<Firewall::Counters>& counters) {
+   return Zop::makePtr<KivSegmentSecurityRootSm>(
+       fwConfig, ipStatus, ip6Status, reviewList, segmentIdRequest, segmentIdResponse, l3Status,
+       multicastHwStatus, prefixCount, segmentRoutesList, status, routingStatusHelper, counters);
+}
+
+}  // namespace Kiv

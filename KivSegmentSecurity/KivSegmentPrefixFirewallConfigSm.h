@@ -1,0 +1,274 @@
+#pragma once
+// The configuration reactors of the segment feature.
+//
+// KivSegmentSecurityRootSm decides whether the feature runs (the firewall is
+// active and no uRPF configuration conflicts), drives the two-stage routing
+// handshake (stage 1 asks the routing layer to disable routing, stage 2 marks
+// the setup complete and turns routing back on), waits for the segment
+// routes of a previous run to be gone before a new run or a teardown
+// completes, and keeps one KivSegmentSecurityVrfSm per firewall VRF that has
+// a VRF id.
+//
+// KivSegmentSecurityVrfSm turns one VRF's firewall configuration into work
+// for the processor: an id request per segment, a prefix counter per granted
+// id, and review-list entries for the valid prefixes of segments with an id.
+// It never programs hardware. KivDestinationSegmentSm follows one segment's
+// policies by source segment.
+//
+// Handlers do nothing until the reactor is initialised; they only change
+// status, requests and the review list, so each runs in a bounded time.
+
+#include <map>
+#include <memory>
+#include <set>
+
+#include "Firewall/Counters.h"
+#include "Firewall/HwConfig.h"
+#include "Ip/Status.h"
+#include "Kiv/KivExport.h"
+#include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
+#include "Routing/L3Status.h"
+#include "Routing/MulticastHardwareStatus.h"
+#include "Routing/RoutingStatusSmHelper.h"
+#include "Segment/SegmentId.h"
+
+namespace Kiv {
+
+using MulticastHwStatus = Routing::Multicast::Fib::Hardware::Status;
+
+// ---- Destination segment ----
+
+class KIV_EXPORT DestinationSegmentSm : public Zop::PtrInterface {
+public:
+   DestinationSegmentSm(Zop::String segment, const Zop::Ptr<const Firewall::FwSegment>& fwSegment);
+   const Zop::String& segment() const { return segment_; }
+   const Zop::Ptr<const Firewall::FwSegment>& fwSegment() const { return fwSegment_; }
+   virtual void handleSourceSegment(const Zop::String& source) = 0;
+
+protected:
+   ~DestinationSegmentSm() override;
+   void notificationActiveIs(bool on);
+
+private:
+   class SegmentNotifiee;
+   Zop::String segment_;
+   Zop::Ptr<const Firewall::FwSegment> fwSegment_;
+   std::unique_ptr<SegmentNotifiee> notifiee_;
+};
+
+class KIV_EXPORT KivDestinationSegmentSm : public DestinationSegmentSm {
+public:
+   KivDestinationSegmentSm(Zop::String segment,
+                           const Zop::Ptr<const Firewall::FwSegment>& fwSegment,
+                           const L3::VrfName& vrfName,
+                           const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                           const Zop::Ptr<Firewall::Counters>& counters);
+   // Looks the source segment up among the segment's policies; programs
+   // nothing (policy programming is the firewall agent's).
+   void handleSourceSegment(const Zop::String& source) override;
+
+private:
+   L3::VrfName vrfName_;
+   Zop::Ptr<const Firewall::HwConfig> fwConfig_;
+   Zop::Ptr<Firewall::Counters> counters_;
+};
+
+KIV_EXPORT Zop::Ptr<KivDestinationSegmentSm> kivDestinationSegmentSmFactory(
+    const Zop::String& segment, const Zop::Ptr<const Firewall::FwSegment>& fwSegment,
+    const L3::VrfName& vrfName, const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+    const Zop::Ptr<Firewall::Counters>& counters);
+
+// ---- VRF ----
+
+class KIV_EXPORT KivSegmentSecurityVrfSm : public Zop::PtrInterface {
+public:
+   KivSegmentSecurityVrfSm(const L3::VrfName& vrfName, const Zop::Ptr<const Firewall::FwVrf>& fwVrf,
+                           const Zop::Ptr<const Firewall::FwSegmentDir>& segmentDir,
+                           const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                           const Zop::Ptr<VrfPrefixCollection>& reviewList,
+                           const Zop::Ptr<SegmentIdRequest>& segmentIdRequest,
+                           const Zop::Ptr<const SegmentIdResponse>& segmentIdResponse, VrfId vrfId,
+                           const Zop::Ptr<PrefixCount>& prefixCount,
+                           const Zop::Ptr<const KivSegmentRouteInfoColl>& segmentRoutesList,
+                           const Zop::Ptr<Firewall::Counters>& counters);
+   ~KivSegmentSecurityVrfSm() override;
+
+   const L3::VrfName& vrfName() const { return vrfName_; }
+   VrfId vrfId() const { return vrfId_; }
+   bool initialized() const { return initialized_; }
+   // Setting it true runs handleInitialized().
+   void initializedIs(bool v);
+
+   void handleInitialized();
+   void handleDestinationSegment(const Zop::String& segment);
+   void handleSegmentIdStatus(const SegmentIdRequestKey& key);
+   void processSegmentPrefix(const Zop::String& segment, bool install);
+   void handleGlobalPrefix(const Pexo::IpGenPrefix& prefix);
+   // Calls handleGlobalPrefix for every prefix of the VRF's prefix list.
+   void handleGlobalPrefix();
+   void processPrefix(const VrfAndIpGenPrefix& vrfPrefix);
+   void handleHwRoute(const VrfAndIpGenPrefix& vrfPrefix);
+   void doCleanup();
+
+   const Zop::Ptr<const SegmentIdResponse>& segmentIdStatus() const { return segmentIdResponse_; }
+   const Zop::Ptr<PrefixCount>& prefixCount() const { return prefixCount_; }
+   void dstSegmentSmIs(const Zop::String& segment);
+   void dstSegmentSmDel(const Zop::String& segment);
+   Zop::Ptr<KivDestinationSegmentSm> dstSegmentSm(const Zop::String& segment) const;
+
+private:
+   class FwVrfNotifiee;
+   class SegmentDirNotifiee;
+   class ResponseNotifiee;
+   class RouteNotifiee;
+
+   // Valid, or reported (once per entry) and skipped.
+   bool validPrefix(const Pexo::IpGenPrefix& prefix);
+
+   L3::VrfName vrfName_;
+   Zop::Ptr<const Firewall::FwVrf> fwVrf_;
+   Zop::Ptr<const Firewall::FwSegmentDir> segmentDir_;
+   Zop::Ptr<const Firewall::HwConfig> fwConfig_;
+   Zop::Ptr<VrfPrefixCollection> reviewList_;
+   Zop::Ptr<SegmentIdRequest> segmentIdRequest_;
+   Zop::Ptr<const SegmentIdResponse> segmentIdResponse_;
+   VrfId vrfId_;
+   Zop::Ptr<PrefixCount> prefixCount_;
+   Zop::Ptr<const KivSegmentRouteInfoColl> segmentRoutesList_;
+   Zop::Ptr<Firewall::Counters> counters_;
+   bool initialized_ = false;
+   std::map<Zop::String, Zop::Ptr<KivDestinationSegmentSm>> dstSegmentSm_;
+   // The last valid id seen per segment, to tell a re-notification from a new id.
+   std::map<Zop::String, SegmentHwId> knownHwId_;
+   // Invalid prefix-list entries already reported.
+   std::set<Pexo::IpGenPrefix> reportedInvalid_;
+   std::unique_ptr<FwVrfNotifiee> fwVrfNotifiee_;
+   std::unique_ptr<SegmentDirNotifiee> segmentDirNotifiee_;
+   std::unique_ptr<ResponseNotifiee> responseNotifiee_;
+   std::unique_ptr<RouteNotifiee> routeNotifiee_;
+};
+
+KIV_EXPORT Zop::Ptr<KivSegmentSecurityVrfSm> kivSegmentSecurityVrfSmFactory(
+    const L3::VrfName& vrfName, const Zop::Ptr<const Firewall::FwVrf>& fwVrf,
+    const Zop::Ptr<const Firewall::FwSegmentDir>& segmentDir,
+    const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+    const Zop::Ptr<VrfPrefixCollection>& reviewList,
+    const Zop::Ptr<SegmentIdRequest>& segmentIdRequest,
+    const Zop::Ptr<const SegmentIdResponse>& segmentIdResponse, VrfId vrfId,
+    const Zop::Ptr<PrefixCount>& prefixCount,
+    const Zop::Ptr<const KivSegmentRouteInfoColl>& segmentRoutesList,
+    const Zop::Ptr<Firewall::Counters>& counters);
+
+// ---- Root ----
+
+class KIV_EXPORT KivSegmentSecurityRootSm : public Zop::PtrInterface {
+public:
+   KivSegmentSecurityRootSm(const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                            const Zop::Ptr<const Ip::Status>& ipStatus,
+                            const Zop::Ptr<const Ip6::Status>& ip6Status,
+                            const Zop::Ptr<VrfPrefixCollection>& reviewList,
+                            const Zop::Ptr<SegmentIdRequest>& segmentIdRequest,
+                            const Zop::Ptr<const SegmentIdResponse>& segmentIdResponse,
+                            const Zop::Ptr<L3Status>& l3Status,
+                            const Zop::Ptr<MulticastHwStatus>& multicastHwStatus,
+                            const Zop::Ptr<PrefixCount>& prefixCount,
+                            const Zop::Ptr<const KivSegmentRouteInfoColl>& segmentRoutesList,
+                            const Zop::Ptr<SegmentSecurityStatus>& status,
+                            const Zop::Ptr<KivHelper::RoutingStatusSmHelper>& routingStatusHelper,
+                            const Zop::Ptr<Firewall::Counters>& counters);
+   ~KivSegmentSecurityRootSm() override;
+
+   bool initialized() const { return initialized_; }
+   // Setting it true runs handleInitialized().
+   void initializedIs(bool v);
+
+   bool urpf4Configured() const { return urpf4Configured_; }
+   void urpf4ConfiguredIs(bool v);
+   bool urpf6Configured() const { return urpf6Configured_; }
+   void urpf6ConfiguredIs(bool v);
+   bool urpfConflictSyslogDone() const { return urpfConflictSyslogDone_; }
+   void urpfConflictSyslogDoneIs(bool v) { urpfConflictSyslogDone_ = v; }
+
+   void handleInitialized();
+   void handleSecuritySegmentEnable();
+   void waitForSegmentRouteRemoval();
+   void setupSegmentSecurity();
+   void doSegmentSecuritySetup();
+   void segmentSecurityEnableRouting(bool setupComplete);
+   void handleSegmentSecuritySetupComplete();
+   void handleUrpfRoutingDisableDone();
+   void handleVrf(const L3::VrfName& name);
+   // handleVrf for every VRF of the firewall configuration.
+   void handleVrf();
+   void handleVrfCreation(const L3::VrfName& name);
+
+   void vrfSmDel(const L3::VrfName& name);
+   void vrfSmDelAll();
+   Zop::Ptr<KivSegmentSecurityVrfSm> vrfSm(const L3::VrfName& name) const;
+   size_t vrfSmCount() const { return vrfSm_.size(); }
+   const Zop::Ptr<SegmentSecurityStatus>& status() const { return status_; }
+
+private:
+   class HwConfigNotifiee;
+   class IpNotifiee;
+   class Ip6Notifiee;
+   class L3Notifiee;
+   class WaitWrapperNotifiee;
+   class UrpfWrapperNotifiee;
+   class MulticastNotifiee;
+   class RouteNotifiee;
+   class StatusNotifiee;
+   class HelperNotifiee;
+
+   bool urpfConfigured() const { return urpf4Configured_ || urpf6Configured_; }
+   bool urpfRoutingDisableDone() const;
+   uint32_t routingDisabledRefCnt() const;
+   // Stage 1 again when the routing side may have become ready.
+   void retrySetup();
+   // Cleanup wait on: every installed route goes on the review list.
+   void startRoutesCleanup();
+
+   Zop::Ptr<const Firewall::HwConfig> fwConfig_;
+   Zop::Ptr<const Ip::Status> ipStatus_;
+   Zop::Ptr<const Ip6::Status> ip6Status_;
+   Zop::Ptr<VrfPrefixCollection> reviewList_;
+   Zop::Ptr<SegmentIdRequest> segmentIdRequest_;
+   Zop::Ptr<const SegmentIdResponse> segmentIdResponse_;
+   Zop::Ptr<L3Status> l3Status_;
+   Zop::Ptr<MulticastHwStatus> multicastHwStatus_;
+   Zop::Ptr<PrefixCount> prefixCount_;
+   Zop::Ptr<const KivSegmentRouteInfoColl> segmentRoutesList_;
+   Zop::Ptr<SegmentSecurityStatus> status_;
+   Zop::Ptr<KivHelper::RoutingStatusSmHelper> routingStatusHelper_;
+   Zop::Ptr<Firewall::Counters> counters_;
+
+   bool initialized_ = false;
+   bool urpf4Configured_ = false;
+   bool urpf6Configured_ = false;
+   bool urpfConflictSyslogDone_ = false;
+   std::map<L3::VrfName, Zop::Ptr<KivSegmentSecurityVrfSm>> vrfSm_;
+
+   std::unique_ptr<HwConfigNotifiee> hwConfigNotifiee_;
+   std::unique_ptr<IpNotifiee> ipNotifiee_;
+   std::unique_ptr<Ip6Notifiee> ip6Notifiee_;
+   std::unique_ptr<L3Notifiee> l3Notifiee_;
+   std::unique_ptr<WaitWrapperNotifiee> waitWrapperNotifiee_;
+   std::unique_ptr<UrpfWrapperNotifiee> urpfWrapperNotifiee_;
+   std::unique_ptr<MulticastNotifiee> multicastNotifiee_;
+   std::unique_ptr<RouteNotifiee> routeNotifiee_;
+   std::unique_ptr<StatusNotifiee> statusNotifiee_;
+   std::unique_ptr<HelperNotifiee> helperNotifiee_;
+};
+
+KIV_EXPORT Zop::Ptr<KivSegmentSecurityRootSm> kivSegmentSecurityRootSmFactory(
+    const Zop::Ptr<const Firewall::HwConfig>& fwConfig, const Zop::Ptr<const Ip::Status>& ipStatus,
+    const Zop::Ptr<const Ip6::Status>& ip6Status, const Zop::Ptr<VrfPrefixCollection>& reviewList,
+    const Zop::Ptr<SegmentIdRequest>& segmentIdRequest,
+    const Zop::Ptr<const SegmentIdResponse>& segmentIdResponse, const Zop::Ptr<L3Status>& l3Status,
+    const Zop::Ptr<MulticastHwStatus>& multicastHwStatus, const Zop::Ptr<PrefixCount>& prefixCount,
+    const Zop::Ptr<const KivSegmentRouteInfoColl>& segmentRoutesList,
+    const Zop::Ptr<SegmentSecurityStatus>& status,
+    const Zop::Ptr<KivHelper::RoutingStatusSmHelper>& routingStatusHelper,
+    const Zop::Ptr<Firewall::Counters>& counters);
+
+}  // namespace Kiv
