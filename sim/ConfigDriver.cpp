@@ -8,6 +8,10 @@ Zop::String noVrfId(const L3::VrfName& vrf) {
    return "VRF '" + vrf.value() + "' has no id";
 }
 
+Outcome reactorsDoIt(const char* what) {
+   return Outcome::refused(Zop::String("the configuration reactors ") + what);
+}
+
 }  // namespace
 
 class ConfigDriver::ResponseNotifiee final : public SegmentIdResponse::Notifiee {
@@ -19,13 +23,14 @@ private:
    ConfigDriver& d_;
 };
 
-ConfigDriver::ConfigDriver(Zop::Ptr<Ruv::TaskScheduler> scheduler,
+ConfigDriver::ConfigDriver(Mode mode, Zop::Ptr<Ruv::TaskScheduler> scheduler,
                            Zop::Ptr<Firewall::HwConfig> fwConfig, Zop::Ptr<const L3Status> l3Status,
                            Zop::Ptr<SegmentIdRequest> segmentIdRequest,
                            Zop::Ptr<SegmentIdResponse> segmentIdResponse,
                            Zop::Ptr<Kiv::PrefixCount> prefixCount,
                            Zop::Ptr<Kiv::VrfPrefixCollection> segmentReviewList)
-    : scheduler_(std::move(scheduler)),
+    : mode_(mode),
+      scheduler_(std::move(scheduler)),
       fwConfig_(std::move(fwConfig)),
       l3Status_(std::move(l3Status)),
       segmentIdRequest_(std::move(segmentIdRequest)),
@@ -35,6 +40,9 @@ ConfigDriver::ConfigDriver(Zop::Ptr<Ruv::TaskScheduler> scheduler,
       task_(Ruv::makeTask(
           scheduler_, "SimConfigDriverTask", [this] { run(); }, Ruv::Task::kHighPriority)),
       notifiee_(std::make_unique<ResponseNotifiee>(*this)) {
+   if (mode_ == Mode::reactors) {
+      return;
+   }
    notifiee_->notifierIs(segmentIdResponse_);
    for (const auto& entry : segmentIdResponse_->status()) {
       grantChanged(entry.first);
@@ -98,6 +106,9 @@ Outcome ConfigDriver::fwVrfDelete(const L3::VrfName& vrf) {
 }
 
 Outcome ConfigDriver::requestId(const L3::VrfName& vrf, const Zop::String& segment) {
+   if (mode_ == Mode::reactors) {
+      return reactorsDoIt("make the id requests");
+   }
    const VrfId* id = l3Status_->vrfId(vrf);
    if (!id) {
       return Outcome::refused(noVrfId(vrf));
@@ -107,6 +118,9 @@ Outcome ConfigDriver::requestId(const L3::VrfName& vrf, const Zop::String& segme
 }
 
 Outcome ConfigDriver::requestIdDel(const L3::VrfName& vrf, const Zop::String& segment) {
+   if (mode_ == Mode::reactors) {
+      return reactorsDoIt("withdraw the id requests");
+   }
    const VrfId* id = l3Status_->vrfId(vrf);
    if (!id) {
       return Outcome::refused(noVrfId(vrf));
@@ -116,6 +130,9 @@ Outcome ConfigDriver::requestIdDel(const L3::VrfName& vrf, const Zop::String& se
 }
 
 Outcome ConfigDriver::review(const L3::VrfName& vrf, const Pexo::IpGenPrefix& prefix) {
+   if (mode_ == Mode::reactors) {
+      return reactorsDoIt("keep the review list");
+   }
    const VrfId* id = l3Status_->vrfId(vrf);
    if (!id) {
       return Outcome::refused(noVrfId(vrf));

@@ -1,19 +1,27 @@
 #pragma once
-// Stand-in for the segment feature's configuration reactors, until they
-// exist: tests and scenarios play the configuration side through it.
+// The configuration side of the segment feature as tests and scenarios play
+// it: the firewall configuration (VRFs, segments, prefix-list entries), and,
+// when the configuration reactors do not run, their work as well.
 //
-// It edits the firewall configuration (VRFs, segments, prefix-list entries),
-// makes and withdraws hw-id requests, and puts (VRF, prefix) keys on the
-// segment review list, each only when told; it decides nothing by itself,
-// with one exception the processor depends on: when a grant appears in
-// SegmentIdResponse, it makes sure PrefixCount holds a SegmentPrefixCount for
-// the granted id, as the configuration side does before it queues the
-// segment's prefixes. That is done in its task ("SimConfigDriverTask", high
-// priority, so it runs before other work due at the same instant); the
-// response notification only notes the key. Counters are never deleted here:
-// the processor keeps them balanced and the configuration side only creates
-// them.
+// It edits the firewall configuration only when told, and accepts any
+// prefix: checking entries is the feature's business.
+//
+// Modes:
+//   reactors  the library's configuration reactors run: they make the hw-id
+//      requests, create the prefix counters and keep the review list, so
+//      requestId, requestIdDel and review are refused here.
+//   manual    nothing else plays the configuration side: requestId,
+//      requestIdDel and review make and withdraw requests and put (VRF,
+//      prefix) keys on the segment review list, each only when told; and
+//      when a grant appears in SegmentIdResponse the driver makes sure
+//      PrefixCount holds a SegmentPrefixCount for the granted id, as the
+//      configuration side does before it queues the segment's prefixes. That
+//      is done in its task ("SimConfigDriverTask", high priority, so it runs
+//      before other work due at the same instant); the response notification
+//      only notes the key. Counters are never deleted here: the processor
+//      keeps them balanced and the configuration side only creates them.
 
+#include <cstdint>
 #include <memory>
 #include <set>
 
@@ -28,14 +36,23 @@ namespace sim {
 
 class ConfigDriver {
 public:
-   ConfigDriver(Zop::Ptr<Ruv::TaskScheduler> scheduler, Zop::Ptr<Firewall::HwConfig> fwConfig,
-                Zop::Ptr<const L3Status> l3Status, Zop::Ptr<SegmentIdRequest> segmentIdRequest,
+   enum class Mode : uint8_t { reactors, manual };
+
+   ConfigDriver(Mode mode, Zop::Ptr<Ruv::TaskScheduler> scheduler,
+                Zop::Ptr<Firewall::HwConfig> fwConfig, Zop::Ptr<const L3Status> l3Status,
+                Zop::Ptr<SegmentIdRequest> segmentIdRequest,
                 Zop::Ptr<SegmentIdResponse> segmentIdResponse,
                 Zop::Ptr<Kiv::PrefixCount> prefixCount,
                 Zop::Ptr<Kiv::VrfPrefixCollection> segmentReviewList);
    ~ConfigDriver();
    ConfigDriver(const ConfigDriver&) = delete;
    ConfigDriver& operator=(const ConfigDriver&) = delete;
+
+   Mode mode() const { return mode_; }
+
+   // ---- The firewall ----
+   void firewallIs(bool active) { fwConfig_->fwActiveIs(active); }
+   void defaultDropIs(bool drop) { fwConfig_->fwDefaultDropIs(drop); }
 
    // ---- Firewall configuration (kept as written: any prefix is accepted) ----
    // The prefix-list entry prefix -> segment, adding the firewall VRF and the
@@ -49,11 +66,11 @@ public:
    // The firewall VRF with all its prefix-list entries and segments.
    Outcome fwVrfDelete(const L3::VrfName& vrf);
 
-   // ---- Hw-id requests (the VRF needs an id) ----
+   // ---- Hw-id requests (manual mode; the VRF needs an id) ----
    Outcome requestId(const L3::VrfName& vrf, const Zop::String& segment);
    Outcome requestIdDel(const L3::VrfName& vrf, const Zop::String& segment);
 
-   // ---- The segment review list (the VRF needs an id) ----
+   // ---- The segment review list (manual mode; the VRF needs an id) ----
    Outcome review(const L3::VrfName& vrf, const Pexo::IpGenPrefix& prefix);
 
 private:
@@ -63,6 +80,7 @@ private:
    void run();
    Zop::Ptr<Firewall::FwVrf> fwVrf(const L3::VrfName& vrf);
 
+   const Mode mode_;
    Zop::Ptr<Ruv::TaskScheduler> scheduler_;
    Zop::Ptr<Firewall::HwConfig> fwConfig_;
    Zop::Ptr<const L3Status> l3Status_;

@@ -62,6 +62,10 @@ Zop::String describe(const Entry& e) {
 
 Oracle::Oracle(Inputs inputs) : in_(std::move(inputs)) {}
 
+bool Oracle::featureRunning() const {
+   return !in_.status || (in_.status->enabled() && in_.status->segmentSecuritySetupComplete());
+}
+
 bool Oracle::validSegmentPrefix(const Pexo::IpGenPrefix& p) {
    if (!p.validAsPrefix()) {
       return false;
@@ -72,7 +76,7 @@ bool Oracle::validSegmentPrefix(const Pexo::IpGenPrefix& p) {
 Oracle::Expected Oracle::expected() const {
    Expected ex;
    std::map<VrfId, VrfSegments> segments;
-   if (in_.featureRunning) {
+   if (featureRunning()) {
       for (const auto& [name, fwVrf] : in_.fwConfig->vrf()) {
          const VrfId* vrfId = in_.l3Status->vrfId(name);
          if (!vrfId) {
@@ -170,12 +174,33 @@ std::vector<Zop::String> Oracle::check() const {
    const Expected ex = expected();
    const auto& actual = in_.hardware->entries();
 
-   std::vector<std::tuple<Zop::String, Pexo::IpGenPrefix, Zop::String>> lines;
+   // Sorted by VRF name; in a VRF the hardware lines (by prefix) come before
+   // the id lines (by segment).
+   struct Line {
+      Zop::String vrf;
+      int group;  // 0: a hardware line, 1: an id line
+      Pexo::IpGenPrefix prefix;
+      Zop::String segment;
+      Zop::String text;
+      bool operator<(const Line& o) const {
+         return std::tie(vrf, group, prefix, segment, text) <
+                std::tie(o.vrf, o.group, o.prefix, o.segment, o.text);
+      }
+   };
+   std::vector<Line> lines;
+   auto vrfText = [&](VrfId id) {
+      const L3::VrfName name = in_.l3Status->vrfName(id);
+      return name.empty() ? "vrf#" + std::to_string(id.value()) : name.value();
+   };
    auto add = [&](const Key& key, const Zop::String& text) {
-      L3::VrfName name = in_.l3Status->vrfName(key.vrfId);
-      Zop::String vrf = name.empty() ? "vrf#" + std::to_string(key.vrfId.value()) : name.value();
+      Zop::String vrf = vrfText(key.vrfId);
       Zop::String line = vrf + " " + valueToStrep(key.prefix) + ": " + text;
-      lines.emplace_back(std::move(vrf), key.prefix, std::move(line));
+      lines.push_back(Line{std::move(vrf), 0, key.prefix, {}, std::move(line)});
+   };
+   auto addId = [&](const SegmentIdRequestKey& key, const Zop::String& text) {
+      Zop::String vrf = vrfText(key.vrfId());
+      Zop::String line = vrf + " segment '" + key.segment() + "': " + text;
+      lines.push_back(Line{std::move(vrf), 1, {}, key.segment(), std::move(line)});
    };
 
    auto e = ex.entries.begin();
@@ -199,11 +224,25 @@ std::vector<Zop::String> Oracle::check() const {
       add(key, text);
    }
 
+   if (!featureRunning()) {
+      if (in_.segmentIdRequest) {
+         for (const SegmentIdRequestKey& key : in_.segmentIdRequest->request()) {
+            addId(key, "id request left while the feature is off");
+         }
+      }
+      for (const auto& [key, grant] : in_.segmentIdResponse->status()) {
+         if (!in_.segmentIdRequest || !in_.segmentIdRequest->requestHas(key)) {
+            addId(key, "id " + std::to_string(grant.hwId.value()) +
+                           " granted without a request while the feature is off");
+         }
+      }
+   }
+
    std::sort(lines.begin(), lines.end());
    std::vector<Zop::String> out;
    out.reserve(lines.size());
    for (auto& line : lines) {
-      out.push_back(std::move(std::get<2>(line)));
+      out.push_back(std::move(line.text));
    }
    return out;
 }

@@ -36,11 +36,21 @@
 //   adjacency, no adjacency for an answer's FEC), that is reported as a line
 //   of its own and nothing is expected for the prefix.
 //
-// check() returns one line per difference, sorted by VRF name then prefix
-// (a VRF unknown to the L3 status shows as "vrf#<id>"), e.g.
+// The feature runs when the segment security status says it is enabled and
+// its setup is complete (no status given: it runs). When it does not run, no
+// segment prefix counts (so every FIB route carries 0 and no segment route
+// may be in hardware), and no hw-id request may be left: each request left,
+// and each grant left without its request, is a line of its own.
+//
+// check() returns one line per difference, sorted by VRF name, then the
+// hardware lines by prefix, then the id lines by segment (a VRF unknown to the
+// L3 status shows as "vrf#<id>"), e.g.
 //   red 10.1.0.0/16: expected routeTypeDrop adj 1048578 id 5 (segment route), found
 //   routeTypeDrop adj 1048578 id 0 (segment route)
-// An empty list means the hardware is exactly as it must be.
+//   red segment 'web': id request left while the feature is off
+//   red segment 'db': id 6 granted without a request while the feature is off
+// An empty list means the hardware (and the id handshake) is exactly as it
+// must be.
 
 #include <map>
 #include <utility>
@@ -66,14 +76,19 @@ public:
       Zop::Ptr<const RouteReactorStatus> routeStatus;
       Zop::Ptr<const Route6ReactorStatus> route6Status;
       Zop::Ptr<const HardwareRouteTable> hardware;
-      // Whether the segment feature runs; when it does not, no segment
-      // prefix counts and every FIB route carries 0.
-      bool featureRunning = true;
+      // Whether the segment feature runs, read at check time; null: it runs.
+      Zop::Ptr<const SegmentSecurityStatus> status;
+      // The id requests, looked at while the feature does not run; null:
+      // not looked at.
+      Zop::Ptr<const SegmentIdRequest> segmentIdRequest;
    };
 
    explicit Oracle(Inputs inputs);
 
    std::vector<Zop::String> check() const;
+
+   // enabled && segmentSecuritySetupComplete of the status, now.
+   bool featureRunning() const;
 
    // The hardware table that must hold, with the lines for missing
    // published state; check() compares this with the real one.

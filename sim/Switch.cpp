@@ -1,10 +1,16 @@
 #include "sim/Switch.h"
 
+#include "KivSegmentSecurity/KivSegmentSecuritySyslog.h"
+
 namespace sim {
 
 Switch::Switch(Zop::Ptr<Ruv::YieldPolicy> yieldPolicy)
-    : clock_(Zop::makePtr<Zop::VirtualClock>()),
-      scheduler_(Zop::makePtr<Ruv::TaskScheduler>(clock_, std::move(yieldPolicy))),
+    : Switch(Options{.yieldPolicy = std::move(yieldPolicy)}) {}
+
+Switch::Switch(Options options)
+    : manual_(options.manualConfiguration),
+      clock_(Zop::makePtr<Zop::VirtualClock>()),
+      scheduler_(Zop::makePtr<Ruv::TaskScheduler>(clock_, std::move(options.yieldPolicy))),
       l3Status_(L3::l3StatusFactory()),
       fibRoutes_(Zop::makePtr<KivVrfFibRouteCollection>()),
       fibRoutes6_(Zop::makePtr<KivVrfFibRoute6Collection>()),
@@ -19,6 +25,12 @@ Switch::Switch(Zop::Ptr<Ruv::YieldPolicy> yieldPolicy)
       segmentReviewList_(Kiv::vrfPrefixCollectionFactory()),
       prefixCount_(Kiv::prefixCountFactory()),
       segmentRoutesList_(Kiv::kivSegmentRouteInfoCollFactory()),
+      ipStatus_(Zop::makePtr<Ip::Status>()),
+      ip6Status_(Zop::makePtr<Ip6::Status>()),
+      multicastStatus_(Zop::makePtr<MulticastHwStatus>()),
+      counters_(Firewall::countersFactory("sim")),
+      syslogSink_(Zop::makePtr<Syslog::MemorySink>()),
+      syslogRegistry_(Zop::makePtr<Syslog::Registry>(syslogSink_)),
       hardware_(Zop::makePtr<HardwareRouteTable>()) {
    routing_ = std::make_unique<RoutingAgent>(l3Status_, fibRoutes_, fibRoutes6_, routeStatus_,
                                              route6Status_, hardware_);
@@ -26,8 +38,19 @@ Switch::Switch(Zop::Ptr<Ruv::YieldPolicy> yieldPolicy)
        std::make_unique<RouteResolver>(scheduler_, l3Status_, fibRoutes_, fibRoutes6_, routeConfig_,
                                        route6Config_, routeStatus_, route6Status_);
    allocator_ = std::make_unique<HwIdAllocator>(scheduler_, segmentIdRequest_, segmentIdResponse_);
-   config_ = std::make_unique<ConfigDriver>(scheduler_, fwConfig_, l3Status_, segmentIdRequest_,
-                                            segmentIdResponse_, prefixCount_, segmentReviewList_);
+   config_ = std::make_unique<ConfigDriver>(
+       manual_ ? ConfigDriver::Mode::manual : ConfigDriver::Mode::reactors, scheduler_, fwConfig_,
+       l3Status_, segmentIdRequest_, segmentIdResponse_, prefixCount_, segmentReviewList_);
+   routingLayer_ = std::make_unique<RoutingLayer>(scheduler_, l3Status_, multicastStatus_, status_,
+                                                  ipStatus_, ip6Status_);
+   routingStatusHelper_ = Zop::makePtr<RoutingStatusHelper>();
+   if (manual_) {
+      // As if the firewall were on and the feature's setup done.
+      fwConfig_->fwActiveIs(true);
+      status_->enabledIs(true);
+      status_->segmentSecuritySetupCompleteIs(true);
+   }
+
    // The platform agents are all in place before the library starts, as in
    // a switch where the library is loaded into a running forwarding agent.
    processor_ = Kiv::kivSegmentPrefixProcessorSmFactory(
@@ -35,10 +58,19 @@ Switch::Switch(Zop::Ptr<Ruv::YieldPolicy> yieldPolicy)
        fibRoutes6_, hardware_->routeSmHelper(), hardware_->route6SmHelper(),
        hardware_->segmentRouteHelper(), fwConfig_, segmentIdRequest_, segmentIdResponse_,
        segmentReviewList_, prefixCount_, segmentRoutesList_, status_);
+   Kiv::kivSegmentSecuritySyslogInit(syslogRegistry_);
+   if (!manual_) {
+      root_ = Kiv::kivSegmentSecurityRootSmFactory(
+          fwConfig_, ipStatus_, ip6Status_, segmentReviewList_, segmentIdRequest_,
+          segmentIdResponse_, l3Status_, multicastStatus_, prefixCount_, segmentRoutesList_,
+          status_, routingStatusHelper_, counters_);
+      root_->initializedIs(true);
+   }
 }
 
 Switch::~Switch() {
    // The library goes first: it holds notifiees on the agents' state.
+   root_ = nullptr;
    processor_ = nullptr;
 }
 
@@ -56,6 +88,8 @@ Oracle Switch::oracle() const {
    in.routeStatus = routeStatus_;
    in.route6Status = route6Status_;
    in.hardware = hardware_;
+   in.status = status_;
+   in.segmentIdRequest = segmentIdRequest_;
    return Oracle(std::move(in));
 }
 

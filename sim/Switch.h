@@ -2,24 +2,41 @@
 // The whole simulated switch, for tests, benchmarks and the command-line
 // program: one task scheduler on a virtual clock, every shared state object
 // the agents publish and read, the simulated agents (hardware route table,
-// routing agent, route resolver, hw-id allocator, configuration stand-in),
-// and the segment library's processor built through its factory, exactly as
-// a forwarding agent would build it.
+// routing agent, routing layer, route resolver, hw-id allocator,
+// configuration stand-in, routing status helper), and the segment library's
+// processor and configuration reactors built through their factories,
+// exactly as a forwarding agent would build them.
 //
 // Nothing happens behind the caller's back: changes made through the parts
 // notify at once, and the work they cause runs only in settle() (or in
 // whatever the caller does with scheduler()). check() is the oracle's verdict
 // on the hardware table: meaningful once settled.
 //
-// The configuration side is played by hand until its reactors exist:
-// configure / segmentAdd / requestId / review below, in the order the
-// configuration reactors would use (configure the prefix, request the
-// segment's id, settle so it is granted, then review the prefix).
+// Who plays the configuration side:
+//   the configuration reactors (the default): the library's root reactor
+//      decides whether the feature runs (firewallIs, urpfIs), runs the routing
+//      handshake with the routing layer, and its VRF reactors make the id
+//      requests, the prefix counters and the review list from the firewall
+//      configuration that configure / segmentAdd / ... write.
+//   the caller (manualConfiguration): no configuration reactor is built; the
+//      feature's status says it runs (enabled, setup complete, firewall
+//      active) from the start, and the caller uses requestId / review in the
+//      order the reactors would (configure the prefix, request the segment's
+//      id, settle so it is granted, then review the prefix).
+//
+// The library's syslog messages are defined in this switch's registry at
+// construction, so what the library raises lands in syslogRecords(). The
+// messages are the library's own, one set per process: with several switches
+// alive, the last one built receives them.
 
 #include <memory>
 #include <vector>
 
+#include "Firewall/Counters.h"
+#include "Ip/Status.h"
+#include "KivSegmentSecurity/KivSegmentPrefixFirewallConfigSm.h"
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorSm.h"
+#include "Syslog/Syslog.h"
 #include "Zop/Clock.h"
 #include "sim/ConfigDriver.h"
 #include "sim/HardwareRouteTable.h"
@@ -27,14 +44,26 @@
 #include "sim/Oracle.h"
 #include "sim/RouteResolver.h"
 #include "sim/RoutingAgent.h"
+#include "sim/RoutingLayer.h"
+#include "sim/RoutingStatusHelper.h"
 
 namespace sim {
 
+struct SwitchOptions {
+   // The scheduler's (default: its time slice, which with a virtual clock
+   // never yields by itself).
+   Zop::Ptr<Ruv::YieldPolicy> yieldPolicy;
+   // The caller plays the configuration side; see above.
+   bool manualConfiguration = false;
+};
+
 class Switch {
 public:
-   // `yieldPolicy`: the scheduler's (default: its time slice, which with a
-   // virtual clock never yields by itself).
-   explicit Switch(Zop::Ptr<Ruv::YieldPolicy> yieldPolicy = nullptr);
+   using Options = SwitchOptions;
+
+   explicit Switch(Options options = {});
+   // The default options with this yield policy.
+   explicit Switch(Zop::Ptr<Ruv::YieldPolicy> yieldPolicy);
    ~Switch();
    Switch(const Switch&) = delete;
    Switch& operator=(const Switch&) = delete;
@@ -45,7 +74,13 @@ public:
    std::vector<Zop::String> check() const;
    Oracle oracle() const;
 
+   bool manualConfiguration() const { return manual_; }
+
    // ---- The configuration side (see ConfigDriver) ----
+   void firewallIs(bool active) { config_->firewallIs(active); }
+   void defaultDropIs(bool drop) { config_->defaultDropIs(drop); }
+   // uRPF of one family, as the IP agents publish it (see RoutingLayer).
+   void urpfIs(Pexo::AddressFamily af, bool on) { routingLayer_->urpfIs(af, on); }
    void configure(const L3::VrfName& vrf, const Pexo::IpGenPrefix& prefix,
                   const Zop::String& segment) {
       config_->configure(vrf, prefix, segment);
@@ -59,6 +94,7 @@ public:
    Outcome segmentDelete(const L3::VrfName& vrf, const Zop::String& segment) {
       return config_->segmentDelete(vrf, segment);
    }
+   // Manual configuration only.
    Outcome requestId(const L3::VrfName& vrf, const Zop::String& segment) {
       return config_->requestId(vrf, segment);
    }
@@ -70,6 +106,8 @@ public:
    HardwareRouteTable& hardware() { return *hardware_; }
    const HardwareRouteTable& hardware() const { return *hardware_; }
    RoutingAgent& routing() { return *routing_; }
+   RoutingLayer& routingLayer() { return *routingLayer_; }
+   const Zop::Ptr<RoutingStatusHelper>& routingStatusHelper() const { return routingStatusHelper_; }
    RouteResolver& resolver() { return *resolver_; }
    HwIdAllocator& allocator() { return *allocator_; }
    ConfigDriver& config() { return *config_; }
@@ -95,9 +133,20 @@ public:
    const Zop::Ptr<Kiv::KivSegmentRouteInfoColl>& segmentRoutesList() const {
       return segmentRoutesList_;
    }
+   const Zop::Ptr<Ip::Status>& ipStatus() const { return ipStatus_; }
+   const Zop::Ptr<Ip6::Status>& ip6Status() const { return ip6Status_; }
+   const Zop::Ptr<MulticastHwStatus>& multicastStatus() const { return multicastStatus_; }
+   const Zop::Ptr<Firewall::Counters>& counters() const { return counters_; }
+   const Zop::Ptr<Syslog::Registry>& syslogRegistry() const { return syslogRegistry_; }
+   const Zop::Ptr<Syslog::MemorySink>& syslogSink() const { return syslogSink_; }
+   // What the library raised, in order.
+   const std::vector<Syslog::Record>& syslogRecords() const { return syslogSink_->records(); }
    const Zop::Ptr<Kiv::KivSegmentPrefixProcessorSm>& processor() const { return processor_; }
+   // Null with manual configuration.
+   const Zop::Ptr<Kiv::KivSegmentSecurityRootSm>& root() const { return root_; }
 
 private:
+   bool manual_;
    Zop::Ptr<Zop::VirtualClock> clock_;
    Zop::Ptr<Ruv::TaskScheduler> scheduler_;
 
@@ -115,13 +164,22 @@ private:
    Zop::Ptr<Kiv::VrfPrefixCollection> segmentReviewList_;
    Zop::Ptr<Kiv::PrefixCount> prefixCount_;
    Zop::Ptr<Kiv::KivSegmentRouteInfoColl> segmentRoutesList_;
+   Zop::Ptr<Ip::Status> ipStatus_;
+   Zop::Ptr<Ip6::Status> ip6Status_;
+   Zop::Ptr<MulticastHwStatus> multicastStatus_;
+   Zop::Ptr<Firewall::Counters> counters_;
+   Zop::Ptr<Syslog::MemorySink> syslogSink_;
+   Zop::Ptr<Syslog::Registry> syslogRegistry_;
 
    Zop::Ptr<HardwareRouteTable> hardware_;
    std::unique_ptr<RoutingAgent> routing_;
    std::unique_ptr<RouteResolver> resolver_;
    std::unique_ptr<HwIdAllocator> allocator_;
    std::unique_ptr<ConfigDriver> config_;
+   std::unique_ptr<RoutingLayer> routingLayer_;
+   Zop::Ptr<RoutingStatusHelper> routingStatusHelper_;
    Zop::Ptr<Kiv::KivSegmentPrefixProcessorSm> processor_;
+   Zop::Ptr<Kiv::KivSegmentSecurityRootSm> root_;
 };
 
 }  // namespace sim

@@ -23,7 +23,8 @@ IpGenPrefix pfx(const char* text) {
 // prefixes put on the review list the way the configuration reactors do.
 class Scenario {
 public:
-   explicit Scenario(Zop::Ptr<Ruv::YieldPolicy> policy = nullptr) : sw(std::move(policy)) {}
+   explicit Scenario(Zop::Ptr<Ruv::YieldPolicy> policy = nullptr)
+       : sw(sim::Switch::Options{.yieldPolicy = std::move(policy), .manualConfiguration = true}) {}
 
    void vrf(const char* name, uint32_t id, bool routing = false, bool routing6 = false) {
       ASSERT_TRUE(sw.routing().vrfAdd(name, VrfId(id), routing, routing6).ok());

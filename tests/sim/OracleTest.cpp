@@ -114,7 +114,8 @@ TEST(SimOracle, AcceptsTheRightHardwareAndNamesEveryWrongEntry) {
    // With the feature stopped, no segment prefix counts.
    sim::Oracle::Inputs stopped{s.fwConfig,     s.l3Status,  s.fibRoutes,
                                s.fibRoutes6,   s.responses, s.routeStatus,
-                               s.route6Status, s.hardware,  false};
+                               s.route6Status, s.hardware,  Zop::makePtr<SegmentSecurityStatus>(),
+                               nullptr};
    const auto ex = sim::Oracle(stopped).expected();
    EXPECT_EQ(ex.entries.size(), 4u);
    for (const auto& [key, entry] : ex.entries) {
@@ -168,4 +169,50 @@ TEST(SimOracle, RoutingEnabledPrefixesFollowTheResolver) {
              Lines{"blue 172.16.0.0/16: expected routeTypeDrop adj 1048578 id " +
                    std::to_string(id) + " (segment route), found routeTypeForward adj 50 id " +
                    std::to_string(id) + " (segment route)"});
+}
+
+TEST(SimOracle, WithTheFeatureOffNoSegmentRouteIdOrRequestMayBeLeft) {
+   NestedSegments s;
+   // A grant nobody asked for, in a VRF the L3 status does not know.
+   s.responses->statusIs(SegmentIdRequestKey(VrfId(9), "orphan"), {SegmentHwId(8)});
+   auto status = Zop::makePtr<SegmentSecurityStatus>();
+   status->enabledIs(true);
+   sim::Oracle::Inputs in{s.fwConfig,    s.l3Status,     s.fibRoutes, s.fibRoutes6, s.responses,
+                          s.routeStatus, s.route6Status, s.hardware,  status,       s.requests};
+   const sim::Oracle oracle(in);
+
+   // Enabled but not set up yet: the feature does not run.
+   EXPECT_EQ(
+       oracle.check(),
+       (Lines{"red 10.0.0.0/8: unexpected routeTypeDrop adj 1048578 id 5 (segment route)",
+              "red 10.1.0.0/16: expected routeTypeForward adj 8 id 0 (FIB route), found "
+              "routeTypeForward adj 8 id 6 (FIB route)",
+              "red 10.1.1.0/24: expected routeTypeForward adj 7 id 0 (FIB route), found "
+              "routeTypeForward adj 7 id 6 (FIB route)",
+              "red 2001:db8::/32: unexpected routeTypeDrop adj 1048579 id 5 (segment route)",
+              "red 2001:db8:1::/48: expected routeTypeForward adj 11 id 0 (FIB route), found "
+              "routeTypeForward adj 11 id 5 (FIB route)",
+              "red segment 'db': id request left while the feature is off",
+              "red segment 'gone': id request left while the feature is off",
+              "red segment 'web': id request left while the feature is off",
+              "vrf#9 segment 'orphan': id 8 granted without a request while the feature is off"}));
+
+   // Decided when checking: set up, the same oracle accepts the hardware.
+   status->segmentSecuritySetupCompleteIs(true);
+   EXPECT_EQ(oracle.check(), Lines());
+   // Torn down and cleaned up: nothing is left to name.
+   status->enabledIs(false);
+   status->segmentSecuritySetupCompleteIs(false);
+   for (const char* p : {"10.0.0.0/8", "2001:db8::/32"}) {
+      s.program(p, RouteInfo(), 0);
+   }
+   for (const char* p : {"10.1.0.0/16", "10.1.1.0/24", "2001:db8:1::/48"}) {
+      s.writeId(p, 0);
+   }
+   for (const char* segment : {"web", "db", "gone"}) {
+      EXPECT_TRUE(s.config.requestIdDel("red", segment).ok());
+   }
+   s.responses->statusDel(SegmentIdRequestKey(VrfId(9), "orphan"));
+   s.settle();
+   EXPECT_EQ(oracle.check(), Lines());
 }

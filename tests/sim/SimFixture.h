@@ -43,8 +43,14 @@ struct Platform {
    sim::RouteResolver resolver{scheduler,   l3Status,     fibRoutes,   fibRoutes6,
                                routeConfig, route6Config, routeStatus, route6Status};
    sim::HwIdAllocator allocator{scheduler, requests, responses};
-   sim::ConfigDriver config{scheduler, fwConfig,    l3Status,  requests,
-                            responses, prefixCount, reviewList};
+   sim::ConfigDriver config{sim::ConfigDriver::Mode::manual,
+                            scheduler,
+                            fwConfig,
+                            l3Status,
+                            requests,
+                            responses,
+                            prefixCount,
+                            reviewList};
 
    void settle() { scheduler->settle(); }
 

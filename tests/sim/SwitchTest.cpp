@@ -11,7 +11,7 @@ using simtest::pfx;
 using Lines = std::vector<Zop::String>;
 
 TEST(SimSwitch, SegmentPrefixesReachHardwareInBothKindsOfVrf) {
-   sim::Switch sw;
+   sim::Switch sw(sim::Switch::Options{.yieldPolicy = nullptr, .manualConfiguration = true});
    ASSERT_TRUE(sw.routing().vrfAdd("red", VrfId(1), false, false).ok());
    ASSERT_TRUE(sw.routing().vrfAdd("blue", VrfId(2), true, true).ok());
    for (auto [p, adj] : {std::pair{"10.1.0.0/16", 8}, {"10.1.1.0/24", 7}, {"192.168.0.0/16", 9}}) {
