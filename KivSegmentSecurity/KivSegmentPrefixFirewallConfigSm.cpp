@@ -562,9 +562,10 @@ private:
 class KivSegmentSecurityRootSm::RouteNotifiee : public KivSegmentRouteInfoColl::Notifiee {
 public:
    explicit RouteNotifiee(KivSegmentSecurityRootSm& sm) : sm_(sm) {}
-   void handleRouteInfo(const VrfAndIpGenPrefix&) override { wait(); }
-   // The processor counts every review-list member it takes: the wait also
-   // ends when the last pending entry was only a no-op review.
+   // A route leaves the collection in the middle of the processor's work on
+   // its prefix, before the prefix's id is released: the wait is judged once
+   // the processor has finished the member, which it signals by counting it
+   // (also for a member whose review changed nothing).
    void handleReviewSegmentHwId() override { wait(); }
 
 private:

@@ -369,7 +369,8 @@ void Processor(benchmark::State& state, Variant variant) {
 
    resetPeakResident();
    const auto setupStart = std::chrono::steady_clock::now();
-   auto sw = std::make_unique<sim::Switch>(policy);
+   auto sw = std::make_unique<sim::Switch>(
+       sim::Switch::Options{.yieldPolicy = policy, .manualConfiguration = true});
    if (!sw->routing().vrfAdd(kVrf, VrfId(kVrfId), false, false).ok()) {
       state.SkipWithError("vrfAdd refused");
       return;
