@@ -436,3 +436,45 @@ TEST(ConfigScenario, RandomHistoriesAgreeWithTheOracle) {
 }
 
 }  // namespace
+
+namespace {
+
+// A VRF reactor on its own, over a switch whose configuration side is played
+// by hand (no root reactor).
+struct LoneVrfReactor {
+   sim::Switch sw{sim::Switch::Options{.yieldPolicy = nullptr, .manualConfiguration = true}};
+   Zop::Ptr<Kiv::KivSegmentSecurityVrfSm> sm;
+   LoneVrfReactor() {
+      EXPECT_TRUE(sw.routing().vrfAdd("red", VrfId(1), false, false).ok());
+      sw.configure("red", pfx("10.1.0.0/16"), "web");
+      auto fwVrf = sw.fwConfig()->vrf("red");
+      sm = Kiv::kivSegmentSecurityVrfSmFactory("red", fwVrf, fwVrf->segmentDir(), sw.fwConfig(),
+                                               sw.segmentReviewList(), sw.segmentIdRequest(),
+                                               sw.segmentIdResponse(), VrfId(1), sw.prefixCount(),
+                                               sw.segmentRoutesList(), sw.counters());
+   }
+};
+
+TEST(ConfigDeathTest, VrfReactorCountersMustBeConsistent) {
+   LoneVrfReactor r;
+   EXPECT_DEATH(r.sm->processSegmentPrefix("web", true),
+                "assertion failed: segmentIdStatus\\(\\)->statusHas\\( segKey \\)\n  source: "
+                "KivSegmentSecurity/KivSegmentPrefixFirewallConfigSm");
+   // An id granted to a new owner while the previous owner's prefixes are
+   // still counted.
+   auto busy = Kiv::segmentPrefixCountFactory(SegmentHwId(40));
+   busy->prefixCountIs(2);
+   r.sw.prefixCount()->segmentPrefixCountIs(busy);
+   r.sm->initializedIs(true);
+   EXPECT_DEATH(
+       r.sw.segmentIdResponse()->statusIs(SegmentIdRequestKey(VrfId(1), "web"), {SegmentHwId(40)}),
+       "Previous segment still had pending items");
+   // A prefix added for a granted id that has no counter.
+   r.sw.prefixCount()->segmentPrefixCountDel(SegmentHwId(40));
+   r.sw.segmentIdResponse()->statusIs(SegmentIdRequestKey(VrfId(1), "web"), {SegmentHwId(41)});
+   r.sw.prefixCount()->segmentPrefixCountDel(SegmentHwId(41));
+   EXPECT_DEATH(r.sw.configure("red", pfx("10.2.0.0/16"), "web"),
+                "assertion failed: prefixCount\\(\\)->segmentPrefixCountHas\\( hwId \\)");
+}
+
+}  // namespace
