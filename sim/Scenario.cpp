@@ -1,0 +1,676 @@
+#include "sim/Scenario.h"
+
+#include <algorithm>
+#include <istream>
+#include <map>
+#include <optional>
+#include <ostream>
+#include <sstream>
+#include <tuple>
+
+#include "Zop/Error.h"
+#include "Zop/Value.h"
+
+namespace sim {
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+struct BadWord {
+   std::string message;
+};
+
+[[noreturn]] void bad(std::string message) {
+   throw BadWord{std::move(message)};
+}
+
+std::string quoted(const std::string& word) {
+   return "'" + word + "'";
+}
+
+// The words of a line, without its comment.
+Words split(const std::string& line) {
+   Words words;
+   std::string word;
+   for (char c : line) {
+      if (c == '#') {
+         break;
+      }
+      if (c == ' ' || c == '\t' || c == '\r' || c == '\n') {
+         if (!word.empty()) {
+            words.push_back(std::move(word));
+            word.clear();
+         }
+      } else {
+         word += c;
+      }
+   }
+   if (!word.empty()) {
+      words.push_back(std::move(word));
+   }
+   return words;
+}
+
+uint64_t number(const std::string& word, const char* what, uint64_t max) {
+   if (word.empty() || word.size() > 20) {
+      bad(quoted(word) + " is not a number (" + what + ")");
+   }
+   uint64_t n = 0;
+   for (char c : word) {
+      if (c < '0' || c > '9') {
+         bad(quoted(word) + " is not a number (" + what + ")");
+      }
+      uint64_t digit = uint64_t(c - '0');
+      if (n > (max - digit) / 10) {
+         bad(quoted(word) + " is out of range for " + what + " (at most " + std::to_string(max) +
+             ")");
+      }
+      n = n * 10 + digit;
+   }
+   return n;
+}
+
+bool onOff(const std::string& word) {
+   if (word == "on") {
+      return true;
+   }
+   if (word == "off") {
+      return false;
+   }
+   bad(quoted(word) + " is not on/off");
+}
+
+Pexo::IpGenPrefix prefixOf(const std::string& word) {
+   try {
+      return Zop::strepToValue<Pexo::IpGenPrefix>(word);
+   } catch (const std::exception&) {
+      bad("bad prefix " + quoted(word));
+   }
+}
+
+L3::VrfName vrfNameOf(const std::string& word) {
+   if (word.size() > L3::VrfName::maxLength) {
+      bad("VRF name " + quoted(word.substr(0, 20) + "...") + " is longer than " +
+          std::to_string(L3::VrfName::maxLength));
+   }
+   return L3::VrfName(word);
+}
+
+void usage(const Words& w, size_t least, size_t most, const char* form) {
+   if (w.size() < least) {
+      bad("missing words: " + std::string(form));
+   }
+   if (w.size() > most) {
+      bad("unexpected word " + quoted(w[most]) + ": " + form);
+   }
+}
+
+void outcome(const Outcome& o) {
+   if (!o.ok()) {
+      bad(o.error());
+   }
+}
+
+std::string jsonString(const std::string& s) {
+   std::string out = "\"";
+   for (char c : s) {
+      if (c == '"' || c == '\\') {
+         out += '\\';
+         out += c;
+      } else if (static_cast<unsigned char>(c) < 0x20) {
+         static const char* hex = "0123456789abcdef";
+         out += "\\u00";
+         out += hex[(c >> 4) & 0xF];
+         out += hex[c & 0xF];
+      } else {
+         out += c;
+      }
+   }
+   return out + "\"";
+}
+
+// COUNT consecutive prefixes of the length of `start`, from its address.
+std::vector<Pexo::IpGenPrefix> consecutive(const std::string& word, uint64_t count) {
+   Pexo::IpGenPrefix start = prefixOf(word);
+   std::vector<Pexo::IpGenPrefix> out;
+   out.reserve(count);
+   uint32_t len = start.len();
+   if (start.isIpv4()) {
+      uint64_t base = start.v4().addr().value();
+      uint64_t step = uint64_t(1) << (32 - len);
+      if (base % step != 0) {
+         bad("prefix " + quoted(word) + " has host bits set");
+      }
+      if (count > 0 && (base + (count - 1) * step) > 0xFFFFFFFFull) {
+         bad(std::to_string(count) + " prefixes from " + quoted(word) + " leave IPv4");
+      }
+      for (uint64_t i = 0; i < count; ++i) {
+         out.emplace_back(Pexo::Prefix(Pexo::IpAddr(uint32_t(base + i * step)), len));
+      }
+   } else {
+      using U128 = unsigned __int128;
+      auto addr = start.v6().addr();
+      U128 base = (U128(addr.hi()) << 64) | addr.lo();
+      U128 step = len == 0 ? 0 : U128(1) << (128 - len);
+      if (len == 0 ? base != 0 : base % step != 0) {
+         bad("prefix " + quoted(word) + " has host bits set");
+      }
+      U128 room = len == 0 ? 0 : (~base) / step;
+      if (count > 0 && U128(count - 1) > room) {
+         bad(std::to_string(count) + " prefixes from " + quoted(word) + " leave IPv6");
+      }
+      for (uint64_t i = 0; i < count; ++i) {
+         U128 a = base + U128(i) * step;
+         out.emplace_back(Pexo::Ip6Prefix(Pexo::Ip6Addr(uint64_t(a >> 64), uint64_t(a)), len));
+      }
+   }
+   return out;
+}
+
+constexpr uint64_t kGenLimit = 1'000'000;
+
+}  // namespace
+
+Scenario::Scenario(Options options)
+    : options_(options), duolog_(options.traceLevel), guard_(duolog_) {
+   if (options_.traceStream) {
+      duolog_.setTextStream(*options_.traceStream);
+   }
+   if (options_.yieldEvery > 0) {
+      uint32_t n =
+          options_.yieldEvery > 0xFFFFFFFFull ? 0xFFFFFFFFu : uint32_t(options_.yieldEvery);
+      switch_ = std::make_unique<sim::Switch>(Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(n));
+   } else {
+      switch_ = std::make_unique<sim::Switch>();
+   }
+}
+
+Scenario::~Scenario() {
+   // The switch goes before the Duolog its traces write to.
+   switch_.reset();
+}
+
+Scenario::Result Scenario::run(std::istream& in, const std::string& fileName, std::ostream& out) {
+   Result result;
+   std::string line;
+   uint64_t lineNo = 0;
+   while (std::getline(in, line)) {
+      ++lineNo;
+      Result r = runLine(line, fileName, lineNo, out);
+      if (r.kind == Result::Kind::badLine) {
+         return r;
+      }
+      if (r.kind == Result::Kind::checkFailed) {
+         result.kind = Result::Kind::checkFailed;
+      }
+   }
+   return result;
+}
+
+Scenario::Result Scenario::runLine(const std::string& line, const std::string& fileName,
+                                   uint64_t lineNo, std::ostream& out) {
+   Result result;
+   Words w = split(line);
+   if (w.empty()) {
+      return result;
+   }
+   // Looking commands write to a buffer first, so a bad line prints nothing.
+   std::ostringstream buffer;
+   try {
+      bool passed = true;
+      if (w[0] == "echo") {
+         // The text as written, from the first word after "echo".
+         std::string text = line.substr(0, line.find('#'));
+         size_t at = text.find("echo") + 4;
+         at = text.find_first_not_of(" \t", at);
+         text = at == std::string::npos ? "" : text.substr(at);
+         while (!text.empty() &&
+                (text.back() == ' ' || text.back() == '\t' || text.back() == '\r')) {
+            text.pop_back();
+         }
+         buffer << text << '\n';
+      } else {
+         passed = execute(w, buffer);
+      }
+      ++stats_.commands;
+      if (!passed) {
+         result.kind = Result::Kind::checkFailed;
+      }
+   } catch (const BadWord& b) {
+      result.kind = Result::Kind::badLine;
+      result.message = fileName + ":" + std::to_string(lineNo) + ": " + b.message;
+      return result;
+   } catch (const std::exception& e) {
+      result.kind = Result::Kind::badLine;
+      result.message = fileName + ":" + std::to_string(lineNo) + ": " + w[0] + ": " + e.what();
+      return result;
+   }
+   out << buffer.str();
+   return result;
+}
+
+bool Scenario::execute(const Words& w, std::ostream& out) {
+   const std::string& c = w[0];
+   if (c == "vrf") {
+      vrf(w);
+   } else if (c == "fib") {
+      fib(w);
+   } else if (c == "resolver") {
+      resolver(w);
+   } else if (c == "resolve") {
+      resolve(w);
+   } else if (c == "urpf") {
+      urpf(w);
+   } else if (c == "allocator") {
+      allocator(w);
+   } else if (c == "grant") {
+      grant(w);
+   } else if (c == "hwfail") {
+      hwfail(w);
+   } else if (c == "firewall") {
+      usage(w, 2, 2, "firewall on/off");
+      switch_->firewallIs(onOff(w[1]));
+   } else if (c == "default-drop") {
+      usage(w, 2, 2, "default-drop on/off");
+      switch_->defaultDropIs(onOff(w[1]));
+   } else if (c == "fw-vrf") {
+      fwVrf(w);
+   } else if (c == "segment") {
+      segment(w);
+   } else if (c == "prefix") {
+      prefix(w);
+   } else if (c == "policy") {
+      policy(w);
+   } else if (c == "settle") {
+      usage(w, 1, 1, "settle");
+      stats_.slices += switch_->settle();
+   } else if (c == "step") {
+      step(w);
+   } else if (c == "hw") {
+      hw(w, out);
+   } else if (c == "status") {
+      status(w, out);
+   } else if (c == "check") {
+      return check(w, out);
+   } else if (c == "syslog") {
+      syslog(w, out);
+   } else if (c == "trace") {
+      trace(w, out);
+   } else if (c == "gen") {
+      gen(w);
+   } else {
+      bad("unknown command " + quoted(c));
+   }
+   return true;
+}
+
+namespace {
+
+VrfId knownVrf(sim::Switch& sw, const std::string& word) {
+   auto id = sw.routing().vrfId(vrfNameOf(word));
+   if (!id) {
+      bad("unknown VRF " + quoted(word));
+   }
+   return *id;
+}
+
+}  // namespace
+
+void Scenario::vrf(const Words& w) {
+   static const char* form = "vrf NAME id N [routing on/off] [routing6 on/off] | vrf NAME delete";
+   usage(w, 3, 7, form);
+   L3::VrfName name = vrfNameOf(w[1]);
+   if (w[2] == "delete") {
+      usage(w, 3, 3, form);
+      knownVrf(*switch_, w[1]);
+      outcome(switch_->routing().vrfDelete(name));
+      return;
+   }
+   if (w[2] != "id") {
+      bad("expected 'id' or 'delete', not " + quoted(w[2]));
+   }
+   usage(w, 4, 7, form);
+   auto id = uint32_t(number(w[3], "VRF id", 0xFFFFFFFFull));
+   bool routing = false;
+   bool routing6 = false;
+   bool seen = false;
+   bool seen6 = false;
+   size_t i = 4;
+   while (i < w.size()) {
+      if (w[i] == "routing" && !seen) {
+         seen = true;
+      } else if (w[i] == "routing6" && !seen6) {
+         seen6 = true;
+      } else {
+         bad("unexpected word " + quoted(w[i]) + ": " + form);
+      }
+      if (i + 1 >= w.size()) {
+         bad("missing on/off after " + quoted(w[i]));
+      }
+      (w[i] == "routing" ? routing : routing6) = onOff(w[i + 1]);
+      i += 2;
+   }
+   outcome(switch_->routing().vrfAdd(name, VrfId(id), routing, routing6));
+}
+
+void Scenario::fib(const Words& w) {
+   static const char* form = "fib VRF PREFIX [adj N] | fib VRF PREFIX delete";
+   usage(w, 3, 5, form);
+   knownVrf(*switch_, w[1]);
+   Pexo::IpGenPrefix p = prefixOf(w[2]);
+   if (w.size() == 4) {
+      if (w[3] != "delete") {
+         bad("unexpected word " + quoted(w[3]) + ": " + form);
+      }
+      outcome(switch_->routing().fibDelete(vrfNameOf(w[1]), p));
+      return;
+   }
+   uint64_t adj = 1;
+   if (w.size() == 5) {
+      if (w[3] != "adj") {
+         bad("unexpected word " + quoted(w[3]) + ": " + form);
+      }
+      adj = number(w[4], "adjacency index", ~uint64_t(0));
+   }
+   outcome(switch_->routing().fibAdd(vrfNameOf(w[1]), p, adj));
+}
+
+void Scenario::resolver(const Words& w) {
+   usage(w, 2, 2, "resolver auto/manual");
+   if (w[1] == "auto") {
+      switch_->resolver().modeIs(RouteResolver::Mode::automatic);
+   } else if (w[1] == "manual") {
+      switch_->resolver().modeIs(RouteResolver::Mode::manual);
+   } else {
+      bad(quoted(w[1]) + " is not auto/manual");
+   }
+}
+
+void Scenario::resolve(const Words& w) {
+   static const char* form = "resolve VRF PREFIX adj N | resolve VRF PREFIX none";
+   usage(w, 4, 5, form);
+   VrfId id = knownVrf(*switch_, w[1]);
+   Pexo::IpGenPrefix p = prefixOf(w[2]);
+   if (w[3] == "none") {
+      usage(w, 4, 4, form);
+      switch_->resolver().resolveNone(id, p);
+   } else if (w[3] == "adj") {
+      usage(w, 5, 5, form);
+      switch_->resolver().resolve(id, p, number(w[4], "adjacency index", ~uint64_t(0)));
+   } else {
+      bad("expected 'adj' or 'none', not " + quoted(w[3]));
+   }
+}
+
+void Scenario::urpf(const Words& w) {
+   usage(w, 3, 3, "urpf ipv4/ipv6 on/off");
+   Pexo::AddressFamily af;
+   if (w[1] == "ipv4") {
+      af = Pexo::AddressFamily::ipv4;
+   } else if (w[1] == "ipv6") {
+      af = Pexo::AddressFamily::ipv6;
+   } else {
+      bad(quoted(w[1]) + " is not ipv4/ipv6");
+   }
+   switch_->urpfIs(af, onOff(w[2]));
+}
+
+void Scenario::allocator(const Words& w) {
+   static const char* form = "allocator auto [pool FIRST-LAST] | allocator manual";
+   usage(w, 2, 4, form);
+   if (w[1] == "manual") {
+      usage(w, 2, 2, form);
+      switch_->allocator().modeIs(HwIdAllocator::Mode::manual);
+      return;
+   }
+   if (w[1] != "auto") {
+      bad(quoted(w[1]) + " is not auto/manual");
+   }
+   if (w.size() == 3) {
+      bad("missing words: " + std::string(form));
+   }
+   if (w.size() == 4) {
+      if (w[2] != "pool") {
+         bad("unexpected word " + quoted(w[2]) + ": " + form);
+      }
+      size_t dash = w[3].find('-');
+      if (dash == std::string::npos) {
+         bad("pool " + quoted(w[3]) + " is not FIRST-LAST");
+      }
+      auto first = uint16_t(number(w[3].substr(0, dash), "pool", HwIdAllocator::kPoolLast));
+      auto last = uint16_t(number(w[3].substr(dash + 1), "pool", HwIdAllocator::kPoolLast));
+      if (first < HwIdAllocator::kPoolFirst || first > last) {
+         bad("pool " + quoted(w[3]) + " is not 1 <= FIRST <= LAST <= 65534");
+      }
+      outcome(switch_->allocator().poolIs(first, last));
+   }
+   switch_->allocator().modeIs(HwIdAllocator::Mode::automatic);
+}
+
+void Scenario::grant(const Words& w) {
+   usage(w, 3, 4, "grant VRF SEGMENT [ID]");
+   VrfId id = knownVrf(*switch_, w[1]);
+   std::optional<SegmentHwId> hwId;
+   if (w.size() == 4) {
+      hwId = SegmentHwId(uint16_t(number(w[3], "hw id", HwIdAllocator::kPoolLast)));
+   }
+   outcome(switch_->allocator().grant(SegmentIdRequestKey(id, w[2]), hwId));
+}
+
+void Scenario::hwfail(const Words& w) {
+   usage(w, 4, 4, "hwfail VRF PREFIX on/off/once");
+   VrfId id = knownVrf(*switch_, w[1]);
+   Pexo::IpGenPrefix p = prefixOf(w[2]);
+   HardwareRouteTable::Fault fault;
+   if (w[3] == "once") {
+      fault = HardwareRouteTable::Fault::once;
+   } else if (w[3] == "on" || w[3] == "off") {
+      fault = onOff(w[3]) ? HardwareRouteTable::Fault::always : HardwareRouteTable::Fault::none;
+   } else {
+      bad(quoted(w[3]) + " is not on/off/once");
+   }
+   switch_->hardware().faultIs({id, p}, fault);
+}
+
+void Scenario::fwVrf(const Words& w) {
+   static const char* form = "fw-vrf NAME [delete]";
+   usage(w, 2, 3, form);
+   L3::VrfName name = vrfNameOf(w[1]);
+   if (w.size() == 3) {
+      if (w[2] != "delete") {
+         bad("unexpected word " + quoted(w[2]) + ": " + form);
+      }
+      outcome(switch_->config().fwVrfDelete(name));
+      return;
+   }
+   if (!switch_->fwConfig()->vrfHas(name)) {
+      switch_->fwConfig()->vrfIs(Zop::makePtr<Firewall::FwVrf>(name));
+   }
+}
+
+void Scenario::segment(const Words& w) {
+   static const char* form = "segment VRF NAME [delete]";
+   usage(w, 3, 4, form);
+   L3::VrfName name = vrfNameOf(w[1]);
+   if (w.size() == 4) {
+      if (w[3] != "delete") {
+         bad("unexpected word " + quoted(w[3]) + ": " + form);
+      }
+      outcome(switch_->segmentDelete(name, w[2]));
+      return;
+   }
+   if (w[2] == "delete") {
+      bad("missing segment name before 'delete'");
+   }
+   switch_->segmentAdd(name, w[2]);
+}
+
+void Scenario::prefix(const Words& w) {
+   usage(w, 4, 4, "prefix VRF PREFIX SEGMENT | prefix VRF PREFIX delete");
+   L3::VrfName name = vrfNameOf(w[1]);
+   Pexo::IpGenPrefix p = prefixOf(w[2]);
+   if (w[3] == "delete") {
+      outcome(switch_->unconfigure(name, p));
+   } else {
+      switch_->configure(name, p, w[3]);
+   }
+}
+
+void Scenario::policy(const Words& w) {
+   usage(w, 5, 5, "policy VRF DST SRC NAME | policy VRF DST SRC delete");
+   L3::VrfName name = vrfNameOf(w[1]);
+   auto fwVrf = switch_->fwConfig()->vrf(name);
+   if (!fwVrf) {
+      bad("unknown firewall VRF " + quoted(w[1]));
+   }
+   auto dst = fwVrf->segment(w[2]);
+   if (!dst) {
+      bad("unknown segment " + quoted(w[2]) + " in VRF " + quoted(w[1]));
+   }
+   if (w[4] == "delete") {
+      if (!dst->sourceSegment(w[3])) {
+         bad("no policy from " + quoted(w[3]) + " to " + quoted(w[2]));
+      }
+      dst->sourceSegmentDel(w[3]);
+   } else {
+      dst->sourceSegmentIs(w[3], w[4]);
+   }
+}
+
+void Scenario::step(const Words& w) {
+   usage(w, 1, 2, "step [N]");
+   uint64_t n = w.size() == 2 ? number(w[1], "slices", ~uint64_t(0)) : 1;
+   for (uint64_t i = 0; i < n && switch_->scheduler()->runOnce(); ++i) {
+      ++stats_.slices;
+   }
+}
+
+void Scenario::hw(const Words& w, std::ostream& out) {
+   usage(w, 1, 3, "hw [VRF] [json]");
+   bool json = options_.json;
+   std::optional<VrfId> only;
+   for (size_t i = 1; i < w.size(); ++i) {
+      if (w[i] == "json" && i + 1 == w.size()) {
+         json = true;
+      } else if (i == 1) {
+         only = knownVrf(*switch_, w[i]);
+      } else {
+         bad("unexpected word " + quoted(w[i]) + ": hw [VRF] [json]");
+      }
+   }
+   std::map<uint32_t, std::string> names;
+   for (const auto& name : switch_->routing().vrfNames()) {
+      if (auto id = switch_->routing().vrfId(name)) {
+         names[id->value()] = name.value();
+      }
+   }
+   using Row = std::tuple<std::string, Pexo::IpGenPrefix, const HardwareRouteTable::Entry*>;
+   std::vector<Row> rows;
+   for (const auto& [key, entry] : switch_->hardware().entries()) {
+      if (only && key.vrfId != *only) {
+         continue;
+      }
+      auto it = names.find(key.vrfId.value());
+      std::string vrfName =
+          it != names.end() ? it->second : "vrf" + std::to_string(key.vrfId.value());
+      rows.emplace_back(vrfName, key.prefix, &entry);
+   }
+   std::sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
+      return std::tie(std::get<0>(a), std::get<1>(a)) < std::tie(std::get<0>(b), std::get<1>(b));
+   });
+   if (!json) {
+      for (const auto& [vrfName, p, e] : rows) {
+         out << vrfName << ' ' << valueToStrep(p) << ' ' << entryText(e->routeInfo, e->classId)
+             << '\n';
+      }
+      return;
+   }
+   if (rows.empty()) {
+      out << "[]\n";
+      return;
+   }
+   out << "[\n";
+   for (size_t i = 0; i < rows.size(); ++i) {
+      const auto& [vrfName, p, e] = rows[i];
+      out << "  {\"vrf\": " << jsonString(vrfName) << ", \"prefix\": \"" << valueToStrep(p)
+          << "\", \"routeType\": \"" << valueToStrep(e->routeInfo.routeType())
+          << "\", \"adjIndex\": " << e->routeInfo.adjIndex() << ", \"hwId\": " << e->classId.value()
+          << "}" << (i + 1 < rows.size() ? "," : "") << '\n';
+   }
+   out << "]\n";
+}
+
+void Scenario::status(const Words& w, std::ostream& out) {
+   usage(w, 1, 1, "status");
+   const auto& s = *switch_->status();
+   auto b = [](bool v) { return v ? "true" : "false"; };
+   out << "enabled: " << b(s.enabled()) << '\n'
+       << "segmentSecuritySetupComplete: " << b(s.segmentSecuritySetupComplete()) << '\n'
+       << "waitForRoutesCleanup: " << b(s.waitForRoutesCleanup()) << '\n'
+       << "segmentSecurityRoutingDisableDone: " << b(s.segmentSecurityRoutingDisableDone()) << '\n'
+       << "segmentSecurityRoutingDisable: " << s.segmentSecurityRoutingDisable() << '\n'
+       << "segmentSecurityRoutingEnable: " << s.segmentSecurityRoutingEnable() << '\n'
+       << "waitForSegmentSecurityRoutingDisabledCnt: "
+       << s.waitForSegmentSecurityRoutingDisabledCnt() << '\n';
+}
+
+bool Scenario::check(const Words& w, std::ostream& out) {
+   usage(w, 1, 1, "check");
+   auto differences = switch_->check();
+   if (differences.empty()) {
+      out << "check: ok\n";
+      return true;
+   }
+   for (const auto& line : differences) {
+      out << line << '\n';
+   }
+   return false;
+}
+
+void Scenario::syslog(const Words& w, std::ostream& out) {
+   usage(w, 1, 1, "syslog");
+   for (const auto& record : switch_->syslogRecords()) {
+      out << record.line() << '\n';
+   }
+}
+
+void Scenario::trace(const Words& w, std::ostream& out) {
+   usage(w, 1, 2, "trace [N]");
+   uint64_t n = w.size() == 2 ? number(w[1], "lines", ~uint64_t(0)) : 10;
+   for (const auto& text : duolog_.ringlog().texts(size_t(n))) {
+      out << text << '\n';
+   }
+}
+
+void Scenario::gen(const Words& w) {
+   static const char* form =
+       "gen fib VRF COUNT PREFIX/LEN | gen prefixes VRF SEGMENT COUNT PREFIX/LEN";
+   usage(w, 2, 6, form);
+   if (w[1] == "fib") {
+      usage(w, 5, 5, form);
+      knownVrf(*switch_, w[2]);
+      uint64_t count = number(w[3], "count", kGenLimit);
+      auto prefixes = consecutive(w[4], count);
+      for (const auto& p : prefixes) {
+         if (!p.validAsPrefix()) {
+            bad("prefix " + valueToStrep(p) + " from " + quoted(w[4]) + " is not valid");
+         }
+      }
+      L3::VrfName name = vrfNameOf(w[2]);
+      for (const auto& p : prefixes) {
+         outcome(switch_->routing().fibAdd(name, p, 1));
+      }
+   } else if (w[1] == "prefixes") {
+      usage(w, 6, 6, form);
+      L3::VrfName name = vrfNameOf(w[2]);
+      uint64_t count = number(w[4], "count", kGenLimit);
+      for (const auto& p : consecutive(w[5], count)) {
+         switch_->configure(name, p, w[3]);
+      }
+   } else {
+      bad(quoted(w[1]) + " is not fib/prefixes");
+   }
+}
+
+}  // namespace sim

@@ -1,0 +1,101 @@
+#pragma once
+// Scenario: the command language of kivsim, over one simulated switch.
+//
+// One command a line; words are separated by blanks and `#` starts a comment.
+// Commands that change state print nothing; looking commands (hw, status,
+// check, syslog, trace, echo) print to the output stream given. A line is
+// checked word by word before anything is applied, so a bad line changes
+// nothing and names the offending word: "file:line: message".
+//
+// The same Scenario serves the program (files, standard input, the prompt)
+// and the tests.
+
+#include <cstdint>
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Trace/Trace.h"
+#include "sim/Switch.h"
+
+namespace sim {
+
+struct ScenarioOptions {
+   // hw prints JSON without being asked to.
+   bool json = false;
+   // Trace level of the scenario's Duolog (5 decisions, 8 functions).
+   Trace::Level traceLevel = Trace::kDecisions;
+   // The text trace, when wanted; must outlive the Scenario.
+   std::ostream* traceStream = nullptr;
+   // Every task yields after this many items (0: the scheduler's default).
+   uint64_t yieldEvery = 0;
+};
+
+struct ScenarioResult {
+   enum class Kind : uint8_t { ok, checkFailed, badLine };
+   Kind kind = Kind::ok;
+   // For a bad line: "file:line: message".
+   std::string message;
+   bool ok() const { return kind == Kind::ok; }
+};
+
+struct ScenarioStats {
+   uint64_t commands = 0;
+   uint64_t slices = 0;
+};
+
+class Scenario {
+public:
+   using Options = ScenarioOptions;
+   using Result = ScenarioResult;
+
+   explicit Scenario(Options options = {});
+   ~Scenario();
+   Scenario(const Scenario&) = delete;
+   Scenario& operator=(const Scenario&) = delete;
+
+   // Runs the lines of `in` until the end or the first bad line. A failing
+   // check does not stop the run; the result then says checkFailed.
+   Result run(std::istream& in, const std::string& fileName, std::ostream& out);
+   // Runs one line (line number `lineNo` of `fileName`, for messages).
+   Result runLine(const std::string& line, const std::string& fileName, uint64_t lineNo,
+                  std::ostream& out);
+
+   sim::Switch& sw() { return *switch_; }
+   const ScenarioStats& stats() const { return stats_; }
+   const Trace::Duolog& trace() const { return duolog_; }
+
+private:
+   using Words = std::vector<std::string>;
+
+   // Each returns false when a check found a difference; throws Bad.
+   bool execute(const Words& w, std::ostream& out);
+   void vrf(const Words& w);
+   void fib(const Words& w);
+   void resolver(const Words& w);
+   void resolve(const Words& w);
+   void urpf(const Words& w);
+   void allocator(const Words& w);
+   void grant(const Words& w);
+   void hwfail(const Words& w);
+   void fwVrf(const Words& w);
+   void segment(const Words& w);
+   void prefix(const Words& w);
+   void policy(const Words& w);
+   void step(const Words& w);
+   void hw(const Words& w, std::ostream& out);
+   void status(const Words& w, std::ostream& out);
+   bool check(const Words& w, std::ostream& out);
+   void syslog(const Words& w, std::ostream& out);
+   void trace(const Words& w, std::ostream& out);
+   void gen(const Words& w);
+
+   Options options_;
+   Trace::Duolog duolog_;
+   Trace::ScopedDuolog guard_;
+   std::unique_ptr<sim::Switch> switch_;
+   ScenarioStats stats_;
+};
+
+}  // namespace sim

@@ -1,0 +1,199 @@
+// The scenario language over the simulated switch: a small scenario's exact
+// output, and bad lines of every kind refused with their file, line and the
+// offending word, leaving the switch as it was.
+
+#include "sim/Scenario.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+namespace {
+
+struct Played {
+   sim::Scenario::Result result;
+   std::string out;
+};
+
+Played play(sim::Scenario& s, const std::string& text, const std::string& file = "t.kiv") {
+   std::istringstream in(text);
+   std::ostringstream out;
+   Played r;
+   r.result = s.run(in, file, out);
+   r.out = out.str();
+   return r;
+}
+
+const char* kSetUp =
+    "# two VRFs, nested segments\n"
+    "vrf red id 1\n"
+    "vrf blue id 2 routing on\n"
+    "fib red 10.1.1.0/24 adj 11\n"
+    "fib blue 10.7.1.0/24 adj 22\n"
+    "\n"
+    "prefix red 10.1.0.0/16 web   # outer\n"
+    "prefix red 10.1.1.0/25 db\n"
+    "prefix blue 10.7.0.0/16 app\n"
+    "firewall on\n"
+    "settle\n";
+
+TEST(Scenario, SmallScenarioExactOutput) {
+   sim::Scenario s;
+   Played r = play(s, std::string(kSetUp) +
+                          "echo == hardware ==\n"
+                          "hw\n"
+                          "hw red json\n"
+                          "status\n"
+                          "check\n");
+   ASSERT_TRUE(r.result.ok()) << r.result.message;
+   EXPECT_EQ(r.out,
+             "== hardware ==\n"
+             "blue 10.7.0.0/16 routeTypeDrop adj 1048580 id 3\n"
+             "blue 10.7.1.0/24 routeTypeForward adj 22 id 3\n"
+             "red 10.1.0.0/16 routeTypeDrop adj 1048578 id 2\n"
+             "red 10.1.1.0/24 routeTypeForward adj 11 id 2\n"
+             "red 10.1.1.0/25 routeTypeDrop adj 1048578 id 1\n"
+             "[\n"
+             "  {\"vrf\": \"red\", \"prefix\": \"10.1.0.0/16\", \"routeType\": \"routeTypeDrop\", "
+             "\"adjIndex\": 1048578, \"hwId\": 2},\n"
+             "  {\"vrf\": \"red\", \"prefix\": \"10.1.1.0/24\", \"routeType\": "
+             "\"routeTypeForward\", \"adjIndex\": 11, \"hwId\": 2},\n"
+             "  {\"vrf\": \"red\", \"prefix\": \"10.1.1.0/25\", \"routeType\": \"routeTypeDrop\", "
+             "\"adjIndex\": 1048578, \"hwId\": 1}\n"
+             "]\n"
+             "enabled: true\n"
+             "segmentSecuritySetupComplete: true\n"
+             "waitForRoutesCleanup: false\n"
+             "segmentSecurityRoutingDisableDone: false\n"
+             "segmentSecurityRoutingDisable: 1\n"
+             "segmentSecurityRoutingEnable: 1\n"
+             "waitForSegmentSecurityRoutingDisabledCnt: 1\n"
+             "check: ok\n");
+   EXPECT_EQ(s.stats().commands, 14u);
+}
+
+TEST(Scenario, BadLinesNameTheWordAndChangeNothing) {
+   sim::Scenario s;
+   ASSERT_TRUE(play(s, kSetUp).result.ok());
+   std::ostringstream before;
+   ASSERT_TRUE(s.runLine("hw", "x", 1, before).ok());
+   size_t commands = s.stats().commands;
+
+   const std::pair<const char*, const char*> cases[] = {
+       {"show routes", "unknown command 'show'"},
+       {"request x", "unknown command 'request'"},
+       {"counters red policy p 1 2", "unknown command 'counters'"},
+       {"vrf green id x1", "'x1' is not a number (VRF id)"},
+       {"vrf green id 99999999999",
+        "'99999999999' is out of range for VRF id (at most 4294967295)"},
+       {"vrf green id 3 routing onn", "'onn' is not on/off"},
+       {"vrf green id 3 routing", "missing on/off after 'routing'"},
+       {"vrf green id 3 colour blue",
+        "unexpected word 'colour': vrf NAME id N [routing on/off] "
+        "[routing6 on/off] | vrf NAME delete"},
+       {"vrf green delete", "unknown VRF 'green'"},
+       {"vrf red",
+        "missing words: vrf NAME id N [routing on/off] [routing6 on/off] | vrf NAME "
+        "delete"},
+       {"fib green 10.9.0.0/16", "unknown VRF 'green'"},
+       {"fib red 10.9.0/16", "bad prefix '10.9.0/16'"},
+       {"fib red 10.9.0.0/16 adj -1", "'-1' is not a number (adjacency index)"},
+       {"fib red 10.9.0.0/16 via 3",
+        "unexpected word 'via': fib VRF PREFIX [adj N] | fib VRF "
+        "PREFIX delete"},
+       {"resolver sometimes", "'sometimes' is not auto/manual"},
+       {"resolve red 10.1.0.0/16 adj",
+        "missing words: resolve VRF PREFIX adj N | resolve VRF "
+        "PREFIX none"},
+       {"urpf ipv5 on", "'ipv5' is not ipv4/ipv6"},
+       {"urpf ipv4 yes", "'yes' is not on/off"},
+       {"allocator auto pool 5", "pool '5' is not FIRST-LAST"},
+       {"allocator auto pool 9-3", "pool '9-3' is not 1 <= FIRST <= LAST <= 65534"},
+       {"allocator auto pool 1-70000", "'70000' is out of range for pool (at most 65534)"},
+       {"grant purple web", "unknown VRF 'purple'"},
+       {"hwfail red 10.1.0.0/16 sometimes", "'sometimes' is not on/off/once"},
+       {"firewall of", "'of' is not on/off"},
+       {"default-drop", "missing words: default-drop on/off"},
+       {"fw-vrf red remove", "unexpected word 'remove': fw-vrf NAME [delete]"},
+       {"segment red web drop", "unexpected word 'drop': segment VRF NAME [delete]"},
+       {"prefix red 10.1.0.0/33 web", "bad prefix '10.1.0.0/33'"},
+       {"policy red nosuch web allow", "unknown segment 'nosuch' in VRF 'red'"},
+       {"policy gray web db allow", "unknown firewall VRF 'gray'"},
+       {"policy red web db delete", "no policy from 'db' to 'web'"},
+       {"settle now", "unexpected word 'now': settle"},
+       {"step two", "'two' is not a number (slices)"},
+       {"hw red yaml", "unexpected word 'yaml': hw [VRF] [json]"},
+       {"hw green", "unknown VRF 'green'"},
+       {"check everything", "unexpected word 'everything': check"},
+       {"trace -3", "'-3' is not a number (lines)"},
+       {"gen fib red 2000000 10.0.0.0/24", "'2000000' is out of range for count (at most 1000000)"},
+       {"gen fib red 3 10.0.0.1/24", "prefix '10.0.0.1/24' has host bits set"},
+       {"gen fib red 2 255.255.255.0/24", "2 prefixes from '255.255.255.0/24' leave IPv4"},
+       {"gen prefixes red web 5 zz", "bad prefix 'zz'"},
+       {"gen routes red 5 10.0.0.0/24", "'routes' is not fib/prefixes"},
+   };
+   uint64_t lineNo = 40;
+   for (const auto& [line, message] : cases) {
+      std::ostringstream out;
+      auto result = s.runLine(line, "bad.kiv", lineNo, out);
+      EXPECT_EQ(result.kind, sim::Scenario::Result::Kind::badLine) << line;
+      EXPECT_EQ(result.message, "bad.kiv:" + std::to_string(lineNo) + ": " + message);
+      EXPECT_EQ(out.str(), "") << line;
+      ++lineNo;
+   }
+   EXPECT_EQ(s.stats().commands, commands);
+   std::ostringstream after;
+   ASSERT_TRUE(s.runLine("settle", "x", 1, after).ok());
+   ASSERT_TRUE(s.runLine("hw", "x", 2, after).ok());
+   EXPECT_EQ(after.str(), before.str());
+   EXPECT_EQ(s.sw().check(), std::vector<Zop::String>{});
+}
+
+TEST(Scenario, AFileStopsAtItsBadLineAndAFailedCheckGoesOn) {
+   sim::Scenario s;
+   Played r = play(s,
+                   "vrf red id 1\n"
+                   "hwfail red 10.1.0.0/16 on\n"
+                   "prefix red 10.1.0.0/16 web\n"
+                   "firewall on\n"
+                   "settle\n"
+                   "check\n"
+                   "echo still here\n"
+                   "vrf red id one\n"
+                   "echo never\n",
+                   "f.kiv");
+   EXPECT_EQ(r.result.kind, sim::Scenario::Result::Kind::badLine);
+   EXPECT_EQ(r.result.message, "f.kiv:8: 'one' is not a number (VRF id)");
+   EXPECT_EQ(r.out,
+             "red 10.1.0.0/16: missing, expected routeTypeDrop adj 1048578 id 1 (segment route)\n"
+             "still here\n");
+
+   sim::Scenario t;
+   Played u = play(t,
+                   "vrf red id 1\n"
+                   "hwfail red 10.1.0.0/16 on\n"
+                   "prefix red 10.1.0.0/16 web\n"
+                   "firewall on\n"
+                   "settle\n"
+                   "check\n"
+                   "echo after\n");
+   EXPECT_EQ(u.result.kind, sim::Scenario::Result::Kind::checkFailed);
+}
+
+TEST(Scenario, GeneratedPrefixesAreConsecutive) {
+   sim::Scenario s;
+   Played r = play(s,
+                   "vrf red id 1\n"
+                   "gen fib red 3 10.0.0.0/24\n"
+                   "gen fib red 2 2001:db8::/127\n"
+                   "hw\n");
+   ASSERT_TRUE(r.result.ok()) << r.result.message;
+   EXPECT_EQ(r.out,
+             "red 10.0.0.0/24 routeTypeForward adj 1 id 0\n"
+             "red 10.0.1.0/24 routeTypeForward adj 1 id 0\n"
+             "red 10.0.2.0/24 routeTypeForward adj 1 id 0\n"
+             "red 2001:db8::/127 routeTypeForward adj 1 id 0\n"
+             "red 2001:db8::2/127 routeTypeForward adj 1 id 0\n");
+}
+
+}  // namespace
