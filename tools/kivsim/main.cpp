@@ -1,0 +1,229 @@
+// kivsim: runs scenario files, standard input or an interactive prompt over
+// one simulated switch. See --help.
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sim/Scenario.h"
+
+namespace {
+
+constexpr int kOk = 0;
+constexpr int kCheckFailed = 1;
+constexpr int kBad = 2;
+
+const char* kUsage =
+    "usage: kivsim [OPTIONS] [FILE...]\n"
+    "\n"
+    "Runs the library inside the simulated switch, one command a line.\n"
+    "  FILE...            scenario files, run in order over one switch; '-' reads\n"
+    "                     standard input\n"
+    "  no FILE            standard input is a terminal: the 'kivsim> ' prompt;\n"
+    "                     otherwise the bundled default scenario (examples/default.kiv)\n"
+    "Options:\n"
+    "  --json             hw prints JSON\n"
+    "  --trace FILE       write the text trace to FILE\n"
+    "  --trace-level N    trace level (default 5; 8 adds function entries)\n"
+    "  --yield-every N    every task yields after N items\n"
+    "  --stats            print the run's figures to standard error at exit\n"
+    "  --help             this text\n"
+    "  --version          the version\n"
+    "Exit status: 0 all lines ran and every check passed; 1 a check found a\n"
+    "difference; 2 a bad command line or scenario line (a file stops at its bad\n"
+    "line; at the prompt the error is printed and the session goes on).\n";
+
+bool parseCount(const char* text, uint64_t& n) {
+   if (!*text || std::strlen(text) > 18) {
+      return false;
+   }
+   n = 0;
+   for (const char* p = text; *p; ++p) {
+      if (*p < '0' || *p > '9') {
+         return false;
+      }
+      n = n * 10 + uint64_t(*p - '0');
+   }
+   return true;
+}
+
+// Peak resident memory in kB, from /proc/self/status; none when unknown.
+std::optional<uint64_t> peakResidentKb() {
+   std::ifstream status("/proc/self/status");
+   std::string line;
+   while (std::getline(status, line)) {
+      if (line.rfind("VmHWM:", 0) == 0) {
+         uint64_t kb = 0;
+         for (char c : line) {
+            if (c >= '0' && c <= '9') {
+               kb = kb * 10 + uint64_t(c - '0');
+            }
+         }
+         return kb;
+      }
+   }
+   return std::nullopt;
+}
+
+void printStats(sim::Scenario& scenario) {
+   auto& sw = scenario.sw();
+   const auto& hw = sw.hardware().counters();
+   const auto& sched = sw.scheduler()->statistics();
+   std::cerr << "commands run: " << scenario.stats().commands << '\n'
+             << "scheduler slices: " << scenario.stats().slices << '\n'
+             << "longest slice: " << sched.longestRun / Zop::kMicrosecond << " us"
+             << (sched.longestRunTask.empty() ? "" : " (" + sched.longestRunTask + ")") << '\n'
+             << "hardware writes: " << hw.routePrograms + hw.hwIdWrites + hw.fibWrites << '\n'
+             << "routes in hardware: " << sw.hardware().size() << '\n';
+   if (auto kb = peakResidentKb()) {
+      std::cerr << "peak resident memory: " << *kb << " kB\n";
+   }
+}
+
+int worse(int a, int b) {
+   return a > b ? a : b;
+}
+
+// The prompt: errors are printed and the session goes on.
+int interactive(sim::Scenario& scenario) {
+   int status = kOk;
+   std::string line;
+   uint64_t lineNo = 0;
+   for (;;) {
+      std::cout << "kivsim> " << std::flush;
+      if (!std::getline(std::cin, line)) {
+         std::cout << '\n';
+         break;
+      }
+      ++lineNo;
+      auto result = scenario.runLine(line, "<stdin>", lineNo, std::cout);
+      if (result.kind == sim::ScenarioResult::Kind::badLine) {
+         std::cerr << result.message << '\n';
+         status = worse(status, kBad);
+      } else if (result.kind == sim::ScenarioResult::Kind::checkFailed) {
+         status = worse(status, kCheckFailed);
+      }
+      std::cout << std::flush;
+   }
+   return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+   sim::ScenarioOptions options;
+   bool stats = false;
+   const char* traceFile = nullptr;
+   std::vector<std::string> files;
+   for (int i = 1; i < argc; ++i) {
+      std::string arg = argv[i];
+      auto value = [&](uint64_t& n, uint64_t least) {
+         if (i + 1 >= argc) {
+            std::cerr << "kivsim: " << arg << " needs a value\n";
+            return false;
+         }
+         if (!parseCount(argv[i + 1], n) || n < least) {
+            std::cerr << "kivsim: " << arg << ": bad value '" << argv[i + 1] << "'\n";
+            return false;
+         }
+         ++i;
+         return true;
+      };
+      if (arg == "--help") {
+         std::cout << kUsage;
+         return kOk;
+      } else if (arg == "--version") {
+         std::cout << "kivsim " << KIVSIM_VERSION << '\n';
+         return kOk;
+      } else if (arg == "--json") {
+         options.json = true;
+      } else if (arg == "--stats") {
+         stats = true;
+      } else if (arg == "--trace") {
+         if (i + 1 >= argc) {
+            std::cerr << "kivsim: --trace needs a file\n";
+            return kBad;
+         }
+         traceFile = argv[++i];
+      } else if (arg == "--trace-level") {
+         uint64_t n = 0;
+         if (!value(n, 0) || n > 100) {
+            return kBad;
+         }
+         options.traceLevel = Trace::Level(n);
+      } else if (arg == "--yield-every") {
+         uint64_t n = 0;
+         if (!value(n, 1) || n > 0xFFFFFFFFull) {
+            return kBad;
+         }
+         options.yieldEvery = n;
+      } else if (arg.size() > 1 && arg[0] == '-') {
+         std::cerr << "kivsim: unknown option '" << arg << "' (see --help)\n";
+         return kBad;
+      } else {
+         files.push_back(arg);
+      }
+   }
+
+   std::ofstream trace;
+   if (traceFile) {
+      trace.open(traceFile);
+      if (!trace) {
+         std::cerr << "kivsim: cannot write the trace to '" << traceFile << "'\n";
+         return kBad;
+      }
+      options.traceStream = &trace;
+   }
+
+   bool prompt = files.empty() && isatty(STDIN_FILENO);
+   if (files.empty() && !prompt) {
+      files.push_back(KIVSIM_DEFAULT_SCENARIO);
+   }
+
+   sim::Scenario scenario(options);
+   int status = kOk;
+   if (prompt) {
+      status = interactive(scenario);
+   } else {
+      for (const auto& file : files) {
+         sim::ScenarioResult result;
+         if (file == "-") {
+            if (isatty(STDIN_FILENO)) {
+               status = worse(status, interactive(scenario));
+               continue;
+            }
+            result = scenario.run(std::cin, "<stdin>", std::cout);
+         } else {
+            std::ifstream in(file);
+            if (!in) {
+               std::cout << std::flush;
+               std::cerr << "kivsim: cannot read '" << file << "'\n";
+               status = kBad;
+               break;
+            }
+            result = scenario.run(in, file, std::cout);
+         }
+         if (result.kind == sim::ScenarioResult::Kind::badLine) {
+            std::cout << std::flush;
+            std::cerr << result.message << '\n';
+            status = kBad;
+            break;
+         }
+         if (result.kind == sim::ScenarioResult::Kind::checkFailed) {
+            status = worse(status, kCheckFailed);
+         }
+      }
+   }
+   std::cout << std::flush;
+   if (stats) {
+      printStats(scenario);
+   }
+   trace.flush();
+   return status;
+}
