@@ -1,0 +1,15 @@
+# Runs kivsim on SCENARIO, writes its standard output to ACTUAL, and fails
+# unless the exit status is STATUS and ACTUAL equals EXPECTED byte for byte.
+execute_process(COMMAND ${KIVSIM} ${SCENARIO}
+  OUTPUT_FILE ${ACTUAL}
+  ERROR_VARIABLE errors
+  RESULT_VARIABLE rc)
+if(NOT rc STREQUAL STATUS)
+  message(FATAL_ERROR "kivsim ${SCENARIO}: exit status ${rc}, expected ${STATUS}\n${errors}")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files ${ACTUAL} ${EXPECTED}
+  RESULT_VARIABLE different)
+if(different)
+  file(READ ${ACTUAL} actual)
+  message(FATAL_ERROR "kivsim ${SCENARIO}: output differs from ${EXPECTED}:\n${actual}")
+endif()
