@@ -190,11 +190,7 @@ void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
           << " Segment prefix is to be inserted again.");
    // The FIB entry is gone, so the hardware holds nothing for the prefix: the
    // drop route goes in from an empty route info, and the record holds it.
-   Quarn::Fib::GlobalFecId dropFecId(
-       prefix.isIpv4() ? Quarn::Fib::GlobalFecId::kDropV4 : Quarn::Fib::GlobalFecId::kDropV6, 0,
-       l3Status_->vrfDropIndex(vrfName));
-   dropFecId.doInit();
-   Zop::Ptr<AdjEntry> dropAdj = l3Status_->adjacency(dropFecId);
+   Zop::Ptr<AdjEntry> dropAdj = getDropAdjacencyInfo(vrfPrefix.vrfId(), prefix.af(), l3Status_);
    bool installed = false;
    RouteInfo dropRouteInfo;
    if (dropAdj) {

@@ -409,17 +409,10 @@ bool KivSegmentPrefixProcessorSm::addPrefixToHwWithDropNh(const KivSegmentHwInfo
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
    TRACE5(" Old RouteInfo: routeType: " << oldRouteInfo.routeType()
                                         << " adjIndex: " << oldRouteInfo.adjIndex());
-   L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
-   uint16_t dropIndex = l3Status_->vrfDropIndex(vrfName);
    Zop::Ptr<Routing::TrieGen> trie =
        segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), prefix.af());
    trie->routeIs(prefix, true);
-
-   Quarn::Fib::GlobalFecId fecId(
-       prefix.isIpv4() ? Quarn::Fib::GlobalFecId::kDropV4 : Quarn::Fib::GlobalFecId::kDropV6, 0,
-       dropIndex);
-   fecId.doInit();
-   Zop::Ptr<AdjEntry> adjInfo = l3Status_->adjacency(fecId);
+   Zop::Ptr<AdjEntry> adjInfo = getDropAdjacencyInfo(vrfPrefix.vrfId(), prefix.af(), l3Status_);
    if (prefix.isIpv4()) {
       ZOP_ASSERT(adjInfo, "Adjacency info for v4Drop not found", kSource);
    } else {

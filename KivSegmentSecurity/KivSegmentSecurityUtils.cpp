@@ -69,6 +69,15 @@ void getV6FibRoutes(VrfId vrfId, const Pexo::IpGenPrefix& startPrefix,
    });
 }
 
+Zop::Ptr<AdjEntry> getDropAdjacencyInfo(VrfId vrfId, Pexo::AddressFamily af,
+                                        const Zop::Ptr<const L3Status>& l3Status) {
+   Quarn::Fib::GlobalFecId fecId(af == Pexo::AddressFamily::ipv6 ? Quarn::Fib::GlobalFecId::kDropV6
+                                                                 : Quarn::Fib::GlobalFecId::kDropV4,
+                                 0, l3Status->vrfDropIndex(l3Status->vrfName(vrfId)));
+   fecId.doInit();
+   return l3Status->adjacency(fecId);
+}
+
 bool validSegmentPrefix(const Pexo::IpGenPrefix& prefix) {
    if (prefix.isIpv4()) {
       Pexo::Prefix p = prefix.v4();

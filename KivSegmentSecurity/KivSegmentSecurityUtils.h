@@ -42,6 +42,12 @@ KIV_EXPORT void getV6FibRoutes(VrfId vrfId, const Pexo::IpGenPrefix& startPrefix
                                const Zop::Ptr<VrfPrefixCollection>& prefixColl,
                                const Zop::Ptr<const Routing6::Trie>& fibTrie);
 
+// The adjacency of a VRF's drop next hop for a family: the global FEC
+// (IPv4 or IPv6 drop, 0, the drop index the L3 status keeps for the VRF's
+// name), normalised. Null when the L3 status has none.
+KIV_EXPORT Zop::Ptr<AdjEntry> getDropAdjacencyInfo(VrfId vrfId, Pexo::AddressFamily af,
+                                                   const Zop::Ptr<const L3Status>& l3Status);
+
 // Whether a prefix-list entry can be a segment prefix: a valid prefix of its
 // family (no bit set beyond its length) whose address is unicast (so neither
 // a default route nor multicast).
