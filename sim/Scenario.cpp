@@ -319,7 +319,7 @@ VrfId knownVrf(sim::Switch& sw, const std::string& word) {
 
 void Scenario::vrf(const Words& w) {
    static const char* form = "vrf NAME id N [routing on/off] [routing6 on/off] | vrf NAME delete";
-   usage(w, 3, 7, form);
+   usage(w, 3, 8, form);
    L3::VrfName name = vrfNameOf(w[1]);
    if (w[2] == "delete") {
       usage(w, 3, 3, form);
@@ -330,7 +330,7 @@ void Scenario::vrf(const Words& w) {
    if (w[2] != "id") {
       bad("expected 'id' or 'delete', not " + quoted(w[2]));
    }
-   usage(w, 4, 7, form);
+   usage(w, 4, 8, form);
    auto id = uint32_t(number(w[3], "VRF id", 0xFFFFFFFFull));
    bool routing = false;
    bool routing6 = false;

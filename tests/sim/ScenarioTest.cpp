@@ -88,6 +88,10 @@ TEST(Scenario, BadLinesNameTheWordAndChangeNothing) {
         "'99999999999' is out of range for VRF id (at most 4294967295)"},
        {"vrf green id 3 routing onn", "'onn' is not on/off"},
        {"vrf green id 3 routing", "missing on/off after 'routing'"},
+       {"vrf green id 3 routing on routing off",
+        "unexpected word 'routing': vrf NAME id N "
+        "[routing on/off] [routing6 on/off] | vrf NAME "
+        "delete"},
        {"vrf green id 3 colour blue",
         "unexpected word 'colour': vrf NAME id N [routing on/off] "
         "[routing6 on/off] | vrf NAME delete"},
