@@ -1,5 +1,6 @@
 # Runs kivsim on SCENARIO, writes its standard output to ACTUAL, and fails
-# unless the exit status is STATUS and ACTUAL equals EXPECTED byte for byte.
+# unless the exit status is STATUS and ACTUAL equals EXPECTED byte for byte;
+# when EXPECTED_ERRORS exists, standard error must equal it too.
 execute_process(COMMAND ${KIVSIM} ${SCENARIO}
   OUTPUT_FILE ${ACTUAL}
   ERROR_VARIABLE errors
@@ -12,4 +13,10 @@ execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files ${ACTUAL} ${EXPECTED}
 if(different)
   file(READ ${ACTUAL} actual)
   message(FATAL_ERROR "kivsim ${SCENARIO}: output differs from ${EXPECTED}:\n${actual}")
+endif()
+if(EXISTS ${EXPECTED_ERRORS})
+  file(READ ${EXPECTED_ERRORS} expectedErrors)
+  if(NOT errors STREQUAL expectedErrors)
+    message(FATAL_ERROR "kivsim ${SCENARIO}: standard error differs from ${EXPECTED_ERRORS}:\n${errors}")
+  endif()
 endif()
