@@ -15,10 +15,6 @@ constexpr char kSource[] = "KivSegmentSecurity/KivFibRouteReactorSm";
 // A burst of queued routes is handled by one task run.
 constexpr double kRouteUpdateDelay = 0.025;
 
-template <class T>
-Zop::Ptr<T> observable(const Zop::Ptr<const T>& p) {
-   return Zop::Ptr<T>(const_cast<T*>(p.ptr()));
-}
 }  // namespace
 
 class FibRouteReactorSm::FibRouteNotifiee : public KivVrfFibRouteCollection::Notifiee {
@@ -89,9 +85,9 @@ FibRouteReactorSm::FibRouteReactorSm(const Zop::Ptr<Ruv::TaskScheduler>& schedul
       route6Helper_(route6Helper),
       status_(status) {
    fibRouteNotifiee_ = std::make_unique<FibRouteNotifiee>(*this);
-   fibRouteNotifiee_->notifierIs(observable(fibRoutes_));
+   fibRouteNotifiee_->notifierIs(fibRoutes_);
    fibRoute6Notifiee_ = std::make_unique<FibRoute6Notifiee>(*this);
-   fibRoute6Notifiee_->notifierIs(observable(fibRoutes6_));
+   fibRoute6Notifiee_->notifierIs(fibRoutes6_);
    l3StatusNotifiee_ = std::make_unique<L3StatusNotifiee>(*this);
    l3StatusNotifiee_->notifierIs(l3Status_);
    reviewListNotifiee_ = std::make_unique<ReviewListNotifiee>(*this);

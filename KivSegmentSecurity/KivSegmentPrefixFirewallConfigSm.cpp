@@ -17,10 +17,6 @@ namespace Kiv {
 namespace {
 constexpr char kSource[] = "KivSegmentSecurity/KivSegmentPrefixFirewallConfigSm";
 
-template <class T>
-Zop::Ptr<T> observable(const Zop::Ptr<const T>& p) {
-   return Zop::Ptr<T>(const_cast<T*>(p.ptr()));
-}
 }  // namespace
 
 // ===================== Destination segment =====================
@@ -39,7 +35,7 @@ DestinationSegmentSm::DestinationSegmentSm(Zop::String segment,
     : segment_(std::move(segment)), fwSegment_(fwSegment) {
    notifiee_ = std::make_unique<SegmentNotifiee>(*this);
    if (fwSegment_) {
-      notifiee_->notifierIs(observable(fwSegment_));
+      notifiee_->notifierIs(fwSegment_);
    }
 }
 
@@ -147,13 +143,13 @@ KivSegmentSecurityVrfSm::KivSegmentSecurityVrfSm(
       segmentRoutesList_(segmentRoutesList),
       counters_(counters) {
    fwVrfNotifiee_ = std::make_unique<FwVrfNotifiee>(*this);
-   fwVrfNotifiee_->notifierIs(observable(fwVrf_));
+   fwVrfNotifiee_->notifierIs(fwVrf_);
    segmentDirNotifiee_ = std::make_unique<SegmentDirNotifiee>(*this);
-   segmentDirNotifiee_->notifierIs(observable(segmentDir_));
+   segmentDirNotifiee_->notifierIs(segmentDir_);
    responseNotifiee_ = std::make_unique<ResponseNotifiee>(*this);
-   responseNotifiee_->notifierIs(observable(segmentIdResponse_));
+   responseNotifiee_->notifierIs(segmentIdResponse_);
    routeNotifiee_ = std::make_unique<RouteNotifiee>(*this);
-   routeNotifiee_->notifierIs(observable(segmentRoutesList_));
+   routeNotifiee_->notifierIs(segmentRoutesList_);
 }
 
 KivSegmentSecurityVrfSm::~KivSegmentSecurityVrfSm() {
@@ -623,14 +619,14 @@ KivSegmentSecurityRootSm::KivSegmentSecurityRootSm(
       routingStatusHelper_(routingStatusHelper),
       counters_(counters) {
    hwConfigNotifiee_ = std::make_unique<HwConfigNotifiee>(*this);
-   hwConfigNotifiee_->notifierIs(observable(fwConfig_));
+   hwConfigNotifiee_->notifierIs(fwConfig_);
    ipNotifiee_ = std::make_unique<IpNotifiee>(*this);
    ip6Notifiee_ = std::make_unique<Ip6Notifiee>(*this);
    if (ipStatus_) {
-      ipNotifiee_->notifierIs(observable(ipStatus_));
+      ipNotifiee_->notifierIs(ipStatus_);
    }
    if (ip6Status_) {
-      ip6Notifiee_->notifierIs(observable(ip6Status_));
+      ip6Notifiee_->notifierIs(ip6Status_);
    }
    waitWrapperNotifiee_ = std::make_unique<WaitWrapperNotifiee>(*this);
    urpfWrapperNotifiee_ = std::make_unique<UrpfWrapperNotifiee>(*this);
@@ -643,7 +639,7 @@ KivSegmentSecurityRootSm::KivSegmentSecurityRootSm(
       multicastNotifiee_->notifierIs(multicastHwStatus_);
    }
    routeNotifiee_ = std::make_unique<RouteNotifiee>(*this);
-   routeNotifiee_->notifierIs(observable(segmentRoutesList_));
+   routeNotifiee_->notifierIs(segmentRoutesList_);
    statusNotifiee_ = std::make_unique<StatusNotifiee>(*this);
    statusNotifiee_->notifierIs(status_);
    helperNotifiee_ = std::make_unique<HelperNotifiee>(*this);

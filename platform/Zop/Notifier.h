@@ -19,6 +19,7 @@
 // A notifiee with `notificationActive()` false is registered but skipped.
 
 #include <cstddef>
+#include <type_traits>
 #include <vector>
 
 #include "Zop/Ptr.h"
@@ -114,6 +115,13 @@ public:
    virtual ~BaseNotifiee() { detach(); }
 
    const Ptr<E>& notifier() const { return notifier_; }
+   // Watching an entity one may only read is fine: registering changes the
+   // entity's notifiee list, not the entity's state.
+   template <class U>
+   requires std::is_const_v<U>
+   void notifierIs(const Ptr<U>& e) {
+      notifierIs(Ptr<E>(const_cast<E*>(static_cast<const E*>(e.ptr()))));
+   }
    void notifierIs(const Ptr<E>& e) {
       if (e == notifier_) {
          return;
