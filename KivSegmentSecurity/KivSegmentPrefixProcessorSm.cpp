@@ -20,9 +20,10 @@ constexpr int kSegmentSubnetTaskPriority = 2;
 class KivSegmentPrefixProcessorSm::ReviewListNotifiee : public VrfPrefixCollection::Notifiee {
 public:
    explicit ReviewListNotifiee(KivSegmentPrefixProcessorSm& sm) : sm_(sm) {}
-   // Only records work: the review runs in the task.
+   // Only records work: the review runs in the task. The review's own
+   // removals leave nothing to schedule once the list is empty.
    void handleVrfIpGenPrefix(const VrfAndIpGenPrefix&) override {
-      if (sm_.segmentSubnetTask_) {
+      if (sm_.segmentSubnetTask_ && sm_.segmentReviewList_->vrfIpGenPrefixCount() != 0) {
          sm_.segmentSubnetTask_->scheduleTaskLowestDelay(0);
       }
    }
