@@ -1,0 +1,456 @@
+#pragma once
+// The segment feature's command-line side: the show and clear commands the
+// switch's CLI sends to the agent, served by asynchronous command reactors.
+//
+// KivSegmentSecurityCliSm, the root, registers KivSegmentCliCallbackWithFormat
+// with the agent's command-request service. The callback reads the request
+// text "COMMAND#VRF#SEGMENT" (an empty field means all) and makes one reactor:
+//   HardwareSummary        ShowSegmentHardwareSummarySm   one run
+//   HardwareDetail         ShowSegmentHardwareDetailSm    yields between VRFs
+//   HardwareRoutes         ShowSegmentHardwareRoutesSm    yields between VRFs
+//   ShowHardwareCounters   ShowSegmentHardwareCountersSm  one run
+//   ClearHardwareCounters  ClearSegmentHardwareCountersSm one run, no output
+//
+// The show commands list VRFs, segments and prefixes in a fixed order, and
+// the two long ones can stop after any VRF and go on later, so each builds a
+// private sorted snapshot (SortedSegmentRouteInfo) on its first run and
+// prints from it; the snapshot is never refreshed from the live state.
+//
+// Counters: the firewall's counts are free running, and clear must not touch
+// the hardware; the root keeps a baseline tree (snapshot), clear copies the
+// live counts into it, and show prints live minus baseline (a live count below
+// its baseline, after a hardware reset or wrap, is shown whole).
+
+#include <cstdint>
+#include <iosfwd>
+#include <map>
+#include <memory>
+
+#include "Agent/AgentCommandRequest.h"
+#include "Firewall/Counters.h"
+#include "Firewall/HwConfig.h"
+#include "Kiv/KivExport.h"
+#include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
+#include "KivSegmentSecurity/KivSegmentRouteHelper.h"
+#include "Routing/FibRoute.h"
+#include "Routing/L3Status.h"
+#include "Routing/RouteReactor.h"
+#include "Segment/SegmentId.h"
+#include "lumo/Printer.h"
+
+namespace Kiv {
+
+// ---- The sorted snapshot ----
+
+// How a listed prefix exists in hardware.
+enum SegmentRouteType : uint32_t {
+   routeTypeSegmentOnly = 0,
+   routeTypeFibOnly = 1,
+   routeTypeSegmentAndFib = 2,
+};
+
+KIV_EXPORT Zop::String stringValue(SegmentRouteType t);
+KIV_EXPORT Zop::String valueToStrep(SegmentRouteType t);
+// Parses a member name; an unknown name raises Zop::RangeError.
+KIV_EXPORT SegmentRouteType segmentRouteTypeValue(std::string_view name);
+KIV_EXPORT std::ostream& operator<<(std::ostream& os, SegmentRouteType t);
+// "S", "F" or "S,F".
+KIV_EXPORT const char* segmentRouteTypeLetter(SegmentRouteType t);
+
+class KIV_EXPORT SortedPrefixInfo {
+public:
+   SortedPrefixInfo() = default;
+   SortedPrefixInfo(const VrfAndIpGenPrefix& vrfPrefix, SegmentRouteType routeType)
+       : vrfPrefix_(vrfPrefix), routeType_(routeType) {}
+   explicit SortedPrefixInfo(Zop::TextCursor& c);
+
+   const VrfAndIpGenPrefix& vrfPrefix() const { return vrfPrefix_; }
+   SegmentRouteType routeType() const { return routeType_; }
+
+   bool operator==(const SortedPrefixInfo& o) const = default;
+   // vrfPrefix first, then the smaller route type.
+   bool operator<(const SortedPrefixInfo& o) const;
+
+private:
+   VrfAndIpGenPrefix vrfPrefix_;
+   SegmentRouteType routeType_ = routeTypeSegmentOnly;
+};
+
+// "Value('Kiv::SortedPrefixInfo', ** {'vrfPrefix': %s, 'routeType': %s})"
+KIV_EXPORT Zop::String valueToStrep(const SortedPrefixInfo& v);
+KIV_EXPORT std::ostream& operator<<(std::ostream& os, const SortedPrefixInfo& v);
+
+// One segment of one VRF.
+class KIV_EXPORT SortedSegmentPrefix : public Zop::PtrInterface {
+public:
+   explicit SortedSegmentPrefix(Zop::String segmentName) : segmentName_(std::move(segmentName)) {}
+   const Zop::String& segmentName() const { return segmentName_; }
+
+   uint32_t configuredPrefix() const { return configuredPrefix_; }
+   void configuredPrefixIs(uint32_t n) { configuredPrefix_ = n; }
+   uint32_t configuredPrefixInc(uint32_t n) { return configuredPrefix_ += n; }
+
+   // The prefixes programmed for this segment, in SortedPrefixInfo order.
+   const std::map<SortedPrefixInfo, bool>& programmedPrefix() const { return programmedPrefix_; }
+   void programmedPrefixIs(const SortedPrefixInfo& info, bool v) { programmedPrefix_[info] = v; }
+   void programmedPrefixDel(const SortedPrefixInfo& info) { programmedPrefix_.erase(info); }
+   void programmedPrefixDelAll() { programmedPrefix_.clear(); }
+
+private:
+   const Zop::String segmentName_;
+   uint32_t configuredPrefix_ = 0;
+   std::map<SortedPrefixInfo, bool> programmedPrefix_;
+};
+
+// One VRF: its segments in name order.
+class KIV_EXPORT SortedVrfRouteInfo : public Zop::PtrInterface {
+public:
+   explicit SortedVrfRouteInfo(VrfId vrfId) : vrfId_(vrfId) {}
+   VrfId vrfId() const { return vrfId_; }
+
+   const std::map<Zop::String, Zop::Ptr<SortedSegmentPrefix>>& sortedPrefix() const {
+      return sortedPrefix_;
+   }
+   Zop::Ptr<SortedSegmentPrefix> sortedPrefix(const Zop::String& segmentName) const;
+   void sortedPrefixIs(const Zop::Ptr<SortedSegmentPrefix>& s) {
+      sortedPrefix_[s->segmentName()] = s;
+   }
+
+private:
+   const VrfId vrfId_;
+   std::map<Zop::String, Zop::Ptr<SortedSegmentPrefix>> sortedPrefix_;
+};
+
+// The whole snapshot: VRFs in ascending id.
+class KIV_EXPORT SortedSegmentRouteInfo : public Zop::PtrInterface {
+public:
+   const std::map<VrfId, Zop::Ptr<SortedVrfRouteInfo>>& sortedVrf() const { return sortedVrf_; }
+   Zop::Ptr<SortedVrfRouteInfo> sortedVrf(VrfId vrfId) const;
+   void sortedVrfIs(const Zop::Ptr<SortedVrfRouteInfo>& v) { sortedVrf_[v->vrfId()] = v; }
+
+private:
+   std::map<VrfId, Zop::Ptr<SortedVrfRouteInfo>> sortedVrf_;
+};
+
+KIV_EXPORT Zop::Ptr<SortedSegmentRouteInfo> sortedSegmentRouteInfoFactory();
+KIV_EXPORT Zop::Ptr<SortedVrfRouteInfo> sortedVrfRouteInfoFactory(VrfId vrfId);
+KIV_EXPORT Zop::Ptr<SortedSegmentPrefix> sortedSegmentPrefixFactory(const Zop::String& segmentName);
+
+// The list that routes of the segment with `hwId` go into (created empty when
+// absent); null when no segment owns the id. The VRF must be in `sorted`.
+KIV_EXPORT Zop::Ptr<SortedSegmentPrefix> getSortedPrefixListForSegment(
+    const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+    const Zop::Ptr<const SegmentIdResponse>& hwIdStatus, VrfId vrfId, SegmentHwId hwId);
+
+// Fills an empty snapshot for the summary and detail commands: programmed
+// prefixes, configured prefix counts, and every segment that has an id.
+KIV_EXPORT void getSortedSegmentPrefixInfo(const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                                           const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                                           const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                                           const Zop::Ptr<const L3Status>& l3Status,
+                                           const Zop::Ptr<const Firewall::HwConfig>& fwConfig);
+
+// ---- Text and structured printers ----
+
+KIV_EXPORT void showSegmentHardwareRouteLegend(lumo::Printer& printer);
+KIV_EXPORT void showSegmentHardwareSummaryHeader(lumo::Printer& printer,
+                                                 const Zop::String& vrfName);
+KIV_EXPORT void showSegmentHardwareDetailHeader(lumo::Printer& printer, const Zop::String& vrfName);
+KIV_EXPORT void showSegmentHardwareRoutesHeader(lumo::Printer& printer, const Zop::String& vrfName);
+
+KIV_EXPORT void showSegmentHardwareSummary(lumo::Printer& printer, VrfId vrfId,
+                                           const Zop::String& segmentName,
+                                           const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                                           const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                                           const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                                           const Zop::Ptr<const L3Status>& l3Status);
+KIV_EXPORT void showSegmentHardwareDetail(lumo::Printer& printer, VrfId vrfId,
+                                          const Zop::String& segmentName,
+                                          const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                                          const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                                          const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                                          const Zop::Ptr<const L3Status>& l3Status);
+KIV_EXPORT void showSegmentHardwareRoutes(lumo::Printer& printer, VrfId vrfId,
+                                          const Zop::String& segmentName,
+                                          const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                                          const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                                          const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                                          const Zop::Ptr<const L3Status>& l3Status);
+KIV_EXPORT void showVrfHardwareSummary(lumo::Printer& printer, VrfId vrfId,
+                                       const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                                       const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                                       const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                                       const Zop::Ptr<const L3Status>& l3Status);
+KIV_EXPORT void showVrfHardwareDetail(lumo::Printer& printer, VrfId vrfId,
+                                      const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                                      const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                                      const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                                      const Zop::Ptr<const L3Status>& l3Status);
+KIV_EXPORT void showVrfHardwareRoutes(lumo::Printer& printer, VrfId vrfId,
+                                      const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                                      const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                                      const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                                      const Zop::Ptr<const L3Status>& l3Status);
+
+// ---- Counters ----
+
+// Trims the snapshot to what the live tree still holds; with `reset`, also
+// makes its counts equal to the live ones. Never adds entries.
+KIV_EXPORT void reconcileSnapshotCounters(const Zop::Ptr<const Firewall::Counters>& fwCounters,
+                                          const Zop::Ptr<Firewall::Counters>& snapshot, bool reset);
+// One VRF of a counters tree; the policy of a (destination, source) pair is
+// the one `fwConfig` applies ("n/a" when none).
+KIV_EXPORT void showVrfHardwareCounters(lumo::Printer& printer, const L3::VrfName& vrfName,
+                                        const Zop::Ptr<const Firewall::Counters>& counters,
+                                        const Zop::Ptr<const Firewall::HwConfig>& fwConfig);
+
+// ---- Command reactors ----
+
+using AsyncCommandSm = Agent::AgentAsyncCommandRequestSm;
+
+class KIV_EXPORT ShowSegmentHardwareSummarySm : public AsyncCommandSm {
+public:
+   ShowSegmentHardwareSummarySm(const Zop::String& name,
+                                const Zop::Ptr<Agent::AgentCommandRequest>& request,
+                                double timeValue, const Zop::Ptr<Zop::Clock>& clock,
+                                const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                                const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                                const Zop::Ptr<const L3Status>& l3Status,
+                                const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                                const Zop::String& vrfName, const Zop::String& segmentName);
+   void handleInitialized() override;
+   void handleAsyncCommand() override;
+
+private:
+   Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
+   Zop::Ptr<const SegmentIdResponse> hwIdStatus_;
+   Zop::Ptr<const L3Status> l3Status_;
+   Zop::Ptr<const Firewall::HwConfig> fwConfig_;
+   Zop::String vrfName_;
+   Zop::String segmentName_;
+};
+
+// The detail and routes commands: one VRF per step, resumable after a yield.
+class KIV_EXPORT ShowSegmentHardwareDetailSm : public AsyncCommandSm {
+public:
+   ShowSegmentHardwareDetailSm(const Zop::String& name,
+                               const Zop::Ptr<Agent::AgentCommandRequest>& request,
+                               double timeValue, const Zop::Ptr<Zop::Clock>& clock,
+                               const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                               const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                               const Zop::Ptr<const L3Status>& l3Status,
+                               const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                               const Zop::String& vrfName, const Zop::String& segmentName);
+   void handleInitialized() override;
+   void handleAsyncCommand() override;
+
+   const Zop::Ptr<SortedSegmentRouteInfo>& sortedData() const { return sortedData_; }
+   const Zop::Ptr<SortedVrfRouteInfo>& vrfBookmark() const { return vrfBookmark_; }
+
+private:
+   Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
+   Zop::Ptr<const SegmentIdResponse> hwIdStatus_;
+   Zop::Ptr<const L3Status> l3Status_;
+   Zop::Ptr<const Firewall::HwConfig> fwConfig_;
+   Zop::String vrfName_;
+   Zop::String segmentName_;
+   Zop::Ptr<SortedSegmentRouteInfo> sortedData_;
+   Zop::Ptr<SortedVrfRouteInfo> vrfBookmark_;
+};
+
+class KIV_EXPORT ShowSegmentHardwareRoutesSm : public AsyncCommandSm {
+public:
+   ShowSegmentHardwareRoutesSm(const Zop::String& name,
+                               const Zop::Ptr<Agent::AgentCommandRequest>& request,
+                               double timeValue, const Zop::Ptr<Zop::Clock>& clock,
+                               const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                               const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                               const Zop::Ptr<const L3Status>& l3Status, const Zop::String& vrfName,
+                               const Zop::String& segmentName,
+                               const Zop::Ptr<KivSegmentRouteHelper>& segmentRouteHelper,
+                               const Zop::Ptr<const RouteReactorStatus>& routeStatus,
+                               const Zop::Ptr<const Route6ReactorStatus>& route6Status,
+                               const Zop::Ptr<const KivVrfFibRouteCollection>& vrfFibRouteDb,
+                               const Zop::Ptr<const KivVrfFibRoute6Collection>& vrfFibRoute6Db);
+   void handleInitialized() override;
+   void handleAsyncCommand() override;
+   // Fills an empty snapshot: segment prefixes (S, or S,F when also a FIB
+   // route), then the FIB routes inside them (F, or S,F).
+   void getSortedRoutes(const Zop::Ptr<SortedSegmentRouteInfo>& sorted);
+
+   const Zop::Ptr<SortedSegmentRouteInfo>& sortedData() const { return sortedData_; }
+   const Zop::Ptr<SortedVrfRouteInfo>& vrfBookmark() const { return vrfBookmark_; }
+
+private:
+   bool inFib(const VrfAndIpGenPrefix& key) const;
+
+   Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
+   Zop::Ptr<const SegmentIdResponse> hwIdStatus_;
+   Zop::Ptr<const L3Status> l3Status_;
+   Zop::String vrfName_;
+   Zop::String segmentName_;
+   Zop::Ptr<KivSegmentRouteHelper> segmentRouteHelper_;
+   Zop::Ptr<const RouteReactorStatus> routeStatus_;
+   Zop::Ptr<const Route6ReactorStatus> route6Status_;
+   Zop::Ptr<const KivVrfFibRouteCollection> vrfFibRouteDb_;
+   Zop::Ptr<const KivVrfFibRoute6Collection> vrfFibRoute6Db_;
+   Zop::Ptr<SortedSegmentRouteInfo> sortedData_;
+   Zop::Ptr<SortedVrfRouteInfo> vrfBookmark_;
+};
+
+class KIV_EXPORT ShowSegmentHardwareCountersSm : public AsyncCommandSm {
+public:
+   ShowSegmentHardwareCountersSm(const Zop::String& name,
+                                 const Zop::Ptr<Agent::AgentCommandRequest>& request,
+                                 double timeValue, const Zop::Ptr<Zop::Clock>& clock,
+                                 const Zop::Ptr<const L3Status>& l3Status,
+                                 const Zop::Ptr<const Firewall::Counters>& fwCounters,
+                                 const Zop::Ptr<Firewall::Counters>& snapshot,
+                                 const Zop::String& vrfName,
+                                 const Zop::Ptr<const Firewall::HwConfig>& fwConfig);
+   void handleInitialized() override;
+   void handleAsyncCommand() override;
+   // Fills an empty tree with live minus snapshot, adding to the snapshot
+   // (at zero) what only the live tree has.
+   void getCountersDelta(const Zop::Ptr<Firewall::Counters>& delta);
+
+private:
+   Zop::Ptr<const L3Status> l3Status_;
+   Zop::Ptr<const Firewall::Counters> fwCounters_;
+   Zop::Ptr<Firewall::Counters> snapshot_;
+   Zop::String vrfName_;
+   Zop::Ptr<const Firewall::HwConfig> fwConfig_;
+};
+
+class KIV_EXPORT ClearSegmentHardwareCountersSm : public AsyncCommandSm {
+public:
+   ClearSegmentHardwareCountersSm(const Zop::String& name,
+                                  const Zop::Ptr<Agent::AgentCommandRequest>& request,
+                                  double timeValue, const Zop::Ptr<Zop::Clock>& clock,
+                                  const Zop::Ptr<const Firewall::Counters>& fwCounters,
+                                  const Zop::Ptr<Firewall::Counters>& snapshot);
+   void handleInitialized() override;
+   void handleAsyncCommand() override;
+
+private:
+   Zop::Ptr<const Firewall::Counters> fwCounters_;
+   Zop::Ptr<Firewall::Counters> snapshot_;
+};
+
+// ---- The callback and the root ----
+
+class KIV_EXPORT KivSegmentCliCallbackWithFormat : public Agent::AgentCommandCallbackWithFormat {
+public:
+   KivSegmentCliCallbackWithFormat(const Zop::String& agentName, const Zop::String& callbackName,
+                                   const Zop::Ptr<const Firewall::Counters>& fwCounters,
+                                   const Zop::Ptr<Firewall::Counters>& snapshot,
+                                   const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                                   const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                                   const Zop::Ptr<const L3Status>& l3Status,
+                                   const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                                   const Zop::Ptr<KivSegmentRouteHelper>& segmentRouteHelper,
+                                   const Zop::Ptr<const RouteReactorStatus>& routeStatus,
+                                   const Zop::Ptr<const Route6ReactorStatus>& route6Status,
+                                   const Zop::Ptr<const KivVrfFibRouteCollection>& vrfFibRouteDb,
+                                   const Zop::Ptr<const KivVrfFibRoute6Collection>& vrfFibRoute6Db,
+                                   const Zop::Ptr<Zop::Clock>& clock);
+
+   Zop::Ptr<Agent::AgentAsyncCommandRequestSm> createAgentAsyncCommandRequestSm(
+       const Zop::Ptr<Agent::AgentCommandRequest>& request) override;
+   void handleCommand(int socket, const Zop::String& command, lumo::Format format) override;
+
+private:
+   Zop::Ptr<const Firewall::Counters> fwCounters_;
+   Zop::Ptr<Firewall::Counters> snapshot_;
+   Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
+   Zop::Ptr<const SegmentIdResponse> hwIdStatus_;
+   Zop::Ptr<const L3Status> l3Status_;
+   Zop::Ptr<const Firewall::HwConfig> fwConfig_;
+   Zop::Ptr<KivSegmentRouteHelper> segmentRouteHelper_;
+   Zop::Ptr<const RouteReactorStatus> routeStatus_;
+   Zop::Ptr<const Route6ReactorStatus> route6Status_;
+   Zop::Ptr<const KivVrfFibRouteCollection> vrfFibRouteDb_;
+   Zop::Ptr<const KivVrfFibRoute6Collection> vrfFibRoute6Db_;
+   Zop::Ptr<Zop::Clock> clock_;
+};
+
+class KIV_EXPORT KivSegmentSecurityCliSm : public Zop::PtrInterface {
+public:
+   KivSegmentSecurityCliSm(const Zop::Ptr<Ruv::TaskScheduler>& scheduler,
+                           const Zop::Ptr<Zop::Dir>& cliRequestDir,
+                           const Zop::Ptr<const Firewall::Counters>& fwCounters,
+                           const Zop::Ptr<Firewall::Counters>& snapshot,
+                           const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                           const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                           const Zop::Ptr<const L3Status>& l3Status,
+                           const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                           const Zop::Ptr<KivSegmentRouteHelper>& segmentRouteHelper,
+                           const Zop::Ptr<const RouteReactorStatus>& routeStatus,
+                           const Zop::Ptr<const Route6ReactorStatus>& route6Status,
+                           const Zop::Ptr<const KivVrfFibRouteCollection>& vrfFibRouteDb,
+                           const Zop::Ptr<const KivVrfFibRoute6Collection>& vrfFibRoute6Db);
+
+   // Going live runs handleInitialized once.
+   bool initialized() const { return initialized_; }
+   void initializedIs(bool v);
+   void handleInitialized();
+
+   void cliRequestDirSmIs();
+   void cliRequestDirSmDel();
+   const Zop::Ptr<Agent::AgentCommandRequestDirSm>& cliRequestDirSm() const {
+      return cliRequestDirSm_;
+   }
+   void cliCallbackWithFormatIs(const Zop::String& agentName, const Zop::String& callbackName);
+   void cliCallbackWithFormatDel();
+   const Zop::Ptr<KivSegmentCliCallbackWithFormat>& cliCallbackWithFormat() const {
+      return cliCallbackWithFormat_;
+   }
+   void fwConfigDel();
+
+   bool hasNotificationActive() const { return hasNotificationActive_; }
+   void hasNotificationActiveIs(bool on);
+
+   void handleFwActive();
+   void handleFwDefaultDrop();
+
+protected:
+   ~KivSegmentSecurityCliSm() override;
+
+private:
+   class FwConfigNotifiee;
+
+   Zop::Ptr<Ruv::TaskScheduler> scheduler_;
+   Zop::Ptr<Zop::Dir> cliRequestDir_;
+   Zop::Ptr<const Firewall::Counters> fwCounters_;
+   Zop::Ptr<Firewall::Counters> snapshot_;
+   Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
+   Zop::Ptr<const SegmentIdResponse> hwIdStatus_;
+   Zop::Ptr<const L3Status> l3Status_;
+   Zop::Ptr<const Firewall::HwConfig> fwConfig_;
+   Zop::Ptr<KivSegmentRouteHelper> segmentRouteHelper_;
+   Zop::Ptr<const RouteReactorStatus> routeStatus_;
+   Zop::Ptr<const Route6ReactorStatus> route6Status_;
+   Zop::Ptr<const KivVrfFibRouteCollection> vrfFibRouteDb_;
+   Zop::Ptr<const KivVrfFibRoute6Collection> vrfFibRoute6Db_;
+
+   bool initialized_ = false;
+   bool hasNotificationActive_ = true;
+   Zop::Ptr<Agent::AgentCommandRequestDirSm> cliRequestDirSm_;
+   Zop::Ptr<KivSegmentCliCallbackWithFormat> cliCallbackWithFormat_;
+   std::unique_ptr<FwConfigNotifiee> fwConfigNotifiee_;
+};
+
+KIV_EXPORT Zop::Ptr<KivSegmentSecurityCliSm> kivSegmentSecurityCliSmFactory(
+    const Zop::Ptr<Ruv::TaskScheduler>& scheduler, const Zop::Ptr<Zop::Dir>& cliRequestDir,
+    const Zop::Ptr<const Firewall::Counters>& fwCounters,
+    const Zop::Ptr<Firewall::Counters>& snapshot,
+    const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+    const Zop::Ptr<const SegmentIdResponse>& hwIdStatus, const Zop::Ptr<const L3Status>& l3Status,
+    const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+    const Zop::Ptr<KivSegmentRouteHelper>& segmentRouteHelper,
+    const Zop::Ptr<const RouteReactorStatus>& routeStatus,
+    const Zop::Ptr<const Route6ReactorStatus>& route6Status,
+    const Zop::Ptr<const KivVrfFibRouteCollection>& vrfFibRouteDb,
+    const Zop::Ptr<const KivVrfFibRoute6Collection>& vrfFibRoute6Db);
+
+}  // namespace Kiv
