@@ -34,7 +34,9 @@ Words split(const std::string& line) {
    Words words;
    std::string word;
    for (char c : line) {
-      if (c == '#') {
+      // A comment starts with a word; inside a word '#' is a character (the
+      // CLI's request texts use it as a separator).
+      if (c == '#' && word.empty()) {
          break;
       }
       if (c == ' ' || c == '\t' || c == '\r' || c == '\n') {
@@ -181,6 +183,10 @@ Scenario::Scenario(Options options)
       uint32_t n =
           options_.yieldEvery > 0xFFFFFFFFull ? 0xFFFFFFFFu : uint32_t(options_.yieldEvery);
       switch_ = std::make_unique<sim::Switch>(Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(n));
+      // Show commands yield wherever they may too (after every VRF).
+      Agent::AgentCommandServiceSettings cli;
+      cli.bufferSize = 1;
+      switch_->cliServiceSettingsIs(cli);
    } else {
       switch_ = std::make_unique<sim::Switch>();
    }
@@ -299,6 +305,26 @@ bool Scenario::execute(const Words& w, std::ostream& out) {
       trace(w, out);
    } else if (c == "gen") {
       gen(w);
+   } else if (c == "counters") {
+      counters(w);
+   } else if (c == "show") {
+      show(w, out);
+   } else if (c == "clear") {
+      usage(w, 2, 2, "clear counters");
+      if (w[1] != "counters") {
+         bad("unknown clear " + quoted(w[1]) + ": clear counters");
+      }
+      out << switch_->cliRequest("ClearHardwareCounters");
+   } else if (c == "request") {
+      usage(w, 2, 3, "request TEXT [json]");
+      bool json = options_.json;
+      if (w.size() == 3) {
+         if (w[2] != "json") {
+            bad("unexpected word " + quoted(w[2]) + ": request TEXT [json]");
+         }
+         json = true;
+      }
+      out << switch_->cliRequest(w[1], json ? lumo::Format::json : lumo::Format::text);
    } else {
       bad("unknown command " + quoted(c));
    }
@@ -641,6 +667,92 @@ void Scenario::trace(const Words& w, std::ostream& out) {
    for (const auto& text : duolog_.ringlog().texts(size_t(n))) {
       out << text << '\n';
    }
+}
+
+void Scenario::counters(const Words& w) {
+   constexpr const char* form =
+       "counters VRF policy NAME HITS DROPS | counters VRF segment DST SRC HITS DROPS | "
+       "counters VRF default-drop DST DROPS (or delete for the counts)";
+   usage(w, 3, 7, form);
+   const L3::VrfName vrf = vrfNameOf(w[1]);
+   Firewall::Counters& live = *switch_->counters();
+   const std::string& kind = w[2];
+   constexpr uint64_t kMax = ~uint64_t(0);
+   if (kind == "delete") {
+      usage(w, 3, 3, "counters VRF delete");
+      live.vrfDel(vrf);
+   } else if (kind == "policy") {
+      if (w.size() == 5 && w[4] == "delete") {
+         if (auto v = live.vrf(vrf)) {
+            v->countersDir()->policyDel(w[3]);
+         }
+         return;
+      }
+      usage(w, 6, 6, "counters VRF policy NAME HITS DROPS");
+      const uint64_t hits = number(w[4], "hits", kMax);
+      const uint64_t drops = number(w[5], "drops", kMax);
+      auto p = live.vrfIs(vrf)->countersDir()->policyIs(w[3]);
+      p->hitCountIs(hits);
+      p->dropCountIs(drops);
+   } else if (kind == "segment") {
+      if (w.size() == 6 && w[5] == "delete") {
+         if (auto v = live.vrf(vrf)) {
+            if (auto g = v->countersDir()->segment(w[3])) {
+               g->segmentCountersDel(w[4]);
+            }
+         }
+         return;
+      }
+      usage(w, 7, 7, "counters VRF segment DST SRC HITS DROPS");
+      const uint64_t hits = number(w[5], "hits", kMax);
+      const uint64_t drops = number(w[6], "drops", kMax);
+      auto sc = live.vrfIs(vrf)->countersDir()->segmentIs(w[3])->segmentCountersIs(w[4]);
+      sc->hitCountIs(hits);
+      sc->dropCountIs(drops);
+   } else if (kind == "default-drop") {
+      usage(w, 5, 5, "counters VRF default-drop DST DROPS");
+      if (w[4] == "delete") {
+         if (auto v = live.vrf(vrf)) {
+            v->countersDir()->segmentDel(w[3]);
+         }
+         return;
+      }
+      const uint64_t drops = number(w[4], "drops", kMax);
+      live.vrfIs(vrf)->countersDir()->segmentIs(w[3])->defaultDropIs(drops);
+   } else {
+      bad("unknown counters kind " + quoted(kind) + ": " + form);
+   }
+}
+
+void Scenario::show(const Words& w, std::ostream& out) {
+   constexpr const char* form =
+       "show routes/detail/summary [VRF [SEGMENT]] [json] | show counters [VRF] [json]";
+   usage(w, 2, 5, form);
+   Words args(w.begin() + 2, w.end());
+   bool json = options_.json;
+   if (!args.empty() && args.back() == "json") {
+      json = true;
+      args.pop_back();
+   }
+   const std::string& what = w[1];
+   std::string command;
+   if (what == "routes" || what == "detail" || what == "summary") {
+      if (args.size() > 2) {
+         bad("unexpected word " + quoted(args[2]) + ": " + form);
+      }
+      command = what == "routes"   ? "HardwareRoutes"
+                : what == "detail" ? "HardwareDetail"
+                                   : "HardwareSummary";
+      command += "#" + (args.size() > 0 ? args[0] : "") + "#" + (args.size() > 1 ? args[1] : "");
+   } else if (what == "counters") {
+      if (args.size() > 1) {
+         bad("unexpected word " + quoted(args[1]) + ": show counters [VRF] [json]");
+      }
+      command = "ShowHardwareCounters#" + (args.empty() ? "" : args[0]);
+   } else {
+      bad("unknown show " + quoted(what) + ": " + form);
+   }
+   out << switch_->cliRequest(command, json ? lumo::Format::json : lumo::Format::text);
 }
 
 void Scenario::gen(const Words& w) {

@@ -3,7 +3,7 @@
 //
 // One command a line; words are separated by blanks and `#` starts a comment.
 // Commands that change state print nothing; looking commands (hw, status,
-// check, syslog, trace, echo) print to the output stream given. A line is
+// check, syslog, trace, echo, show, request) print to the output stream given. A line is
 // checked word by word before anything is applied, so a bad line changes
 // nothing and names the offending word: "file:line: message".
 //
@@ -90,6 +90,8 @@ private:
    void syslog(const Words& w, std::ostream& out);
    void trace(const Words& w, std::ostream& out);
    void gen(const Words& w);
+   void counters(const Words& w);
+   void show(const Words& w, std::ostream& out);
 
    Options options_;
    Trace::Duolog duolog_;

@@ -29,6 +29,8 @@ Switch::Switch(Options options)
       ip6Status_(Zop::makePtr<Ip6::Status>()),
       multicastStatus_(Zop::makePtr<MulticastHwStatus>()),
       counters_(Firewall::countersFactory("sim")),
+      countersSnapshot_(Firewall::countersFactory("snapshot")),
+      cliRequestDir_(Zop::dirFactory("cli")),
       syslogSink_(Zop::makePtr<Syslog::MemorySink>()),
       syslogRegistry_(Zop::makePtr<Syslog::Registry>(syslogSink_)),
       hardware_(Zop::makePtr<HardwareRouteTable>()) {
@@ -66,12 +68,39 @@ Switch::Switch(Options options)
           status_, routingStatusHelper_, counters_);
       root_->initializedIs(true);
    }
+   cli_ = Kiv::kivSegmentSecurityCliSmFactory(
+       scheduler_, cliRequestDir_, counters_, countersSnapshot_, segmentRoutesList_,
+       segmentIdResponse_, l3Status_, fwConfig_, hardware_->segmentRouteHelper(), routeStatus_,
+       route6Status_, fibRoutes_, fibRoutes6_);
+   cli_->initializedIs(true);
 }
 
 Switch::~Switch() {
    // The library goes first: it holds notifiees on the agents' state.
+   cli_ = nullptr;
    root_ = nullptr;
    processor_ = nullptr;
+}
+
+Zop::String Switch::cliRequest(const Zop::String& command, lumo::Format format) {
+   auto sink = Zop::makePtr<lumo::StringSink>();
+   ++cliRequests_;
+   const Zop::String name = "cli-" + std::to_string(cliRequests_);
+   auto request = Agent::agentCommandRequestFactory(name, command, int(cliRequests_), sink, format);
+   cliRequestDir_->entryIs(name, request);
+   // One slice at a time (the virtual clock moves when nothing is due), until
+   // the service reports the request served or nothing is left to run.
+   while (request->status() != Agent::AgentCommandRequest::Status::completed) {
+      if (scheduler_->runUntilIdle(1) == 0) {
+         break;
+      }
+   }
+   cliRequestDir_->entryDel(name);
+   return sink->data();
+}
+
+void Switch::cliServiceSettingsIs(const Agent::AgentCommandServiceSettings& s) {
+   cli_->cliRequestDirSm()->settingsIs(s);
 }
 
 size_t Switch::settle() {

@@ -36,6 +36,7 @@
 #include "Ip/Status.h"
 #include "KivSegmentSecurity/KivSegmentPrefixFirewallConfigSm.h"
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorSm.h"
+#include "KivSegmentSecurity/KivSegmentSecurityCliSm.h"
 #include "Syslog/Syslog.h"
 #include "Zop/Clock.h"
 #include "sim/ConfigDriver.h"
@@ -101,6 +102,20 @@ public:
    Outcome review(const L3::VrfName& vrf, const Pexo::IpGenPrefix& prefix) {
       return config_->review(vrf, prefix);
    }
+
+   // ---- The command line ----
+   // Sends a command request (command word, VRF and segment joined by "#")
+   // as the switch's CLI would, runs the event loop until the agent has
+   // served it, and returns what the command printed. Other work that is due
+   // runs as well, as in an agent that serves its CLI between other tasks.
+   Zop::String cliRequest(const Zop::String& command, lumo::Format format = lumo::Format::text);
+   // The command-request service's settings (longest run, output buffer).
+   void cliServiceSettingsIs(const Agent::AgentCommandServiceSettings& s);
+   // The live firewall counters the CLI reports (counters()), and the CLI's
+   // baseline of them.
+   const Zop::Ptr<Firewall::Counters>& countersSnapshot() const { return countersSnapshot_; }
+   const Zop::Ptr<Zop::Dir>& cliRequestDir() const { return cliRequestDir_; }
+   const Zop::Ptr<Kiv::KivSegmentSecurityCliSm>& cli() const { return cli_; }
 
    // ---- The agents ----
    HardwareRouteTable& hardware() { return *hardware_; }
@@ -168,6 +183,9 @@ private:
    Zop::Ptr<Ip6::Status> ip6Status_;
    Zop::Ptr<MulticastHwStatus> multicastStatus_;
    Zop::Ptr<Firewall::Counters> counters_;
+   Zop::Ptr<Firewall::Counters> countersSnapshot_;
+   Zop::Ptr<Zop::Dir> cliRequestDir_;
+   uint64_t cliRequests_ = 0;
    Zop::Ptr<Syslog::MemorySink> syslogSink_;
    Zop::Ptr<Syslog::Registry> syslogRegistry_;
 
@@ -180,6 +198,7 @@ private:
    Zop::Ptr<RoutingStatusHelper> routingStatusHelper_;
    Zop::Ptr<Kiv::KivSegmentPrefixProcessorSm> processor_;
    Zop::Ptr<Kiv::KivSegmentSecurityRootSm> root_;
+   Zop::Ptr<Kiv::KivSegmentSecurityCliSm> cli_;
 };
 
 }  // namespace sim
