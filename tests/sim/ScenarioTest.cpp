@@ -80,9 +80,24 @@ TEST(Scenario, BadLinesNameTheWordAndChangeNothing) {
    size_t commands = s.stats().commands;
 
    const std::pair<const char*, const char*> cases[] = {
-       {"show routes", "unknown command 'show'"},
-       {"request x", "unknown command 'request'"},
-       {"counters red policy p 1 2", "unknown command 'counters'"},
+       {"show route",
+        "unknown show 'route': show routes/detail/summary [VRF [SEGMENT]] [json] | "
+        "show counters [VRF] [json]"},
+       {"show routes red web extra",
+        "unexpected word 'extra': show routes/detail/summary [VRF [SEGMENT]] [json] | show "
+        "counters [VRF] [json]"},
+       {"show counters red blue", "unexpected word 'blue': show counters [VRF] [json]"},
+       {"clear all", "unknown clear 'all': clear counters"},
+       {"request", "missing words: request TEXT [json]"},
+       {"request HardwareRoutes## jsn", "unexpected word 'jsn': request TEXT [json]"},
+       {"counters red policy p 1", "missing words: counters VRF policy NAME HITS DROPS"},
+       {"counters red policy p 1 x", "'x' is not a number (drops)"},
+       {"counters red segment d s 1 99999999999999999999",
+        "'99999999999999999999' is out of range for drops (at most 18446744073709551615)"},
+       {"counters red flows 1",
+        "unknown counters kind 'flows': counters VRF policy NAME HITS DROPS | counters VRF "
+        "segment DST SRC HITS DROPS | counters VRF default-drop DST DROPS (or delete for the "
+        "counts)"},
        {"vrf green id x1", "'x1' is not a number (VRF id)"},
        {"vrf green id 99999999999",
         "'99999999999' is out of range for VRF id (at most 4294967295)"},
