@@ -1,6 +1,7 @@
 #include "sim/Scenario.h"
 
 #include <algorithm>
+#include <chrono>
 #include <istream>
 #include <map>
 #include <optional>
@@ -221,6 +222,7 @@ Scenario::Result Scenario::runLine(const std::string& line, const std::string& f
    if (w.empty()) {
       return result;
    }
+   where_ = fileName + ":" + std::to_string(lineNo);
    // Looking commands write to a buffer first, so a bad line prints nothing.
    std::ostringstream buffer;
    try {
@@ -290,7 +292,14 @@ bool Scenario::execute(const Words& w, std::ostream& out) {
       policy(w);
    } else if (c == "settle") {
       usage(w, 1, 1, "settle");
-      stats_.slices += switch_->settle();
+      const Zop::Time virtualStart = switch_->clock()->now();
+      const auto realStart = std::chrono::steady_clock::now();
+      const size_t slices = switch_->settle();
+      const auto real = std::chrono::steady_clock::now() - realStart;
+      stats_.slices += slices;
+      stats_.settles.push_back(
+          {where_, slices, switch_->clock()->now() - virtualStart,
+           std::chrono::duration_cast<std::chrono::nanoseconds>(real).count()});
    } else if (c == "step") {
       step(w);
    } else if (c == "hw") {

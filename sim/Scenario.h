@@ -41,8 +41,17 @@ struct ScenarioResult {
 };
 
 struct ScenarioStats {
+   // One settle: where it was, the slices it ran, the virtual time it moved
+   // the clock by and the real time it took.
+   struct Settle {
+      std::string where;
+      uint64_t slices = 0;
+      int64_t virtualNs = 0;
+      int64_t realNs = 0;
+   };
    uint64_t commands = 0;
    uint64_t slices = 0;
+   std::vector<Settle> settles;
 };
 
 class Scenario {
@@ -98,6 +107,8 @@ private:
    Trace::ScopedDuolog guard_;
    std::unique_ptr<sim::Switch> switch_;
    ScenarioStats stats_;
+   // The line being run, for the figures.
+   std::string where_;
 };
 
 }  // namespace sim

@@ -84,6 +84,11 @@ void printStats(sim::Scenario& scenario) {
    if (auto kb = peakResidentKb()) {
       std::cerr << "peak resident memory: " << *kb << " kB\n";
    }
+   for (const auto& s : scenario.stats().settles) {
+      std::cerr << "settle " << s.where << ": " << s.slices << " slices, virtual "
+                << s.virtualNs / Zop::kMicrosecond << " us, real " << s.realNs / Zop::kMicrosecond
+                << " us\n";
+   }
 }
 
 int worse(int a, int b) {
