@@ -162,8 +162,9 @@ TEST_F(Cli, JsonCarriesTheSameData) {
    EXPECT_EQ(blue.keys(), (std::vector<std::string>{"a", "b"}));
    EXPECT_EQ(blue.at("a").at("hardwareId").number(), 2u);
    std::vector<std::string> rows;
-   for (const auto& [prefix, entry] : blue.at("a").at("prefixes").members) {
-      rows.push_back(prefix + " " + entry.at("routeType").text);
+   const Json& prefixes = blue.at("a").at("prefixes");
+   for (size_t i = 0; i < prefixes.size(); ++i) {
+      rows.push_back(prefixes.names[i] + " " + prefixes.values[i].at("routeType").text);
    }
    EXPECT_EQ(rows, (std::vector<std::string>{"10.1.0.0/16 S,F", "10.1.1.0/24 F", "2001:db8::/32 S",
                                              "2001:db8:1::/48 F"}));
@@ -172,7 +173,7 @@ TEST_F(Cli, JsonCarriesTheSameData) {
    const Json& segs = detail.at("vrfs").at("blue").at("segments");
    EXPECT_EQ(segs.at("a").at("prefixes").at("10.1.0.0/16").at("l2AdjIndex").number(), 13u);
    // A segment without a programmed prefix has no text row but its entry.
-   EXPECT_TRUE(segs.at("idle").at("prefixes").members.empty());
+   EXPECT_TRUE(segs.at("idle").at("prefixes").names.empty());
    EXPECT_EQ(segs.at("idle").at("hardwareId").number(), 4u);
 
    Json summary = json("HardwareSummary##");
@@ -184,13 +185,13 @@ TEST_F(Cli, JsonCarriesTheSameData) {
 
    // Unknown VRF: its entry with empty segments; nothing at all: empty vrfs.
    Json unknown = json("HardwareRoutes#nosuch#");
-   EXPECT_TRUE(unknown.at("vrfs").at("nosuch").at("segments").members.empty());
+   EXPECT_TRUE(unknown.at("vrfs").at("nosuch").at("segments").names.empty());
 }
 
 TEST_F(Cli, NoSegmentVrfPrintsNothingNotEvenTheLegend) {
    run("vrf red id 1");
    EXPECT_EQ(text("HardwareRoutes##"), "");
-   EXPECT_TRUE(json("HardwareRoutes##").at("vrfs").members.empty());
+   EXPECT_TRUE(json("HardwareRoutes##").at("vrfs").names.empty());
 }
 
 TEST_F(Cli, OnlyExactCommandWordsMakeAReactor) {
@@ -288,7 +289,7 @@ TEST_F(CliYielding, CountersShowLiveMinusBaselineAndClearMovesTheBaseline) {
    }
    EXPECT_TRUE(traced);
    // Unknown VRF: its entry and nothing under it.
-   EXPECT_TRUE(json("ShowHardwareCounters#red").at("vrfs").at("red").members.empty());
+   EXPECT_TRUE(json("ShowHardwareCounters#red").at("vrfs").at("red").names.empty());
 }
 
 TEST_F(Cli, FirewallOffEmptiesTheBaselineAndDefaultDropOffZeroesItsCounts) {

@@ -4,13 +4,9 @@
 // unsigned integers); an object keeps its members in order, duplicates
 // included, and `at` finds the last member of a name (as most readers do).
 
-#include <map>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <variant>
 #include <vector>
 
 namespace test {
@@ -21,31 +17,28 @@ struct Json {
    bool b = false;
    std::string text;  // number or string
    std::vector<Json> items;
-   std::vector<std::pair<std::string, Json>> members;
+   // An object's members: names[i] names values[i].
+   std::vector<std::string> names;
+   std::vector<Json> values;
 
+   size_t size() const { return kind == Kind::object ? names.size() : items.size(); }
    const Json& at(std::string_view key) const {
-      for (auto it = members.rbegin(); it != members.rend(); ++it) {
-         if (it->first == key) {
-            return it->second;
+      for (size_t i = names.size(); i-- > 0;) {
+         if (names[i] == key) {
+            return values[i];
          }
       }
       throw std::out_of_range("no member " + std::string(key));
    }
    bool has(std::string_view key) const {
-      for (const auto& m : members) {
-         if (m.first == key) {
+      for (const auto& n : names) {
+         if (n == key) {
             return true;
          }
       }
       return false;
    }
-   std::vector<std::string> keys() const {
-      std::vector<std::string> k;
-      for (const auto& m : members) {
-         k.push_back(m.first);
-      }
-      return k;
-   }
+   const std::vector<std::string>& keys() const { return names; }
    uint64_t number() const { return std::stoull(text); }
 };
 
@@ -211,9 +204,9 @@ private:
             return v;
          }
          while (true) {
-            std::string key = string();
+            v.names.push_back(string());
             expect(':');
-            v.members.emplace_back(std::move(key), value());
+            v.values.push_back(value());
             blanks();
             if (i_ < s_.size() && s_[i_] == ',') {
                ++i_;

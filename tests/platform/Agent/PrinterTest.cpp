@@ -90,9 +90,9 @@ TEST(Printer, JsonIsWellFormedWhateverTheNamesHold) {
       test::Json doc;
       ASSERT_NO_THROW(doc = test::parseJson(out)) << out;
       const test::Json& vrfs = doc.at("vrfs");
-      ASSERT_EQ(vrfs.members.size(), 1u);
-      EXPECT_EQ(vrfs.members[0].first, name) << out;
-      EXPECT_EQ(vrfs.members[0].second.at("segments").at("web").at("hardwareId").number(), 7u);
+      ASSERT_EQ(vrfs.size(), 1u);
+      EXPECT_EQ(vrfs.names[0], name) << out;
+      EXPECT_EQ(vrfs.values[0].at("segments").at("web").at("hardwareId").number(), 7u);
    }
    const std::vector<std::string> broken = {
        "\xff\xfe", "\xc3", "\xed\xa0\x80", "\xc0\xaf", "\xf4\x90\x80\x80", "ok\xe2\x82"};
