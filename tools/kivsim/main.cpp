@@ -8,9 +8,11 @@
 #include <fstream>
 #include <iostream>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "DefaultScenario.h"
 #include "sim/Scenario.h"
 
 namespace {
@@ -88,6 +90,17 @@ void printStats(sim::Scenario& scenario) {
 
 int worse(int a, int b) {
    return a > b ? a : b;
+}
+
+// The exit status a file's run earns; a bad line's message goes to standard
+// error after everything the run printed before it.
+int judged(const sim::ScenarioResult& result) {
+   if (result.kind == sim::ScenarioResult::Kind::badLine) {
+      std::cout << std::flush;
+      std::cerr << result.message << '\n';
+      return kBad;
+   }
+   return result.kind == sim::ScenarioResult::Kind::checkFailed ? kCheckFailed : kOk;
 }
 
 // The prompt: errors are printed and the session goes on.
@@ -182,41 +195,37 @@ int main(int argc, char** argv) {
    }
 
    bool prompt = files.empty() && isatty(STDIN_FILENO);
-   if (files.empty() && !prompt) {
-      files.push_back(KIVSIM_DEFAULT_SCENARIO);
-   }
 
    sim::Scenario scenario(options);
    int status = kOk;
    if (prompt) {
       status = interactive(scenario);
+   } else if (files.empty()) {
+      std::istringstream in(kivsim::kDefaultScenario);
+      status = judged(scenario.run(in, kivsim::kDefaultScenarioName, std::cout));
    } else {
       for (const auto& file : files) {
-         sim::ScenarioResult result;
+         if (file == "-" && isatty(STDIN_FILENO)) {
+            status = worse(status, interactive(scenario));
+            continue;
+         }
+         int fileStatus = kOk;
          if (file == "-") {
-            if (isatty(STDIN_FILENO)) {
-               status = worse(status, interactive(scenario));
-               continue;
-            }
-            result = scenario.run(std::cin, "<stdin>", std::cout);
+            fileStatus = judged(scenario.run(std::cin, "<stdin>", std::cout));
          } else {
             std::ifstream in(file);
             if (!in) {
                std::cout << std::flush;
                std::cerr << "kivsim: cannot read '" << file << "'\n";
-               status = kBad;
-               break;
+               fileStatus = kBad;
+            } else {
+               fileStatus = judged(scenario.run(in, file, std::cout));
             }
-            result = scenario.run(in, file, std::cout);
          }
-         if (result.kind == sim::ScenarioResult::Kind::badLine) {
-            std::cout << std::flush;
-            std::cerr << result.message << '\n';
-            status = kBad;
+         status = worse(status, fileStatus);
+         // A bad line or an unreadable file stops the run there.
+         if (fileStatus == kBad) {
             break;
-         }
-         if (result.kind == sim::ScenarioResult::Kind::checkFailed) {
-            status = worse(status, kCheckFailed);
          }
       }
    }
