@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "DefaultScenario.h"
+#include "Prompt.h"
 #include "sim/Scenario.h"
 
 namespace {
@@ -27,7 +28,9 @@ const char* kUsage =
     "Runs the library inside the simulated switch, one command a line.\n"
     "  FILE...            scenario files, run in order over one switch; '-' reads\n"
     "                     standard input\n"
-    "  no FILE            standard input is a terminal: the 'kivsim> ' prompt;\n"
+    "  no FILE            standard input is a terminal: the 'kivsim> ' prompt, with\n"
+    "                     line editing, history and completion of the command word\n"
+    "                     when built with libedit ('help' lists the commands);\n"
     "                     otherwise the bundled default scenario (examples/default.kiv)\n"
     "Options:\n"
     "  --json             hw prints JSON\n"
@@ -106,16 +109,11 @@ int judged(const sim::ScenarioResult& result) {
 // The prompt: errors are printed and the session goes on.
 int interactive(sim::Scenario& scenario) {
    int status = kOk;
-   std::string line;
+   kivsim::Prompt prompt("kivsim> ");
    uint64_t lineNo = 0;
-   for (;;) {
-      std::cout << "kivsim> " << std::flush;
-      if (!std::getline(std::cin, line)) {
-         std::cout << '\n';
-         break;
-      }
+   while (auto line = prompt.read()) {
       ++lineNo;
-      auto result = scenario.runLine(line, "<stdin>", lineNo, std::cout);
+      auto result = scenario.runLine(*line, "<stdin>", lineNo, std::cout);
       if (result.kind == sim::ScenarioResult::Kind::badLine) {
          std::cerr << result.message << '\n';
          status = worse(status, kBad);
@@ -124,6 +122,7 @@ int interactive(sim::Scenario& scenario) {
       }
       std::cout << std::flush;
    }
+   std::cout << '\n';
    return status;
 }
 
