@@ -9,12 +9,26 @@ function(kiv_settings target)
     POSITION_INDEPENDENT_CODE ON)
 endfunction()
 
+# The include layout: "Kiv/..." and "KivSegmentSecurity/..." from the top of
+# the tree, platform headers as "Zop/...", "Routing/..." and so on. Installed,
+# all of them sit under one directory of their own (KIV_INSTALL_INCLUDEDIR),
+# so that generic names such as Trace/ or Routing/ never land in a shared
+# include directory.
+include(GNUInstallDirs)
+set(KIV_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/KivSegmentPrefixProcessor)
+function(kiv_include_layout target scope)
+  target_include_directories(${target} ${scope}
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform>
+    $<INSTALL_INTERFACE:${KIV_INSTALL_INCLUDEDIR}>)
+endfunction()
+
 # kiv_library(NAME SOURCES... [DEPS targets...])
 function(kiv_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
   kiv_settings(${name})
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/platform)
+  kiv_include_layout(${name} PUBLIC)
   if(ARG_DEPS)
     target_link_libraries(${name} PUBLIC ${ARG_DEPS})
   endif()

@@ -11,6 +11,7 @@
 
 #include "Zop/Error.h"
 #include "Zop/Value.h"
+#include "sim/ScenarioCommands.h"
 
 namespace sim {
 
@@ -260,6 +261,10 @@ Scenario::Result Scenario::runLine(const std::string& line, const std::string& f
 
 bool Scenario::execute(const Words& w, std::ostream& out) {
    const std::string& c = w[0];
+   // The command table decides which words exist, so help lists them all.
+   if (!scenarioCommand(c)) {
+      bad("unknown command " + quoted(c));
+   }
    if (c == "vrf") {
       vrf(w);
    } else if (c == "fib") {
@@ -334,6 +339,8 @@ bool Scenario::execute(const Words& w, std::ostream& out) {
          json = true;
       }
       out << switch_->cliRequest(w[1], json ? lumo::Format::json : lumo::Format::text);
+   } else if (c == "help") {
+      help(w, out);
    } else {
       bad("unknown command " + quoted(c));
    }
@@ -792,6 +799,37 @@ void Scenario::gen(const Words& w) {
    } else {
       bad(quoted(w[1]) + " is not fib/prefixes");
    }
+}
+
+void Scenario::help(const Words& w, std::ostream& out) {
+   usage(w, 1, 2, "help [COMMAND]");
+   if (w.size() == 1) {
+      size_t width = 0;
+      for (const auto& c : scenarioCommands()) {
+         width = std::max(width, c.word.size());
+      }
+      for (const auto& c : scenarioCommands()) {
+         out << c.word << std::string(width + 2 - c.word.size(), ' ') << c.summary << '\n';
+      }
+      return;
+   }
+   const ScenarioCommand* c = scenarioCommand(w[1]);
+   if (!c) {
+      bad("unknown command " + quoted(w[1]) + " (help lists the commands)");
+   }
+   // One alternative a line, aligned under the first.
+   const char* lead = "usage: ";
+   std::string_view rest = c->usage;
+   for (;;) {
+      size_t bar = rest.find(" | ");
+      out << lead << rest.substr(0, bar) << '\n';
+      if (bar == std::string_view::npos) {
+         break;
+      }
+      rest.remove_prefix(bar + 3);
+      lead = "       ";
+   }
+   out << c->summary << '\n';
 }
 
 }  // namespace sim

@@ -3,7 +3,8 @@
 //
 // One command a line; words are separated by blanks and `#` starts a comment.
 // Commands that change state print nothing; looking commands (hw, status,
-// check, syslog, trace, echo, show, request) print to the output stream given. A line is
+// check, syslog, trace, echo, help, show, request) print to the output stream given. The
+// commands and their usage are in one table (sim/ScenarioCommands). A line is
 // checked word by word before anything is applied, so a bad line changes
 // nothing and names the offending word: "file:line: message".
 //
@@ -101,6 +102,7 @@ private:
    void gen(const Words& w);
    void counters(const Words& w);
    void show(const Words& w, std::ostream& out);
+   void help(const Words& w, std::ostream& out);
 
    Options options_;
    Trace::Duolog duolog_;

@@ -1,7 +1,10 @@
 # Runs kivsim on SCENARIO, writes its standard output to ACTUAL, and fails
 # unless the exit status is STATUS and ACTUAL equals EXPECTED byte for byte;
-# when EXPECTED_ERRORS exists, standard error must equal it too.
+# when EXPECTED_ERRORS exists, standard error must equal it too. An empty
+# SCENARIO runs kivsim with no file. Standard input is never a terminal here,
+# so that no run waits at the prompt.
 execute_process(COMMAND ${KIVSIM} ${SCENARIO}
+  INPUT_FILE /dev/null
   OUTPUT_FILE ${ACTUAL}
   ERROR_VARIABLE errors
   RESULT_VARIABLE rc)

@@ -8,6 +8,8 @@
 
 #include <sstream>
 
+#include "sim/ScenarioCommands.h"
+
 namespace {
 
 struct Played {
@@ -166,6 +168,41 @@ TEST(Scenario, BadLinesNameTheWordAndChangeNothing) {
    ASSERT_TRUE(s.runLine("hw", "x", 2, after).ok());
    EXPECT_EQ(after.str(), before.str());
    EXPECT_EQ(s.sw().check(), std::vector<Zop::String>{});
+}
+
+// Help quotes each command's usage from the command table; the engine's own
+// message for a line with too many words quotes the form it parses. They must
+// be the same text, and every word help lists must be a command the engine
+// runs (a listed word it does not know would be "unknown command").
+TEST(Scenario, HelpListsExactlyTheCommandsTheEngineRunsWithTheirForms) {
+   sim::Scenario s;
+   for (const auto& c : sim::scenarioCommands()) {
+      if (c.word == "echo") {
+         // Takes any text.
+         std::ostringstream out;
+         EXPECT_TRUE(s.runLine("echo a b c d e f g h i j", "h.kiv", 1, out).ok());
+         continue;
+      }
+      std::string line(c.word);
+      for (int i = 1; i <= 9; ++i) {
+         line += " x" + std::to_string(i);
+      }
+      std::ostringstream out;
+      auto result = s.runLine(line, "h.kiv", 1, out);
+      EXPECT_EQ(result.kind, sim::Scenario::Result::Kind::badLine) << line;
+      std::string suffix = ": " + std::string(c.usage);
+      EXPECT_TRUE(
+          result.message.size() > suffix.size() &&
+          result.message.compare(result.message.size() - suffix.size(), suffix.size(), suffix) == 0)
+          << c.word << ": help says '" << c.usage << "', the engine says '" << result.message
+          << "'";
+   }
+
+   std::ostringstream out;
+   EXPECT_EQ(s.runLine("help nosuch", "h.kiv", 7, out).message,
+             "h.kiv:7: unknown command 'nosuch' (help lists the commands)");
+   EXPECT_EQ(s.runLine("nosuch", "h.kiv", 8, out).message, "h.kiv:8: unknown command 'nosuch'");
+   EXPECT_EQ(out.str(), "");
 }
 
 TEST(Scenario, AFileStopsAtItsBadLineAndAFailedCheckGoesOn) {

@@ -8,9 +8,12 @@
 #include <fstream>
 #include <iostream>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "DefaultScenario.h"
+#include "Prompt.h"
 #include "sim/Scenario.h"
 
 namespace {
@@ -25,7 +28,9 @@ const char* kUsage =
     "Runs the library inside the simulated switch, one command a line.\n"
     "  FILE...            scenario files, run in order over one switch; '-' reads\n"
     "                     standard input\n"
-    "  no FILE            standard input is a terminal: the 'kivsim> ' prompt;\n"
+    "  no FILE            standard input is a terminal: the 'kivsim> ' prompt, with\n"
+    "                     line editing, history and completion of the command word\n"
+    "                     when built with libedit ('help' lists the commands);\n"
     "                     otherwise the bundled default scenario (examples/default.kiv)\n"
     "Options:\n"
     "  --json             hw prints JSON\n"
@@ -95,19 +100,25 @@ int worse(int a, int b) {
    return a > b ? a : b;
 }
 
+// The exit status a file's run earns; a bad line's message goes to standard
+// error after everything the run printed before it.
+int judged(const sim::ScenarioResult& result) {
+   if (result.kind == sim::ScenarioResult::Kind::badLine) {
+      std::cout << std::flush;
+      std::cerr << result.message << '\n';
+      return kBad;
+   }
+   return result.kind == sim::ScenarioResult::Kind::checkFailed ? kCheckFailed : kOk;
+}
+
 // The prompt: errors are printed and the session goes on.
 int interactive(sim::Scenario& scenario) {
    int status = kOk;
-   std::string line;
+   kivsim::Prompt prompt("kivsim> ");
    uint64_t lineNo = 0;
-   for (;;) {
-      std::cout << "kivsim> " << std::flush;
-      if (!std::getline(std::cin, line)) {
-         std::cout << '\n';
-         break;
-      }
+   while (auto line = prompt.read()) {
       ++lineNo;
-      auto result = scenario.runLine(line, "<stdin>", lineNo, std::cout);
+      auto result = scenario.runLine(*line, "<stdin>", lineNo, std::cout);
       if (result.kind == sim::ScenarioResult::Kind::badLine) {
          std::cerr << result.message << '\n';
          status = worse(status, kBad);
@@ -116,6 +127,7 @@ int interactive(sim::Scenario& scenario) {
       }
       std::cout << std::flush;
    }
+   std::cout << '\n';
    return status;
 }
 
@@ -187,41 +199,37 @@ int main(int argc, char** argv) {
    }
 
    bool prompt = files.empty() && isatty(STDIN_FILENO);
-   if (files.empty() && !prompt) {
-      files.push_back(KIVSIM_DEFAULT_SCENARIO);
-   }
 
    sim::Scenario scenario(options);
    int status = kOk;
    if (prompt) {
       status = interactive(scenario);
+   } else if (files.empty()) {
+      std::istringstream in(kivsim::kDefaultScenario);
+      status = judged(scenario.run(in, kivsim::kDefaultScenarioName, std::cout));
    } else {
       for (const auto& file : files) {
-         sim::ScenarioResult result;
+         if (file == "-" && isatty(STDIN_FILENO)) {
+            status = worse(status, interactive(scenario));
+            continue;
+         }
+         int fileStatus = kOk;
          if (file == "-") {
-            if (isatty(STDIN_FILENO)) {
-               status = worse(status, interactive(scenario));
-               continue;
-            }
-            result = scenario.run(std::cin, "<stdin>", std::cout);
+            fileStatus = judged(scenario.run(std::cin, "<stdin>", std::cout));
          } else {
             std::ifstream in(file);
             if (!in) {
                std::cout << std::flush;
                std::cerr << "kivsim: cannot read '" << file << "'\n";
-               status = kBad;
-               break;
+               fileStatus = kBad;
+            } else {
+               fileStatus = judged(scenario.run(in, file, std::cout));
             }
-            result = scenario.run(in, file, std::cout);
          }
-         if (result.kind == sim::ScenarioResult::Kind::badLine) {
-            std::cout << std::flush;
-            std::cerr << result.message << '\n';
-            status = kBad;
+         status = worse(status, fileStatus);
+         // A bad line or an unreadable file stops the run there.
+         if (fileStatus == kBad) {
             break;
-         }
-         if (result.kind == sim::ScenarioResult::Kind::checkFailed) {
-            status = worse(status, kCheckFailed);
          }
       }
    }

@@ -1,0 +1,27 @@
+#pragma once
+// The prompt's line source. Built with libedit, it gives line editing, the
+// session's history and completion of the command word (the first word of a
+// line) from the scenario engine's command table; without libedit it prints
+// the prompt and reads plain lines. Only for a terminal: files and pipes are
+// read by the scenario engine directly.
+
+#include <optional>
+#include <string>
+
+namespace kivsim {
+
+class Prompt {
+public:
+   explicit Prompt(std::string text);
+   ~Prompt();
+   Prompt(const Prompt&) = delete;
+   Prompt& operator=(const Prompt&) = delete;
+
+   // The next line, without its newline; none at the end of input.
+   std::optional<std::string> read();
+
+private:
+   std::string text_;
+};
+
+}  // namespace kivsim
