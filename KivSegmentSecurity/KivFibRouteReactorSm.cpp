@@ -229,7 +229,7 @@ void FibRouteReactorSm::handleV6AdjUpdate(const VrfAndIp6Prefix& key) {
 void FibRouteReactorSm::doReviewFibRouteUpdates() {
    TRACE8("");
    while (fibRouteReviewList_->vrfIpGenPrefixCount() != 0) {
-      const VrfAndIpGenPrefix key = *fibRouteReviewList_->vrfIpGenPrefix().begin();
+      const VrfAndIpGenPrefix key = fibRouteReviewList_->vrfIpGenPrefixFront();
       const Pexo::IpGenPrefix& prefix = key.prefix();
       TRACE8(" Reviewing: " << key);
       const RouteInfo* fibRoute = fibRouteInfo(key);

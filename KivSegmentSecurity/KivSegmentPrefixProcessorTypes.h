@@ -111,8 +111,8 @@ KIV_EXPORT std::ostream& operator<<(std::ostream& os, const KivSegmentRouteInfo&
 
 // ---- VrfPrefixCollection ----
 
-// A review list: (VRF id, prefix) keys waiting to be examined. Iteration is in
-// hash order.
+// A review list: (VRF id, prefix) keys waiting to be examined, in the order
+// they were queued (front() is the oldest); members() is in hash order.
 class KIV_EXPORT VrfPrefixCollection : public Zop::PtrInterface {
 public:
    class Notifiee : public Zop::BaseNotifiee<VrfPrefixCollection> {
@@ -126,12 +126,14 @@ public:
    bool vrfIpGenPrefixHas(const VrfAndIpGenPrefix& k) const { return vrfIpGenPrefix_.has(k); }
    size_t vrfIpGenPrefixCount() const { return vrfIpGenPrefix_.size(); }
    const auto& vrfIpGenPrefix() const { return vrfIpGenPrefix_; }
+   // The key queued longest ago; the list must not be empty.
+   const VrfAndIpGenPrefix& vrfIpGenPrefixFront() const { return vrfIpGenPrefix_.front(); }
 
    Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
 
 private:
    Zop::NotifierList<Notifiee> notifiees_;
-   Zop::HashSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix> vrfIpGenPrefix_{
+   Zop::QueueSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix> vrfIpGenPrefix_{
        &Notifiee::handleVrfIpGenPrefix};
 };
 

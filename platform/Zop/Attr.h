@@ -26,6 +26,7 @@
 // Handlers run after the change, so they see the new state.
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 #include <unordered_map>
@@ -86,6 +87,87 @@ private:
    }
    Handler handler_;
    Set set_;
+};
+
+// A set that also keeps the order in which its members came: front() is the
+// member that has been in the set longest. Work lists use it so that work is
+// done in the order it was found (a walk of a table queues routes in table
+// order, and visiting them in that order keeps neighbouring entries close in
+// memory), where a hash set would visit them scattered.
+//
+// The order is a queue of keys with lazy removal: del() removes the key from
+// the set only; entries of keys no longer present are dropped when they reach
+// the front, or when stale entries come to outnumber members.
+template <class E, class K, class Hash = std::hash<K>>
+class QueueSetAttr {
+public:
+   using Handler = void (E::Notifiee::*)(const K&);
+   using Set = std::unordered_set<K, Hash>;
+   explicit QueueSetAttr(Handler h) : handler_(h) {}
+
+   bool is(E& owner, const K& k) {
+      if (!set_.insert(k).second) {
+         return false;
+      }
+      order_.push_back(k);
+      const K key = k;
+      notify(owner, key);
+      return true;
+   }
+   bool del(E& owner, const K& k) {
+      auto it = set_.find(k);
+      if (it == set_.end()) {
+         return false;
+      }
+      K key = *it;
+      set_.erase(it);
+      // Handlers may look at front(): it is a member again before they run.
+      tidy();
+      notify(owner, key);
+      return true;
+   }
+   void delAll(E& owner) {
+      Ptr<E> hold(owner.references() > 0 ? &owner : nullptr);
+      while (!set_.empty()) {
+         del(owner, front());
+      }
+   }
+
+   // The oldest member; the set must not be empty.
+   const K& front() const { return order_.front(); }
+   bool has(const K& k) const { return set_.count(k) != 0; }
+   size_t size() const { return set_.size(); }
+   bool empty() const { return set_.empty(); }
+   // All members, in no particular order.
+   const Set& members() const { return set_; }
+   typename Set::const_iterator begin() const { return set_.begin(); }
+   typename Set::const_iterator end() const { return set_.end(); }
+   void reserve(size_t n) { set_.reserve(n); }
+
+private:
+   void notify(E& owner, const K& k) {
+      owner.notifieeList().notify(&owner, [&](typename E::Notifiee& n) { (n.*handler_)(k); });
+   }
+   // Keeps front() a member, and the queue within twice the members.
+   void tidy() {
+      while (!order_.empty() && set_.count(order_.front()) == 0) {
+         order_.pop_front();
+      }
+      if (order_.size() > 2 * set_.size() + 64) {
+         std::deque<K> kept;
+         Set seen;
+         for (const K& k : order_) {
+            if (set_.count(k) != 0 && seen.insert(k).second) {
+               kept.push_back(k);
+            }
+         }
+         order_.swap(kept);
+      }
+   }
+
+   Handler handler_;
+   Set set_;
+   std::deque<K> order_;
 };
 
 // Shared shape of the two map attributes.
