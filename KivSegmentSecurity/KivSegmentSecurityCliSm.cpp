@@ -1,5 +1,6 @@
 #include "KivSegmentSecurity/KivSegmentSecurityCliSm.h"
 
+#include <algorithm>
 #include <array>
 #include <ostream>
 #include <vector>
@@ -800,8 +801,22 @@ void ShowSegmentHardwareRoutesSm::getSortedRoutes(const Zop::Ptr<SortedSegmentRo
       const SegmentRouteType type = inFib(key) ? routeTypeSegmentAndFib : routeTypeSegmentOnly;
       list->programmedPrefixIs(SortedPrefixInfo(key, type), true);
    }
-   // FIB routes inside segment prefixes.
+   // FIB routes inside segment prefixes. A FIB route inside a nested segment
+   // prefix is also inside the outer one, and the lists are sets, so walking
+   // the outermost segment prefixes alone collects the same routes, each once.
+   // In key order, a prefix's cover comes before it.
+   std::vector<VrfAndIpGenPrefix> keys;
+   keys.reserve(routeInfo_->routeInfoCount());
    for (const auto& [key, info] : routeInfo_->routeInfo()) {
+      keys.push_back(key);
+   }
+   std::sort(keys.begin(), keys.end());
+   const VrfAndIpGenPrefix* outer = nullptr;
+   for (const VrfAndIpGenPrefix& key : keys) {
+      if (outer && outer->vrfId() == key.vrfId() && outer->prefix().contains(key.prefix())) {
+         continue;
+      }
+      outer = &key;
       const VrfId vrfId = key.vrfId();
       auto routes = vrfPrefixCollectionFactory();
       if (key.prefix().isIpv4()) {
