@@ -90,6 +90,7 @@ Oracle Switch::oracle() const {
    in.hardware = hardware_;
    in.status = status_;
    in.segmentIdRequest = segmentIdRequest_;
+   in.segmentRoutes = segmentRoutesList_;
    return Oracle(std::move(in));
 }
 
