@@ -13,6 +13,9 @@ namespace Kiv {
 namespace {
 constexpr char kSource[] = "KivSegmentSecurity/KivSegmentPrefixProcessorSm";
 constexpr int kSegmentSubnetTaskPriority = 2;
+// Reviews of a segment-only prefix whose removal the hardware refused, the
+// first one included, before the processor gives up on it.
+constexpr uint32_t kRemovalAttempts = 3;
 }  // namespace
 
 // ---- Observers ----
@@ -255,6 +258,10 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
          TRACE5(" installedHwId: " << oldHwId << " prefCnt: " << prefCnt);
       }
 
+      if (action != segmentRouteDelete && !removalFailures_.empty()) {
+         // Wanted again: earlier refused removals no longer count.
+         removalFailures_.erase(member);
+      }
       if (action == segmentRouteHwIdUpdate) {
          updateInstalledPrefixHwId(member);
       } else {
@@ -456,26 +463,58 @@ void KivSegmentPrefixProcessorSm::removePrefix(const KivSegmentHwInfo& info) {
    const VrfAndIpGenPrefix& vrfPrefix = info.vrfPrefix();
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
    KivSegmentRouteInfo saved = segmentRoutesList_->routeInfoDel(vrfPrefix);
-   if (prefix.isIpv4()) {
-      removeWatchedPrefix(vrfPrefix.vrfId(), prefix.v4());
-   } else {
-      removeWatchedIp6Prefix(vrfPrefix.vrfId(), prefix.v6());
-   }
-   if (Zop::Ptr<Routing::TrieGen> trie =
-           segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), prefix.af())) {
+   Zop::Ptr<Routing::TrieGen> trie =
+       segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), prefix.af());
+   if (trie) {
       trie->routeDel(prefix);
    }
    if (!vrfL3Status(vrfPrefix.vrfId())) {
       // The VRF was deleted: its routes still have to go.
       TRACE5(" VRF L3 Status is NULL");
    }
-   removePrefixCommon(info, saved);
+   if (!removePrefixCommon(info, saved)) {
+      // The route is still in hardware, so it stays recorded: in the trie,
+      // watched, counted and holding its id, exactly as before. Releasing the
+      // id now would let another segment take it while hardware still
+      // classifies traffic with it, and a teardown would end with the route
+      // left behind.
+      segmentRoutesList_->routeInfoIs(saved);
+      if (trie) {
+         trie->routeIs(prefix, true);
+      }
+      retryRemoval(vrfPrefix);
+      return;
+   }
+   removalFailures_.erase(vrfPrefix);
+   // The watch goes with the route: until then the resolver's answers still
+   // apply to it.
+   if (prefix.isIpv4()) {
+      removeWatchedPrefix(vrfPrefix.vrfId(), prefix.v4());
+   } else {
+      removeWatchedIp6Prefix(vrfPrefix.vrfId(), prefix.v6());
+   }
    // FIB routes that lay under the removed prefix take the id of the next
    // covering segment prefix, or lose it, whatever the VRF's routing flag.
    syncFibRouteHwId(vrfPrefix, info.hwId());
 }
 
-void KivSegmentPrefixProcessorSm::removePrefixCommon(const KivSegmentHwInfo& info,
+void KivSegmentPrefixProcessorSm::retryRemoval(const VrfAndIpGenPrefix& vrfPrefix) {
+   uint32_t failures = ++removalFailures_[vrfPrefix];
+   if (failures >= kRemovalAttempts) {
+      // Hardware that refuses the same removal again and again will not be
+      // argued with; the prefix stays recorded as it is, and a later review
+      // (a configuration change, a teardown) tries afresh.
+      TRACE5(" Giving up on segment-only prefix: " << vrfPrefix.prefix() << " after " << failures
+                                                   << " failed removals");
+      removalFailures_.erase(vrfPrefix);
+      return;
+   }
+   TRACE5(" Segment-only prefix: " << vrfPrefix.prefix() << " queued again for removal, attempt "
+                                   << failures + 1 << " of " << kRemovalAttempts);
+   segmentReviewList_->vrfIpGenPrefixIs(vrfPrefix);
+}
+
+bool KivSegmentPrefixProcessorSm::removePrefixCommon(const KivSegmentHwInfo& info,
                                                      const KivSegmentRouteInfo& saved) {
    const VrfAndIpGenPrefix& vrfPrefix = info.vrfPrefix();
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
@@ -483,11 +522,11 @@ void KivSegmentPrefixProcessorSm::removePrefixCommon(const KivSegmentHwInfo& inf
       if (saved.routeInfo().routeType() != RouteType::routeTypeInvalid) {
          if (!programRoute(vrfPrefix, saved.routeInfo(), RouteInfo())) {
             TRACE5(" Segment-only prefix: " << prefix << " could not be removed from hw");
-            return;
+            return false;
          }
       }
       TRACE5(" Segment-only prefix: " << prefix << " removed from hw ");
-      return;
+      return true;
    }
    Zop::Ptr<AdjEntry> adjInfo = getAdjacencyInfo(vrfPrefix, l3Status_);
    ZOP_ASSERT(adjInfo, "Adjacency Info not found", kSource);
@@ -510,6 +549,7 @@ void KivSegmentPrefixProcessorSm::removePrefixCommon(const KivSegmentHwInfo& inf
            KivSegmentRouteInfo(vrfPrefix, coveringHwId, refreshed))) {
       TRACE5(" updateHardwareId failed for " << prefix);
    }
+   return true;
 }
 
 // ---- Re-id ----

@@ -17,6 +17,7 @@
 // remove), FibRouteHwIdUpdateHelper.cpp (queueing the FIB routes beneath a
 // changed prefix), KivSegmentPrefixNextHopMonitor.cpp (resolver reports).
 
+#include <map>
 #include <memory>
 
 #include "Firewall/HwConfig.h"
@@ -78,7 +79,10 @@ public:
    bool addPrefixToHwWithDropNh(const KivSegmentHwInfo& info, const RouteInfo& oldRouteInfo);
    void removeIpPrefix(const KivSegmentHwInfo& info);
    void removeIp6Prefix(const KivSegmentHwInfo& info);
-   void removePrefixCommon(const KivSegmentHwInfo& info, const KivSegmentRouteInfo& saved);
+   // Takes the prefix out of hardware, or gives a FIB route of the same
+   // prefix the id of the next covering segment prefix. False when the
+   // hardware refused to remove a segment-only route: it is still there.
+   bool removePrefixCommon(const KivSegmentHwInfo& info, const KivSegmentRouteInfo& saved);
    void updateInstalledPrefixHwId(const VrfAndIpGenPrefix& vrfPrefix);
    int32_t updatePrefixCount(SegmentHwId hwId, bool increment);
    void maybeReleaseSegmentHwId(const VrfAndIpGenPrefix& vrfPrefix, SegmentHwId hwId);
@@ -135,6 +139,9 @@ private:
                      const RouteInfo& newRouteInfo);
    void addPrefix(const KivSegmentHwInfo& info);
    void removePrefix(const KivSegmentHwInfo& info);
+   // A removal the hardware refused: the prefix is queued for review again,
+   // up to a bounded number of attempts.
+   void retryRemoval(const VrfAndIpGenPrefix& vrfPrefix);
 
    Zop::Ptr<Ruv::TaskScheduler> scheduler_;
    Zop::Ptr<RouteReactorConfig> routeConfig_;
@@ -159,6 +166,8 @@ private:
    Zop::Ptr<VrfPrefixCollection> fibRouteReivewList_;
    Zop::Ptr<FibRouteReactorSm> fibRouteSm_;
    Zop::Ptr<Ruv::Task> segmentSubnetTask_;
+   // Refused removals of each prefix still being retried.
+   std::map<VrfAndIpGenPrefix, uint32_t> removalFailures_;
    std::unique_ptr<ReviewListNotifiee> reviewListNotifiee_;
    std::unique_ptr<RouteStatusNotifiee> routeStatusNotifiee_;
    std::unique_ptr<Route6StatusNotifiee> route6StatusNotifiee_;

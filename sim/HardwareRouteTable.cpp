@@ -96,11 +96,13 @@ bool HardwareRouteTable::programRoute(const Key& key, const RouteInfo& oldRouteI
       }
       entries_.erase(it);
       ++counters_.routePrograms;
+      checkRoom();
       return true;
    }
    if (it == entries_.end()) {
       if (capacity_ && entries_.size() >= *capacity_) {
          ++counters_.refusals;
+         resourceFullIs(true);
          return false;
       }
       entries_.emplace(key, Entry{newRouteInfo, SegmentHwId(0), Owner::segmentRoute});
@@ -167,6 +169,7 @@ bool HardwareRouteTable::fibRouteDel(const Key& key) {
    }
    entries_.erase(it);
    ++counters_.fibWrites;
+   checkRoom();
    return true;
 }
 
@@ -180,6 +183,27 @@ void HardwareRouteTable::faultIs(const Key& key, Fault fault) {
       faults_.erase(key);
    } else {
       faults_[key] = fault;
+   }
+}
+
+void HardwareRouteTable::capacityIs(std::optional<size_t> n) {
+   capacity_ = n;
+   checkRoom();
+}
+
+void HardwareRouteTable::resourceFullIs(bool full) {
+   if (full == resourceFull_) {
+      return;
+   }
+   resourceFull_ = full;
+   if (resourceListener_) {
+      resourceListener_(full);
+   }
+}
+
+void HardwareRouteTable::checkRoom() {
+   if (resourceFull_ && (!capacity_ || entries_.size() < *capacity_)) {
+      resourceFullIs(false);
    }
 }
 

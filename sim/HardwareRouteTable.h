@@ -40,10 +40,16 @@
 // hardwareIdIs on it fails and the fault clears) or always. A refused call
 // answers false and changes nothing. Every refusal, by fault or for want of
 // space, is counted.
+// Resource state: the first new entry refused for want of space makes the
+// table full; once an entry is freed below the capacity (or the capacity is
+// raised or lifted) it is normal again. Each change of state, and only a
+// change, is reported to the resource listener, the platform's hook for its
+// resource syslogs.
 //
 // All of it runs on the reactor thread and calls nothing back.
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <vector>
@@ -126,8 +132,16 @@ public:
    Fault fault(const Key& key) const;
    // At most `n` entries; none means no limit (the default). Lowering the
    // limit below the current size removes nothing; only new entries wait.
-   void capacityIs(std::optional<size_t> n) { capacity_ = n; }
+   void capacityIs(std::optional<size_t> n);
    std::optional<size_t> capacity() const { return capacity_; }
+   // Whether a write was refused for want of space since there was last
+   // room; see "Resource state" above.
+   bool resourceFull() const { return resourceFull_; }
+   // Called with the new state on each change of resourceFull(), after the
+   // write (or capacity change) that made it. It must not call back into the
+   // table.
+   using ResourceListener = std::function<void(bool full)>;
+   void resourceListenerIs(ResourceListener listener) { resourceListener_ = std::move(listener); }
 
    const Counters& counters() const { return counters_; }
    // One line per error, oldest first (at most kErrorLogLimit).
@@ -137,10 +151,15 @@ private:
    // Consumes a one-time fault; true when the call must be refused.
    bool refusedByFault(const Key& key);
    void logError(const Zop::String& line);
+   void resourceFullIs(bool full);
+   // After an entry went or the capacity changed: normal again if there is room.
+   void checkRoom();
 
    std::map<Key, Entry> entries_;
    std::map<Key, Fault> faults_;
    std::optional<size_t> capacity_;
+   bool resourceFull_ = false;
+   ResourceListener resourceListener_;
    Counters counters_;
    std::vector<Zop::String> errorLog_;
 };

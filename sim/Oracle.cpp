@@ -170,6 +170,57 @@ Oracle::Expected Oracle::expected() const {
    return ex;
 }
 
+std::vector<std::pair<HardwareRouteTable::Key, Zop::String>> Oracle::recordDifferences() const {
+   std::vector<std::pair<Key, Zop::String>> out;
+   if (!in_.segmentRoutes) {
+      return out;
+   }
+   const auto& hardware = in_.hardware->entries();
+   // The recorded prefixes of each VRF with their ids, saved ones included:
+   // the FIB routes beneath a prefix carry its id before it is programmed.
+   std::map<VrfId, VrfSegments> recorded;
+   for (const auto& [vrfPrefix, record] : in_.segmentRoutes->routeInfo()) {
+      recorded[vrfPrefix.vrfId()].prefixes[vrfPrefix.prefix()] = record.hwId();
+      const Key key{vrfPrefix.vrfId(), vrfPrefix.prefix()};
+      if (record.routeInfo().routeType() == RouteType::routeTypeInvalid) {
+         continue;  // saved until the resolver answers: claims nothing
+      }
+      const Zop::String text = "record " + entryText(record.routeInfo(), record.hwId());
+      auto it = hardware.find(key);
+      if (it == hardware.end()) {
+         out.emplace_back(key, text + ", not in hardware");
+      } else if (it->second.owner == Owner::segmentRoute &&
+                 (it->second.routeInfo != record.routeInfo() ||
+                  it->second.classId != record.hwId())) {
+         out.emplace_back(key, text + ", hardware holds " + describe(it->second));
+      }
+   }
+   for (auto& entry : recorded) {
+      entry.second.finish();
+   }
+   for (const auto& [key, entry] : hardware) {
+      if (entry.owner == Owner::segmentRoute) {
+         const Kiv::KivSegmentRouteInfo* record =
+             in_.segmentRoutes->routeInfoFind(VrfAndIpGenPrefix(key.vrfId, key.prefix));
+         if (!record || record->routeInfo().routeType() == RouteType::routeTypeInvalid) {
+            out.emplace_back(key, describe(entry) + " in hardware without a record" +
+                                      (record ? " that claims it" : ""));
+         }
+         continue;
+      }
+      auto vrf = recorded.find(key.vrfId);
+      const SegmentHwId want =
+          vrf == recorded.end() ? SegmentHwId(0) : vrf->second.cover(key.prefix);
+      if (entry.classId != want) {
+         out.emplace_back(key,
+                          "FIB route carries id " + std::to_string(entry.classId.value()) +
+                              ", the records give it id " + std::to_string(want.value()) +
+                              (want == SegmentHwId(0) ? " (no recorded prefix covers it)" : ""));
+      }
+   }
+   return out;
+}
+
 std::vector<Zop::String> Oracle::check() const {
    const Expected ex = expected();
    const auto& actual = in_.hardware->entries();
@@ -221,6 +272,9 @@ std::vector<Zop::String> Oracle::check() const {
       }
    }
    for (const auto& [key, text] : ex.problems) {
+      add(key, text);
+   }
+   for (const auto& [key, text] : recordDifferences()) {
       add(key, text);
    }
 

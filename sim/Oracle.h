@@ -4,9 +4,10 @@
 // that must hold once everything has settled, and lists every difference
 // from the hardware table.
 //
-// It reads only published state (the objects in Inputs), never the segment
-// library's own records, and computes by brute force, so it shares no
-// algorithm with what it judges.
+// What must hold it computes from published state only, never from the
+// segment library's own records, by brute force, so it shares no algorithm
+// with what it judges. The records are given only to be compared with the
+// hardware, as a second view (see "Records" below).
 //
 // The rules:
 //   Counting segment prefixes (only while the feature runs): a prefix-list
@@ -42,11 +43,27 @@
 // may be in hardware), and no hw-id request may be left: each request left,
 // and each grant left without its request, is a line of its own.
 //
+// Records: when the library's KivSegmentRouteInfoColl is given, its records
+// must describe the hardware, whatever the configuration says (a route the
+// hardware refused to remove is still recorded, and still holds its id):
+//   - a record with a route type claims hardware: its prefix has an entry;
+//     a segment route's entry forwards with the record's route info and
+//     carries its id;
+//   - a segment route's entry has a record that claims hardware;
+//   - a FIB route's entry carries the id of the longest recorded prefix of
+//     its VRF containing it (equal or shorter), or 0 when none does.
+//
 // check() returns one line per difference, sorted by VRF name, then the
-// hardware lines by prefix, then the id lines by segment (a VRF unknown to the
-// L3 status shows as "vrf#<id>"), e.g.
+// hardware and record lines by prefix, then the id lines by segment (a VRF
+// unknown to the L3 status shows as "vrf#<id>"), e.g.
 //   red 10.1.0.0/16: expected routeTypeDrop adj 1048578 id 5 (segment route), found
 //   routeTypeDrop adj 1048578 id 0 (segment route)
+//   red 10.2.0.0/16: record routeTypeDrop adj 1048578 id 5, not in hardware
+//   red 10.3.0.0/16: record routeTypeDrop adj 1048578 id 5, hardware holds routeTypeDrop adj
+//   1048578 id 0 (segment route)
+//   red 10.4.0.0/16: routeTypeDrop adj 1048578 id 5 (segment route) in hardware without a record
+//   red 10.4.1.0/24: FIB route carries id 5, the records give it id 0 (no recorded prefix covers
+//   it)
 //   red segment 'web': id request left while the feature is off
 //   red segment 'db': id 6 granted without a request while the feature is off
 // An empty list means the hardware (and the id handshake) is exactly as it
@@ -57,6 +74,7 @@
 #include <vector>
 
 #include "Firewall/HwConfig.h"
+#include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
 #include "Routing/FibRoute.h"
 #include "Routing/L3Status.h"
 #include "Routing/RouteReactor.h"
@@ -81,6 +99,9 @@ public:
       // The id requests, looked at while the feature does not run; null:
       // not looked at.
       Zop::Ptr<const SegmentIdRequest> segmentIdRequest;
+      // The library's records, compared with the hardware; null: not looked
+      // at.
+      Zop::Ptr<const Kiv::KivSegmentRouteInfoColl> segmentRoutes;
    };
 
    explicit Oracle(Inputs inputs);
@@ -102,6 +123,10 @@ public:
    static bool validSegmentPrefix(const Pexo::IpGenPrefix& prefix);
 
 private:
+   // One line (key, text) per difference between the records and the
+   // hardware.
+   std::vector<std::pair<HardwareRouteTable::Key, Zop::String>> recordDifferences() const;
+
    Inputs in_;
 };
 

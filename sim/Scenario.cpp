@@ -281,6 +281,8 @@ bool Scenario::execute(const Words& w, std::ostream& out) {
       grant(w);
    } else if (c == "hwfail") {
       hwfail(w);
+   } else if (c == "hwcapacity") {
+      hwcapacity(w);
    } else if (c == "firewall") {
       usage(w, 2, 2, "firewall on/off");
       switch_->firewallIs(onOff(w[1]));
@@ -513,6 +515,15 @@ void Scenario::hwfail(const Words& w) {
       bad(quoted(w[3]) + " is not on/off/once");
    }
    switch_->hardware().faultIs({id, p}, fault);
+}
+
+void Scenario::hwcapacity(const Words& w) {
+   usage(w, 2, 2, "hwcapacity N/none");
+   if (w[1] == "none") {
+      switch_->hardware().capacityIs(std::nullopt);
+   } else {
+      switch_->hardware().capacityIs(size_t(number(w[1], "capacity", ~uint64_t(0))));
+   }
 }
 
 void Scenario::fwVrf(const Words& w) {

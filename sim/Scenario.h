@@ -89,6 +89,7 @@ private:
    void allocator(const Words& w);
    void grant(const Words& w);
    void hwfail(const Words& w);
+   void hwcapacity(const Words& w);
    void fwVrf(const Words& w);
    void segment(const Words& w);
    void prefix(const Words& w);

@@ -23,6 +23,8 @@ constexpr std::array kCommands = {
     ScenarioCommand{"grant", "grant VRF SEGMENT [ID]", "grant a pending hw id request"},
     ScenarioCommand{"hwfail", "hwfail VRF PREFIX on/off/once",
                     "make hardware programming of a prefix fail"},
+    ScenarioCommand{"hwcapacity", "hwcapacity N/none",
+                    "the hardware table's room for entries (none: unlimited)"},
     ScenarioCommand{"counters",
                     "counters VRF policy NAME HITS DROPS | counters VRF segment DST SRC HITS "
                     "DROPS | counters VRF default-drop DST DROPS (or delete for the counts)",

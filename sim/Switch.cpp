@@ -60,7 +60,13 @@ Switch::Switch(Options options)
        fibRoutes6_, hardware_->routeSmHelper(), hardware_->route6SmHelper(),
        hardware_->segmentRouteHelper(), fwConfig_, segmentIdRequest_, segmentIdResponse_,
        segmentReviewList_, prefixCount_, segmentRoutesList_, status_);
-   Kiv::kivSegmentSecuritySyslogInit(syslogRegistry_);
+   const Kiv::KivSegmentSecuritySyslog& syslog = Kiv::kivSegmentSecuritySyslogInit(syslogRegistry_);
+   // The platform reports the hardware table running out of room, and room
+   // coming back, with the feature's messages.
+   hardware_->resourceListenerIs([registry = syslogRegistry_, full = syslog.hwResourceFull,
+                                  normal = syslog.hwResourceNormal](bool isFull) {
+      registry->raise(isFull ? full : normal);
+   });
    if (!manual_) {
       root_ = Kiv::kivSegmentSecurityRootSmFactory(
           fwConfig_, ipStatus_, ip6Status_, segmentReviewList_, segmentIdRequest_,
@@ -119,6 +125,7 @@ Oracle Switch::oracle() const {
    in.hardware = hardware_;
    in.status = status_;
    in.segmentIdRequest = segmentIdRequest_;
+   in.segmentRoutes = segmentRoutesList_;
    return Oracle(std::move(in));
 }
 

@@ -25,7 +25,9 @@
 //      id, settle so it is granted, then review the prefix).
 //
 // The library's syslog messages are defined in this switch's registry at
-// construction, so what the library raises lands in syslogRecords(). The
+// construction, so what the library raises lands in syslogRecords(), as do
+// the hardware resource messages the switch itself raises when its hardware
+// table refuses a write for want of space and when room comes back. The
 // messages are the library's own, one set per process: with several switches
 // alive, the last one built receives them.
 

@@ -149,6 +149,46 @@ TEST(ConfigScenario, OldRoutesAreClearedBeforeTheVrfsStart) {
    EXPECT_EQ(f.hwId("red", "10.1.0.0/16"), f.idOf("red", "web"));
 }
 
+// A teardown does not finish while a route it must remove stays in hardware:
+// the feature waits, holding the route's id, instead of reporting a clean
+// teardown. Once the hardware takes writes again, switching the feature on
+// and off again ends it properly.
+TEST(ConfigScenario, TeardownWaitsForARouteTheHardwareKeeps) {
+   Feature f(Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(1));
+   f.vrf("red", 1);
+   f.fib("red", "10.30.1.0/24", 31);
+   f.prefix("red", "10.30.0.0/16", "web");
+   f.prefix("red", "10.31.0.0/16", "db");
+   f.sw.firewallIs(true);
+   f.settleAndCheck();
+   const sim::HardwareRouteTable::Key stuck{VrfId(1), pfx("10.30.0.0/16")};
+   f.sw.hardware().faultIs(stuck, sim::HardwareRouteTable::Fault::always);
+
+   f.sw.firewallIs(false);
+   f.sw.settle();
+   EXPECT_FALSE(f.running());
+   EXPECT_TRUE(f.sw.status()->waitForRoutesCleanup());
+   EXPECT_TRUE(f.sw.status()->segmentSecuritySetupComplete());
+   EXPECT_TRUE(f.sw.hardware().entry(stuck));
+   EXPECT_EQ(f.sw.segmentRoutesList()->routeInfoCount(), 1u);
+   EXPECT_FALSE(f.sw.hardware().entry({VrfId(1), pfx("10.31.0.0/16")}));
+   EXPECT_EQ(f.sw.hardware().counters().refusals, 3u);
+   // The id stays with the route that carries it; the other one is gone.
+   EXPECT_EQ(f.leakedIds(),
+             std::vector<std::string>{valueToStrep(SegmentIdRequestKey(VrfId(1), "web"))});
+
+   f.sw.hardware().faultIs(stuck, sim::HardwareRouteTable::Fault::none);
+   f.sw.firewallIs(true);
+   f.settleAndCheck();
+   EXPECT_TRUE(f.running());
+   f.sw.firewallIs(false);
+   f.settleAndCheck();
+   EXPECT_FALSE(f.sw.status()->waitForRoutesCleanup());
+   EXPECT_EQ(f.sw.segmentRoutesList()->routeInfoCount(), 0u);
+   EXPECT_FALSE(f.sw.hardware().entry(stuck));
+   EXPECT_EQ(f.hwId("red", "10.30.1.0/24"), SegmentHwId(0));
+}
+
 TEST(ConfigScenario, HandshakeWaitsForABusyRoutingLayerAndAnUnreadyHelper) {
    Feature f;
    twoVrfs(f);

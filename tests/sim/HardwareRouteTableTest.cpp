@@ -161,3 +161,38 @@ TEST(SimHardwareRouteTable, RefusalsOnceAlwaysAndWhenFull) {
    EXPECT_TRUE(hw.program(1, "2001:db8::/48", {}, kDrop));
    EXPECT_EQ(hw.table->counters().errors(), 0u);
 }
+
+// The resource state changes on the edges only: full at the first write
+// refused for want of space, normal at the first room after that.
+TEST(SimHardwareRouteTable, ResourceStateIsReportedOnChangeOnly) {
+   Adapters hw;
+   std::vector<bool> reports;
+   hw.table->resourceListenerIs([&](bool full) { reports.push_back(full); });
+   hw.table->capacityIs(2);
+   hw.table->fibRouteIs(hwKey(1, "10.7.0.0/16"), kFib);
+   EXPECT_TRUE(hw.program(1, "10.6.0.0/16", {}, kDrop));
+   hw.table->fibRouteIs(hwKey(1, "10.8.0.0/16"), kFib);  // over the capacity, never refused
+   EXPECT_EQ(reports, std::vector<bool>{}) << "full only once a write is refused";
+
+   EXPECT_FALSE(hw.program(1, "10.5.0.0/16", {}, kDrop));
+   EXPECT_FALSE(hw.program(1, "2001:db8::/48", {}, kDrop));
+   EXPECT_TRUE(hw.table->resourceFull());
+   EXPECT_EQ(reports, std::vector<bool>{true});
+
+   // Three entries for room for two: one freed is not room yet.
+   EXPECT_TRUE(hw.table->fibRouteDel(hwKey(1, "10.8.0.0/16")));
+   EXPECT_EQ(reports, std::vector<bool>{true});
+   EXPECT_TRUE(hw.program(1, "10.6.0.0/16", kDrop, {}));
+   EXPECT_FALSE(hw.table->resourceFull());
+   EXPECT_EQ(reports, (std::vector<bool>{true, false}));
+   EXPECT_TRUE(hw.program(1, "10.5.0.0/16", {}, kDrop));  // fills it, refuses nothing
+   EXPECT_TRUE(hw.table->fibRouteDel(hwKey(1, "10.7.0.0/16")));
+   EXPECT_EQ(reports, (std::vector<bool>{true, false}));
+
+   // Full again, then the limit is lifted.
+   hw.table->fibRouteIs(hwKey(1, "10.7.0.0/16"), kFib);
+   EXPECT_FALSE(hw.program(1, "10.4.0.0/16", {}, kDrop));
+   hw.table->capacityIs(std::nullopt);
+   EXPECT_EQ(reports, (std::vector<bool>{true, false, true, false}));
+   EXPECT_TRUE(hw.program(1, "10.4.0.0/16", {}, kDrop));
+}

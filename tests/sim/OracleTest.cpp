@@ -115,12 +115,61 @@ TEST(SimOracle, AcceptsTheRightHardwareAndNamesEveryWrongEntry) {
    sim::Oracle::Inputs stopped{s.fwConfig,     s.l3Status,  s.fibRoutes,
                                s.fibRoutes6,   s.responses, s.routeStatus,
                                s.route6Status, s.hardware,  Zop::makePtr<SegmentSecurityStatus>(),
-                               nullptr};
+                               nullptr,        nullptr};
    const auto ex = sim::Oracle(stopped).expected();
    EXPECT_EQ(ex.entries.size(), 4u);
    for (const auto& [key, entry] : ex.entries) {
       EXPECT_EQ(entry.classId, SegmentHwId(0)) << sim::keyText(key);
    }
+}
+
+// The library's records against the hardware: a second view that holds
+// whatever the configuration says.
+TEST(SimOracle, NamesEveryDifferenceBetweenTheRecordsAndTheHardware) {
+   NestedSegments s;
+   auto records = Kiv::kivSegmentRouteInfoCollFactory();
+   auto record = [&](const char* p, uint16_t id, const RouteInfo& r) {
+      records->routeInfoIs(
+          Kiv::KivSegmentRouteInfo(VrfAndIpGenPrefix(VrfId(1), pfx(p)), SegmentHwId(id), r));
+   };
+   record("10.0.0.0/8", 5, kRedDrop4);
+   record("2001:db8::/32", 5, kRedDrop6);
+   record("10.1.0.0/16", 6, RouteInfo(RouteType::routeTypeForward, 8));
+   sim::Oracle::Inputs in{s.fwConfig,  s.l3Status,    s.fibRoutes,    s.fibRoutes6,
+                          s.responses, s.routeStatus, s.route6Status, s.hardware,
+                          nullptr,     nullptr,       records};
+   const sim::Oracle oracle(in);
+   EXPECT_EQ(oracle.check(), Lines());
+
+   // A prefix saved until the resolver answers claims no hardware, but the
+   // FIB routes beneath it carry its id.
+   record("192.168.0.0/16", 9, RouteInfo());
+   EXPECT_EQ(oracle.check(), Lines{"red 192.168.0.0/16: FIB route carries id 0, the records give "
+                                   "it id 9"});
+   records->routeInfoDel(VrfAndIpGenPrefix(VrfId(1), pfx("192.168.0.0/16")));
+
+   record("10.8.0.0/16", 9, kRedDrop4);     // claims hardware it is not in
+   record("2001:db8::/32", 4, kRedDrop6);   // another id than the hardware's
+   s.program("10.9.0.0/16", kRedDrop4, 5);  // in hardware, not recorded
+   record("10.2.0.0/16", 5, RouteInfo());   // saved ...
+   s.program("10.2.0.0/16", kRedDrop4, 5);  // ... yet in hardware
+   EXPECT_EQ(oracle.check(),
+             (Lines{"red 10.2.0.0/16: routeTypeDrop adj 1048578 id 5 (segment route) in hardware "
+                    "without a record that claims it",
+                    "red 10.2.0.0/16: unexpected routeTypeDrop adj 1048578 id 5 (segment route)",
+                    "red 10.8.0.0/16: record routeTypeDrop adj 1048578 id 9, not in hardware",
+                    "red 10.9.0.0/16: routeTypeDrop adj 1048578 id 5 (segment route) in hardware "
+                    "without a record",
+                    "red 10.9.0.0/16: unexpected routeTypeDrop adj 1048578 id 5 (segment route)",
+                    "red 2001:db8::/32: record routeTypeDrop adj 1048579 id 4, hardware holds "
+                    "routeTypeDrop adj 1048579 id 5 (segment route)",
+                    "red 2001:db8:1::/48: FIB route carries id 5, the records give it id 4"}));
+
+   // Without the records given, only the expectation is judged.
+   in.segmentRoutes = nullptr;
+   EXPECT_EQ(sim::Oracle(in).check(),
+             (Lines{"red 10.2.0.0/16: unexpected routeTypeDrop adj 1048578 id 5 (segment route)",
+                    "red 10.9.0.0/16: unexpected routeTypeDrop adj 1048578 id 5 (segment route)"}));
 }
 
 TEST(SimOracle, RoutingEnabledPrefixesFollowTheResolver) {
@@ -177,8 +226,9 @@ TEST(SimOracle, WithTheFeatureOffNoSegmentRouteIdOrRequestMayBeLeft) {
    s.responses->statusIs(SegmentIdRequestKey(VrfId(9), "orphan"), {SegmentHwId(8)});
    auto status = Zop::makePtr<SegmentSecurityStatus>();
    status->enabledIs(true);
-   sim::Oracle::Inputs in{s.fwConfig,    s.l3Status,     s.fibRoutes, s.fibRoutes6, s.responses,
-                          s.routeStatus, s.route6Status, s.hardware,  status,       s.requests};
+   sim::Oracle::Inputs in{s.fwConfig,  s.l3Status,    s.fibRoutes,    s.fibRoutes6,
+                          s.responses, s.routeStatus, s.route6Status, s.hardware,
+                          status,      s.requests,    nullptr};
    const sim::Oracle oracle(in);
 
    // Enabled but not set up yet: the feature does not run.

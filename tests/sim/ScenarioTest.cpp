@@ -133,6 +133,8 @@ TEST(Scenario, BadLinesNameTheWordAndChangeNothing) {
        {"allocator auto pool 1-70000", "'70000' is out of range for pool (at most 65534)"},
        {"grant purple web", "unknown VRF 'purple'"},
        {"hwfail red 10.1.0.0/16 sometimes", "'sometimes' is not on/off/once"},
+       {"hwcapacity plenty", "'plenty' is not a number (capacity)"},
+       {"hwcapacity 3 4", "unexpected word '4': hwcapacity N/none"},
        {"firewall of", "'of' is not on/off"},
        {"default-drop", "missing words: default-drop on/off"},
        {"fw-vrf red remove", "unexpected word 'remove': fw-vrf NAME [delete]"},
