@@ -110,6 +110,10 @@ public:
    void handleResolvedIp6Prefix(const VrfAndIpGenPrefix& vrfPrefix);
    void handleResolvedPrefixCommon(const VrfAndIpGenPrefix& vrfPrefix,
                                    const NextHopEntryList& entryList);
+   // The resolver has no answer any more for a watched prefix: a route
+   // programmed from its last answer leaves hardware, and the prefix is saved
+   // until the next answer.
+   void handleResolvedEntryWithdrawn(const VrfAndIpGenPrefix& vrfPrefix);
    void processResolvedEntry(const VrfAndIpGenPrefix& vrfPrefix, RouteType routeType,
                              uint64_t fecId);
 
