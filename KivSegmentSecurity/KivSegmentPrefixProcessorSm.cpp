@@ -441,6 +441,12 @@ void KivSegmentPrefixProcessorSm::addPrefix(const KivSegmentHwInfo& info) {
    if (recorded && !prefix.isHost()) {
       syncFibRouteHwId(vrfPrefix, info.hwId());
    }
+   // Watched exactly while recorded: a refused install leaves no watch
+   // behind, which would outlive the prefix (nothing removes what is not
+   // recorded) and make a later install miss the resolver's standing answer.
+   if (!recorded) {
+      return;
+   }
    if (prefix.isIpv4()) {
       addWatchedPrefix(vrfPrefix.vrfId(), prefix.v4());
    } else {
