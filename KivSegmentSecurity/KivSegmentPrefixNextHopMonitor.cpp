@@ -76,7 +76,7 @@ void KivSegmentPrefixProcessorSm::handleResolvedEntryWithdrawn(const VrfAndIpGen
    if (!recorded || recorded->routeInfo().routeType() == RouteType::routeTypeInvalid) {
       return;
    }
-   Zop::Ptr<L3::VrfStatus> vrfStatus = l3Status_->vrfStatus(l3Status_->vrfName(vrfPrefix.vrfId()));
+   Zop::Ptr<L3::VrfStatus> vrfStatus = vrfL3Status(vrfPrefix.vrfId());
    if (!vrfStatus || !vrfStatus->routingEnabled(vrfPrefix.prefix().af()) ||
        isFibRoute(vrfPrefix, l3Status_)) {
       return;
