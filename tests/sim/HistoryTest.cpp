@@ -8,9 +8,10 @@
 //
 // The `soak` target runs thousands.
 //
-// The histories and their judge are in tests/support/History.h.
-// A history that aborts (a broken invariant) fails too: replayed alone, each
-// attempt runs in a child process, so it is shrunk like the others.
+// The histories and their judge are in tests/support/History.h. A history
+// that aborts (a broken invariant) or hangs (still running after a minute)
+// fails too: replayed alone, each attempt runs in a child process, so it is
+// shrunk like the others.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -48,6 +49,9 @@ namespace {
 using KivTest::Generator;
 using KivTest::Lines;
 using KivTest::Runner;
+
+// A history still running after this long is taken to hang.
+constexpr unsigned kHistorySeconds = 60;
 
 uint64_t envNumber(const char* name, uint64_t fallback) {
    const char* text = std::getenv(name);
@@ -144,6 +148,7 @@ int apart(const std::function<int(const std::function<void(const std::string&)>&
       dup2(fds[1], STDERR_FILENO);
       const int devnull = open("/dev/null", O_WRONLY);
       dup2(devnull, STDOUT_FILENO);
+      alarm(kHistorySeconds);  // a history that hangs is stopped
       const int code = work([&](const std::string& text) {
          const std::string line = text + "\n";
          (void)!write(fds[1], line.data(), line.size());
@@ -162,6 +167,9 @@ int apart(const std::function<int(const std::function<void(const std::string&)>&
    std::istringstream in(text);
    for (std::string line; std::getline(in, line);) {
       heard.push_back(line);
+   }
+   if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
+      heard.push_back("(still running after " + std::to_string(kHistorySeconds) + " s: it hangs)");
    }
    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
@@ -298,16 +306,16 @@ std::string report(uint64_t seed, const Lines& original, const Lines& minimal,
    return out.str();
 }
 
-// A history that aborts, or that a sanitizer stops, takes the whole test with
-// it: this names its seed on the way out.
+// A history that aborts, that a sanitizer stops, or that hangs takes the
+// whole test with it: this names its seed on the way out.
 char gDeathNote[160];
 void writeDeathNote() {
    (void)!write(STDERR_FILENO, gDeathNote, std::strlen(gDeathNote));
 }
-extern "C" void noteAbort(int) {
+extern "C" void noteDeath(int) {
    writeDeathNote();
    std::signal(SIGABRT, SIG_DFL);
-   std::raise(SIGABRT);
+   std::abort();
 }
 
 TEST(History, RandomHistoriesPassTheJudgeAfterEverySettle) {
@@ -322,27 +330,33 @@ TEST(History, RandomHistoriesPassTheJudgeAfterEverySettle) {
       return;
    }
    const uint64_t count = envNumber("KIV_HISTORIES", 400);
-   auto previous = std::signal(SIGABRT, noteAbort);
+   auto previous = std::signal(SIGABRT, noteDeath);
+   auto previousAlarm = std::signal(SIGALRM, noteDeath);
 #ifdef KIV_HISTORY_SANITIZED
    __sanitizer_set_death_callback(writeDeathNote);
 #endif
    uint64_t lines = 0, checks = 0, faultyChecks = 0, refusals = 0;
    for (uint64_t seed = 1; seed <= count; ++seed) {
       std::snprintf(gDeathNote, sizeof gDeathNote,
-                    "\nhistory of seed %llu died; KIV_HISTORY_SEED=%llu replays and shrinks it\n",
+                    "\nhistory of seed %llu died or hung; KIV_HISTORY_SEED=%llu replays and "
+                    "shrinks it\n",
                     static_cast<unsigned long long>(seed), static_cast<unsigned long long>(seed));
+      alarm(kHistorySeconds);
       const Generated g = generate(seed);
+      alarm(0);
       lines += g.lines.size();
       checks += g.checks;
       faultyChecks += g.faultyChecks;
       refusals += g.refusals;
       if (g.verdict.kind != Verdict::Kind::ok) {
          std::signal(SIGABRT, previous);
+         std::signal(SIGALRM, previousAlarm);
          ADD_FAILURE() << report(seed, g.lines, shrink(g.lines, g.verdict), g.verdict);
          return;
       }
    }
    std::signal(SIGABRT, previous);
+   std::signal(SIGALRM, previousAlarm);
 #ifdef KIV_HISTORY_SANITIZED
    __sanitizer_set_death_callback(nullptr);
 #endif
