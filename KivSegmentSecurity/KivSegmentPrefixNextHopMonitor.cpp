@@ -52,6 +52,8 @@ void KivSegmentPrefixProcessorSm::handleResolvedPrefix(const VrfAndIpGenPrefix& 
    if (entries) {
       NextHopEntryList copy = *entries;  // programming may change the status
       handleResolvedPrefixCommon(vrfPrefix, copy);
+   } else {
+      handleResolvedEntryWithdrawn(vrfPrefix);
    }
 }
 
@@ -62,7 +64,32 @@ void KivSegmentPrefixProcessorSm::handleResolvedIp6Prefix(const VrfAndIpGenPrefi
    if (entries) {
       NextHopEntryList copy = *entries;
       handleResolvedPrefixCommon(vrfPrefix, copy);
+   } else {
+      handleResolvedEntryWithdrawn(vrfPrefix);
    }
+}
+
+void KivSegmentPrefixProcessorSm::handleResolvedEntryWithdrawn(const VrfAndIpGenPrefix& vrfPrefix) {
+   // A watch the processor dropped takes its answer with it after the record
+   // went; only a prefix still recorded, in hardware by an answer, is ours.
+   const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
+   if (!recorded || recorded->routeInfo().routeType() == RouteType::routeTypeInvalid) {
+      return;
+   }
+   Zop::Ptr<L3::VrfStatus> vrfStatus = vrfL3Status(vrfPrefix.vrfId());
+   if (!vrfStatus || !vrfStatus->routingEnabled(vrfPrefix.prefix().af()) ||
+       isFibRoute(vrfPrefix, l3Status_)) {
+      return;
+   }
+   // The route was programmed from an answer that no longer stands: the
+   // prefix waits for the next one, as it did before the first.
+   const KivSegmentRouteInfo routeInfo = *recorded;
+   TRACE5(" RouteResolver withdrew its answer. Removing " << vrfPrefix.prefix() << " from Hw");
+   if (!programRoute(vrfPrefix, routeInfo.routeInfo(), RouteInfo())) {
+      TRACE5(" Failed to remove prefix from Hw");
+      return;
+   }
+   segmentRoutesList_->routeInfoIs(KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), RouteInfo()));
 }
 
 void KivSegmentPrefixProcessorSm::handleResolvedPrefixCommon(const VrfAndIpGenPrefix& vrfPrefix,

@@ -63,6 +63,31 @@ private:
    KivSegmentPrefixProcessorSm& sm_;
 };
 
+class KivSegmentPrefixProcessorSm::L3StatusNotifiee : public L3Status::Notifiee {
+public:
+   explicit L3StatusNotifiee(KivSegmentPrefixProcessorSm& sm) : sm_(sm) {}
+   void handleVrfStatus(const L3::VrfName& name) override { sm_.vrfStatusChanged(name); }
+
+private:
+   KivSegmentPrefixProcessorSm& sm_;
+};
+
+class KivSegmentPrefixProcessorSm::VrfRoutingNotifiee : public L3::VrfStatus::Notifiee {
+public:
+   VrfRoutingNotifiee(KivSegmentPrefixProcessorSm& sm, const L3::VrfName& name)
+       : sm_(sm), name_(name) {}
+   void handleRoutingEnabled() override {
+      sm_.routingFlagChanged(name_, Pexo::AddressFamily::ipv4);
+   }
+   void handleRouting6Enabled() override {
+      sm_.routingFlagChanged(name_, Pexo::AddressFamily::ipv6);
+   }
+
+private:
+   KivSegmentPrefixProcessorSm& sm_;
+   const L3::VrfName name_;
+};
+
 // ---- Life cycle ----
 
 KivSegmentPrefixProcessorSm::KivSegmentPrefixProcessorSm(
@@ -106,6 +131,11 @@ KivSegmentPrefixProcessorSm::KivSegmentPrefixProcessorSm(
    route6StatusNotifiee_->notifierIs(route6Status_);
    reviewListNotifiee_ = std::make_unique<ReviewListNotifiee>(*this);
    reviewListNotifiee_->notifierIs(segmentReviewList_);
+   l3StatusNotifiee_ = std::make_unique<L3StatusNotifiee>(*this);
+   l3StatusNotifiee_->notifierIs(l3Status_);
+   for (const auto& [name, vrfStatus] : l3Status_->vrfStatus()) {
+      vrfStatusChanged(name);
+   }
    handleInitialized();
    segmentSubnetTaskIs(scheduler_, kSegmentSubnetTaskPriority, "SegSubnetTask");
 }
@@ -117,6 +147,8 @@ KivSegmentPrefixProcessorSm::~KivSegmentPrefixProcessorSm() {
    reviewListNotifiee_->notificationActiveIs(false);
    routeStatusNotifiee_->notificationActiveIs(false);
    route6StatusNotifiee_->notificationActiveIs(false);
+   l3StatusNotifiee_->notificationActiveIs(false);
+   vrfRoutingNotifiees_.clear();
 }
 
 void KivSegmentPrefixProcessorSm::handleInitialized() {
@@ -239,6 +271,7 @@ KivSegmentRouteOperationType KivSegmentPrefixProcessorSm::getPrefixRequiredActio
 
 void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
    TRACE8("");
+   queueRoutingChanges();
    // Every member processed leaves the list, so the walk always takes the
    // list's first member; a member removed meanwhile is simply not met.
    while (segmentReviewList_->vrfIpGenPrefixCount() != 0) {
@@ -262,8 +295,12 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
          // Wanted again: earlier refused removals no longer count.
          removalFailures_.erase(member);
       }
+      const bool routingChanged = !routingReview_.empty() && routingReview_.erase(member) != 0;
       if (action == segmentRouteHwIdUpdate) {
          updateInstalledPrefixHwId(member);
+         if (routingChanged) {
+            followRoutingFlag(member);
+         }
       } else {
          SegmentHwId hwId;
          if (action == segmentRouteDelete) {
@@ -403,6 +440,12 @@ void KivSegmentPrefixProcessorSm::addPrefix(const KivSegmentHwInfo& info) {
    // routing flag. A host prefix covers nothing.
    if (recorded && !prefix.isHost()) {
       syncFibRouteHwId(vrfPrefix, info.hwId());
+   }
+   // Watched exactly while recorded: a refused install leaves no watch
+   // behind, which would outlive the prefix (nothing removes what is not
+   // recorded) and make a later install miss the resolver's standing answer.
+   if (!recorded) {
+      return;
    }
    if (prefix.isIpv4()) {
       addWatchedPrefix(vrfPrefix.vrfId(), prefix.v4());
@@ -587,6 +630,90 @@ void KivSegmentPrefixProcessorSm::updateInstalledPrefixHwId(const VrfAndIpGenPre
    }
    if (!prefix.isHost()) {
       syncFibRouteHwId(vrfPrefix, newHwId);
+   }
+}
+
+// ---- A VRF's routing flag ----
+
+void KivSegmentPrefixProcessorSm::vrfStatusChanged(const L3::VrfName& name) {
+   Zop::Ptr<L3::VrfStatus> vrfStatus = l3Status_->vrfStatus(name);
+   if (!vrfStatus) {
+      vrfRoutingNotifiees_.erase(name);
+      return;
+   }
+   auto& notifiee = vrfRoutingNotifiees_[name];
+   if (!notifiee) {
+      notifiee = std::make_unique<VrfRoutingNotifiee>(*this, name);
+   }
+   notifiee->notifierIs(vrfStatus);
+   // A VRF that comes back may come back under the same id before its
+   // prefixes were removed, with other flags and another drop adjacency:
+   // what it forwarded them with is looked at again.
+   routingFlagChanged(name, Pexo::AddressFamily::ipv4);
+   routingFlagChanged(name, Pexo::AddressFamily::ipv6);
+}
+
+void KivSegmentPrefixProcessorSm::routingFlagChanged(const L3::VrfName& name,
+                                                     Pexo::AddressFamily af) {
+   routingChanges_.emplace(name, af);
+   if (segmentSubnetTask_) {
+      segmentSubnetTask_->scheduleTaskLowestDelay(0);
+   }
+}
+
+void KivSegmentPrefixProcessorSm::queueRoutingChanges() {
+   if (routingChanges_.empty()) {
+      return;
+   }
+   std::vector<VrfAndIpGenPrefix> keys;
+   for (const auto& [name, af] : routingChanges_) {
+      const VrfId* vrfId = l3Status_->vrfId(name);
+      if (!vrfId) {
+         continue;  // gone: its prefixes leave with the configuration
+      }
+      const size_t before = keys.size();
+      for (const auto& [key, route] : segmentRoutesList_->routeInfo()) {
+         if (key.vrfId() == *vrfId && key.prefix().af() == af) {
+            keys.push_back(key);
+         }
+      }
+      if (keys.size() != before) {
+         TRACE5(" Routing changed. Vrf: " << name << " " << af
+                                          << " prefixes to review: " << keys.size() - before);
+      }
+   }
+   routingChanges_.clear();
+   for (const auto& key : keys) {
+      routingReview_.insert(key);
+      segmentReviewList_->vrfIpGenPrefixIs(key);
+   }
+}
+
+void KivSegmentPrefixProcessorSm::followRoutingFlag(const VrfAndIpGenPrefix& vrfPrefix) {
+   const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
+   Zop::Ptr<L3::VrfStatus> vrfStatus = vrfL3Status(vrfPrefix.vrfId());
+   if (!recorded || !vrfStatus || isFibRoute(vrfPrefix, l3Status_)) {
+      return;  // a FIB route keeps its own forwarding
+   }
+   const KivSegmentRouteInfo routeInfo = *recorded;
+   const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
+   if (!vrfStatus->routingEnabled(prefix.af())) {
+      Zop::Ptr<AdjEntry> drop = getDropAdjacencyInfo(vrfPrefix.vrfId(), prefix.af(), l3Status_);
+      if (drop && routeInfo.routeInfo() == RouteInfo(drop->routeType(), drop->l2Adj().index())) {
+         return;
+      }
+      TRACE5(" Routing disabled. " << prefix << " goes back to the drop next hop");
+      addPrefixToHwWithDropNh(KivSegmentHwInfo(vrfPrefix, segmentRouteAdd, routeInfo.hwId()),
+                              routeInfo.routeInfo());
+      return;
+   }
+   // Routing on: the resolver's answer decides; without one the prefix is
+   // only saved.
+   TRACE5(" Routing enabled. " << prefix << " follows the RouteResolver");
+   if (prefix.isIpv4()) {
+      handleResolvedPrefix(vrfPrefix);
+   } else {
+      handleResolvedIp6Prefix(vrfPrefix);
    }
 }
 

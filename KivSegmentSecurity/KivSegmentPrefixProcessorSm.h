@@ -19,6 +19,8 @@
 
 #include <map>
 #include <memory>
+#include <set>
+#include <utility>
 
 #include "Firewall/HwConfig.h"
 #include "Kiv/KivExport.h"
@@ -87,6 +89,15 @@ public:
    int32_t updatePrefixCount(SegmentHwId hwId, bool increment);
    void maybeReleaseSegmentHwId(const VrfAndIpGenPrefix& vrfPrefix, SegmentHwId hwId);
 
+   // ---- A VRF's routing flag ----
+   // A segment prefix that is not a FIB route forwards as the VRF's routing
+   // flag of its family says: with the drop next hop where the VRF does not
+   // route, as the resolver answers where it does (absent until it answers).
+   // A flag change, or the VRF's status coming (back), queues the VRF's
+   // recorded prefixes of the family for review, and their review brings each
+   // one in line.
+   void followRoutingFlag(const VrfAndIpGenPrefix& vrfPrefix);
+
    // ---- FIB routes beneath a changed segment prefix ----
    void syncFibRouteHwId(const VrfAndIpGenPrefix& vrfPrefix, SegmentHwId hwId);
 
@@ -99,6 +110,10 @@ public:
    void handleResolvedIp6Prefix(const VrfAndIpGenPrefix& vrfPrefix);
    void handleResolvedPrefixCommon(const VrfAndIpGenPrefix& vrfPrefix,
                                    const NextHopEntryList& entryList);
+   // The resolver has no answer any more for a watched prefix: a route
+   // programmed from its last answer leaves hardware, and the prefix is saved
+   // until the next answer.
+   void handleResolvedEntryWithdrawn(const VrfAndIpGenPrefix& vrfPrefix);
    void processResolvedEntry(const VrfAndIpGenPrefix& vrfPrefix, RouteType routeType,
                              uint64_t fecId);
 
@@ -131,6 +146,15 @@ private:
    class ReviewListNotifiee;
    class RouteStatusNotifiee;
    class Route6StatusNotifiee;
+   class L3StatusNotifiee;
+   class VrfRoutingNotifiee;
+
+   // The VRF's status entry appeared, changed or went: watch its flags.
+   void vrfStatusChanged(const L3::VrfName& name);
+   void routingFlagChanged(const L3::VrfName& name, Pexo::AddressFamily af);
+   // Puts the recorded prefixes of every VRF and family whose routing flag
+   // changed on the review list.
+   void queueRoutingChanges();
 
    Zop::Ptr<L3::VrfStatus> vrfL3Status(VrfId vrfId) const;
    // The route info of the FIB route of `vrfPrefix`, from its adjacency.
@@ -168,9 +192,15 @@ private:
    Zop::Ptr<Ruv::Task> segmentSubnetTask_;
    // Refused removals of each prefix still being retried.
    std::map<VrfAndIpGenPrefix, uint32_t> removalFailures_;
+   // VRFs and families whose routing flag changed, not yet queued.
+   std::set<std::pair<L3::VrfName, Pexo::AddressFamily>> routingChanges_;
+   // Prefixes queued for review because their VRF's routing flag changed.
+   std::set<VrfAndIpGenPrefix> routingReview_;
    std::unique_ptr<ReviewListNotifiee> reviewListNotifiee_;
    std::unique_ptr<RouteStatusNotifiee> routeStatusNotifiee_;
    std::unique_ptr<Route6StatusNotifiee> route6StatusNotifiee_;
+   std::unique_ptr<L3StatusNotifiee> l3StatusNotifiee_;
+   std::map<L3::VrfName, std::unique_ptr<VrfRoutingNotifiee>> vrfRoutingNotifiees_;
 };
 
 KIV_EXPORT Zop::Ptr<KivSegmentPrefixProcessorSm> kivSegmentPrefixProcessorSmFactory(

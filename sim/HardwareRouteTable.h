@@ -130,6 +130,8 @@ public:
    // ---- Faults and limits ----
    void faultIs(const Key& key, Fault fault);
    Fault fault(const Key& key) const;
+   // Every key with a fault still set (a once fault goes when it is used).
+   const std::map<Key, Fault>& faults() const { return faults_; }
    // At most `n` entries; none means no limit (the default). Lowering the
    // limit below the current size removes nothing; only new entries wait.
    void capacityIs(std::optional<size_t> n);

@@ -122,11 +122,12 @@ public:
    // Whether a configured prefix can be a segment prefix at all.
    static bool validSegmentPrefix(const Pexo::IpGenPrefix& prefix);
 
-private:
-   // One line (key, text) per difference between the records and the
-   // hardware.
+   // The differences between the records and the hardware (see "Records"),
+   // each with its key; none when no records are given. check() has them
+   // among its lines.
    std::vector<std::pair<HardwareRouteTable::Key, Zop::String>> recordDifferences() const;
 
+private:
    Inputs in_;
 };
 

@@ -150,6 +150,7 @@ public:
    void vrfStatusIs(const Zop::Ptr<VrfStatus>& s) { vrfStatus_.is(*this, s->name(), s); }
    void vrfStatusDel(const VrfName& name) { vrfStatus_.del(*this, name); }
    Zop::Ptr<VrfStatus> vrfStatus(const VrfName& name) const { return vrfStatus_.get(name); }
+   const auto& vrfStatus() const { return vrfStatus_; }
 
    // The index of a VRF's drop FECs; 0 when the name is not listed.
    void vrfDropIndexIs(const VrfName& name, uint16_t index) {
