@@ -90,6 +90,7 @@ struct Generated {
    uint64_t checks = 0;
    uint64_t faultyChecks = 0;
    uint64_t refusals = 0;  // writes the hardware refused
+   uint64_t commands = 0;  // CLI commands judged
 };
 
 // The history of `seed`: its accepted lines, judged as they run; it stops at
@@ -128,6 +129,7 @@ Generated generate(uint64_t seed, const std::function<void(const std::string&)>&
    g.checks = runner.checks();
    g.faultyChecks = runner.faultyChecks();
    g.refusals = runner.sw().hardware().counters().refusals;
+   g.commands = runner.commands();
    return g;
 }
 
@@ -335,7 +337,7 @@ TEST(History, RandomHistoriesPassTheJudgeAfterEverySettle) {
 #ifdef KIV_HISTORY_SANITIZED
    __sanitizer_set_death_callback(writeDeathNote);
 #endif
-   uint64_t lines = 0, checks = 0, faultyChecks = 0, refusals = 0;
+   uint64_t lines = 0, checks = 0, faultyChecks = 0, refusals = 0, commands = 0;
    for (uint64_t seed = 1; seed <= count; ++seed) {
       std::snprintf(gDeathNote, sizeof gDeathNote,
                     "\nhistory of seed %llu died or hung; KIV_HISTORY_SEED=%llu replays and "
@@ -348,6 +350,7 @@ TEST(History, RandomHistoriesPassTheJudgeAfterEverySettle) {
       checks += g.checks;
       faultyChecks += g.faultyChecks;
       refusals += g.refusals;
+      commands += g.commands;
       if (g.verdict.kind != Verdict::Kind::ok) {
          std::signal(SIGABRT, previous);
          std::signal(SIGALRM, previousAlarm);
@@ -365,7 +368,8 @@ TEST(History, RandomHistoriesPassTheJudgeAfterEverySettle) {
    RecordProperty("checks", int(checks));
    std::cout << "histories: " << count << ", lines run: " << lines << ", settles judged: " << checks
              << " (" << faultyChecks
-             << " after hardware faults), hardware writes refused: " << refusals << "\n";
+             << " after hardware faults), hardware writes refused: " << refusals
+             << ", CLI commands judged: " << commands << "\n";
 }
 
 }  // namespace

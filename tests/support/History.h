@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "sim/Scenario.h"
+#include "support/Json.h"
 
 namespace KivTest {
 
@@ -94,6 +95,9 @@ public:
          faultKeys_.insert(sim::HardwareRouteTable::Key{
              *sw().routing().vrfId(L3::VrfName(w[1])), Zop::strepToValue<Pexo::IpGenPrefix>(w[2])});
       }
+      if (w[0] == "show" || w[0] == "request" || w[0] == "clear") {
+         return judgeCommand(w, out.str());
+      }
       if (w[0] != "settle") {
          return Lines();
       }
@@ -106,12 +110,35 @@ public:
    // Settles judged in full, and while faults may have left something.
    uint64_t checks() const { return checks_; }
    uint64_t faultyChecks() const { return faultyChecks_; }
+   // CLI commands run and judged.
+   uint64_t commands() const { return commands_; }
 
 private:
    static sim::ScenarioOptions options() {
       sim::ScenarioOptions o;
       o.yieldEvery = 1;
       return o;
+   }
+
+   // A CLI command must have completed, left no request behind, and its JSON
+   // must parse.
+   Lines judgeCommand(const std::vector<std::string>& w, const std::string& output) {
+      Lines problems;
+      ++commands_;
+      if (sw().cli()->cliRequestDirSm()->activeCommands() != 0 ||
+          sw().cliRequestDir()->entryCount() != 0) {
+         problems.push_back("a CLI command did not complete");
+      }
+      // A request with an unknown command word makes no reactor and prints
+      // nothing; every show prints a JSON document.
+      if (w.back() == "json" && !(w[0] == "request" && output.empty())) {
+         try {
+            test::parseJson(output);
+         } catch (const std::exception& e) {
+            problems.push_back(std::string("CLI output is not JSON: ") + e.what());
+         }
+      }
+      return problems;
    }
 
    Lines judge() {
@@ -141,6 +168,7 @@ private:
    sim::Scenario scenario_;
    uint64_t lineNo_ = 0;
    uint64_t checks_ = 0;
+   uint64_t commands_ = 0;
    uint64_t faultyChecks_ = 0;
    uint64_t errorsSeen_ = 0;
    // Since a fault was made: what it may have left behind is not judged yet.
@@ -290,7 +318,7 @@ private:
          }
       }
       const std::string v = vrf();
-      switch (rng_() % 32) {
+      switch (rng_() % 36) {
          case 0:
          case 1:
          case 2:
@@ -387,6 +415,58 @@ private:
                return "hwfail " + v + " " + p + (r == 0 ? " on" : r == 1 ? " off" : " once");
             }
             return "settle";
+         case 32: {
+            // A show command over all VRFs, one VRF or one segment.
+            static const char* const kShows[] = {"routes", "detail", "summary"};
+            std::string line = std::string("show ") + pick(kShows);
+            if (chance(2)) {
+               line += " " + v;
+               if (chance(2)) {
+                  line += std::string(" ") + pick(kSegments);
+               }
+            }
+            return line + (chance(3) ? "" : " json");
+         }
+         case 33:
+            return std::string("show counters") + (chance(2) ? " " + v : "") +
+                   (chance(3) ? "" : " json");
+         case 34: {
+            const std::string hits = std::to_string(rng_() % 1000);
+            const std::string drops = std::to_string(rng_() % 100);
+            switch (rng_() % 4) {
+               case 0:
+                  return "counters " + v + " policy p" + std::to_string(rng_() % 3) + " " + hits +
+                         " " + drops;
+               case 1:
+                  return "counters " + v + " segment " + pick(kSegments) + " " + pick(kSegments) +
+                         " " + hits + " " + drops;
+               case 2:
+                  return "counters " + v + " default-drop " + pick(kSegments) + " " + drops;
+               default:
+                  return "counters " + v + " policy p" + std::to_string(rng_() % 3) + " delete";
+            }
+         }
+         case 35: {
+            if (chance(2)) {
+               return "clear counters";
+            }
+            // Raw request texts, well and badly formed.
+            static const char* const kWords[] = {"HardwareRoutes",
+                                                 "HardwareDetail",
+                                                 "HardwareSummary",
+                                                 "ShowHardwareCounters",
+                                                 "hardwareroutes",
+                                                 "",
+                                                 "x"};
+            std::string text = pick(kWords);
+            for (uint64_t n = rng_() % 4; n > 0; --n) {
+               text += "#" + (chance(2) ? v : pick(kSegments));
+            }
+            if (text.empty()) {
+               text = "#";
+            }
+            return "request " + text + (chance(2) ? " json" : "");
+         }
          default:
             return "settle";
       }
