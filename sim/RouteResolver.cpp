@@ -1,5 +1,7 @@
 #include "sim/RouteResolver.h"
 
+#include <vector>
+
 #include "Zop/Assert.h"
 
 namespace sim {
@@ -62,6 +64,15 @@ private:
    RouteResolver& r_;
 };
 
+class RouteResolver::L3Notifiee final : public L3Status::Notifiee {
+public:
+   explicit L3Notifiee(RouteResolver& r) : r_(r) {}
+   void handleVrfName(const VrfId& id) override { r_.vrfChanged(id); }
+
+private:
+   RouteResolver& r_;
+};
+
 RouteResolver::RouteResolver(Zop::Ptr<Ruv::TaskScheduler> scheduler, Zop::Ptr<L3Status> l3Status,
                              Zop::Ptr<KivVrfFibRouteCollection> fibRoutes,
                              Zop::Ptr<KivVrfFibRoute6Collection> fibRoutes6,
@@ -81,8 +92,10 @@ RouteResolver::RouteResolver(Zop::Ptr<Ruv::TaskScheduler> scheduler, Zop::Ptr<L3
       configNotifiee_(std::make_unique<ConfigNotifiee>(*this)),
       config6Notifiee_(std::make_unique<Config6Notifiee>(*this)),
       fibNotifiee_(std::make_unique<FibNotifiee>(*this)),
-      fib6Notifiee_(std::make_unique<Fib6Notifiee>(*this)) {
+      fib6Notifiee_(std::make_unique<Fib6Notifiee>(*this)),
+      l3Notifiee_(std::make_unique<L3Notifiee>(*this)) {
    configNotifiee_->notifierIs(routeConfig_);
+   l3Notifiee_->notifierIs(l3Status_);
    config6Notifiee_->notifierIs(route6Config_);
    fibNotifiee_->notifierIs(fibRoutes_);
    fib6Notifiee_->notifierIs(fibRoutes6_);
@@ -138,6 +151,31 @@ std::optional<uint64_t> RouteResolver::answerAdjIndex(VrfId vrf,
 void RouteResolver::watchChanged(const Key& key) {
    pendingKeys_.insert(key);
    task_->scheduleTask();
+}
+
+void RouteResolver::vrfChanged(VrfId id) {
+   if (l3Status_->vrfNameHas(id)) {
+      // Back (or new): its watched keys are answered with its FIB table.
+      for (const Key& key : watched_) {
+         if (key.vrfId() == id) {
+            pendingKeys_.insert(key);
+         }
+      }
+      task_->scheduleTask();
+      return;
+   }
+   // Gone, with its FIB table: its answers go at once, before the VRF can
+   // come back under the same id with another table, where the FEC indices
+   // they name would mean nothing (or something else).
+   std::vector<Key> gone;
+   for (const auto& [key, answer] : published_) {
+      if (key.vrfId() == id) {
+         gone.push_back(key);
+      }
+   }
+   for (const Key& key : gone) {
+      withdraw(key);
+   }
 }
 
 void RouteResolver::fibChanged(const Key& key) {

@@ -19,11 +19,15 @@
 //      held until the key is watched; a watched key without one gets no
 //      answer. FIB changes do not matter.
 // Changing the mode re-answers every watched key by the new rule. A VRF with
-// no FIB table id resolves to no next hop.
+// no FIB table id resolves to no next hop. A VRF that goes (its name leaves
+// the L3 status) takes its answers with it at once: an answer names a FEC
+// index of the VRF's FIB table, and a VRF that comes back under the same id
+// may have another table. When it comes back, its watched keys are answered
+// again.
 //
-// Watch-list and FIB notifications only note the key and schedule the
-// resolver's task ("SimRouteResolverTask"); the task publishes answers,
-// yielding between keys when the scheduler asks. A watch that goes away
+// Watch-list, FIB and returning-VRF notifications only note the keys and
+// schedule the resolver's task ("SimRouteResolverTask"); the task publishes
+// answers, yielding between keys when the scheduler asks. A watch that goes away
 // takes its answer with it (resolvedEntryDel). Keys are answered in key
 // order, so runs are deterministic.
 
@@ -80,6 +84,7 @@ private:
    class Config6Notifiee;
    class FibNotifiee;
    class Fib6Notifiee;
+   class L3Notifiee;
 
    using Key = VrfAndIpGenPrefix;
    // A published answer: none (empty list), or the FEC used.
@@ -94,6 +99,7 @@ private:
 
    void watchChanged(const Key& key);
    void fibChanged(const Key& key);
+   void vrfChanged(VrfId id);
    void run();
    void answer(const Key& key);
    bool watched(const Key& key) const;
@@ -118,6 +124,7 @@ private:
    std::unique_ptr<Config6Notifiee> config6Notifiee_;
    std::unique_ptr<FibNotifiee> fibNotifiee_;
    std::unique_ptr<Fib6Notifiee> fib6Notifiee_;
+   std::unique_ptr<L3Notifiee> l3Notifiee_;
 
    Mode mode_ = Mode::automatic;
    // Work noted by notifications, done by the task.

@@ -130,3 +130,29 @@ TEST(SimRouteResolver, ManualAnswersOnlyWhatItIsTold) {
    EXPECT_EQ(p.answerAdj(1, "2001:db8::/32"), 0);
    EXPECT_EQ(p.resolver.fecCount(), 2u) << "the FECs of manual answers went with them";
 }
+
+// A VRF that goes takes its answers with it at once; back under the same id
+// with another FIB table, it is answered again with that table's FECs, so no
+// answer ever names a FEC its VRF's table lacks.
+TEST(SimRouteResolver, AVrfThatGoesTakesItsAnswersAndIsAnsweredAgainWhenBack) {
+   simtest::Platform p;
+   AnswerObserver observer(p);
+   ASSERT_TRUE(p.routing.vrfAdd("blue", VrfId(2), true, false).ok());
+   ASSERT_TRUE(p.routing.vrfAdd("red", VrfId(1), true, false).ok());
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("10.0.0.0/8"), 100).ok());
+   p.watch(1, "10.1.0.0/16");
+   p.settle();
+   ASSERT_EQ(p.answerAdj(1, "10.1.0.0/16"), 100);
+   const uint32_t oldTable = *p.routing.fibTableId("red");
+
+   ASSERT_TRUE(p.routing.vrfDelete("blue").ok());
+   ASSERT_TRUE(p.routing.vrfDelete("red").ok());
+   EXPECT_EQ(p.answer(1, "10.1.0.0/16"), nullptr) << "withdrawn before anything else runs";
+   EXPECT_EQ(p.resolver.fecCount(), 0u);
+   ASSERT_TRUE(p.routing.vrfAdd("red", VrfId(1), true, false).ok());
+   ASSERT_NE(*p.routing.fibTableId("red"), oldTable);
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("10.0.0.0/8"), 200).ok());
+   p.settle();
+   EXPECT_EQ(p.answerAdj(1, "10.1.0.0/16"), 200);
+   EXPECT_EQ(observer.unpublished, 0);
+}
