@@ -560,69 +560,6 @@ void showVrfHardwareCounters(lumo::Printer& printer, const L3::VrfName& vrfName,
    printer.endDict();
 }
 
-// ---- ShowSegmentHardwareSummarySm ----
-
-ShowSegmentHardwareSummarySm::ShowSegmentHardwareSummarySm(
-    const Zop::String& name, const Zop::Ptr<Agent::AgentCommandRequest>& request, double timeValue,
-    const Zop::Ptr<Zop::Clock>& clock, const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
-    const Zop::Ptr<const SegmentIdResponse>& hwIdStatus, const Zop::Ptr<const L3Status>& l3Status,
-    const Zop::Ptr<const Firewall::HwConfig>& fwConfig, const Zop::String& vrfName,
-    const Zop::String& segmentName)
-    : AsyncCommandSm(name, request, timeValue, clock),
-      routeInfo_(routeInfo),
-      hwIdStatus_(hwIdStatus),
-      l3Status_(l3Status),
-      fwConfig_(fwConfig),
-      vrfName_(vrfName),
-      segmentName_(segmentName) {}
-
-void ShowSegmentHardwareSummarySm::handleInitialized() {
-   TRACE8_FN("void Kiv::ShowSegmentHardwareSummarySm::handleInitialized()",
-             " VrfName: " << vrfName_ << " segmentName: " << segmentName_);
-   initializeSm();
-}
-
-void ShowSegmentHardwareSummarySm::handleAsyncCommand() {
-   TRACE8_FN("virtual void Kiv::ShowSegmentHardwareSummarySm::handleAsyncCommand()");
-   lumo::Printer& p = printer();
-   p.start();
-   Zop::Ptr<SortedSegmentRouteInfo> sorted = sortedSegmentRouteInfoFactory();
-   getSortedSegmentPrefixInfo(sorted, hwIdStatus_, routeInfo_, l3Status_, fwConfig_);
-   p.startDict("vrfs");
-   if (!vrfName_.empty()) {
-      p.startDictEntry(lumo::StrAttr{"vrf", vrfName_});
-      p.startDict("segments");
-      if (const VrfId* vrfId = requestVrfId(l3Status_, vrfName_)) {
-         showSegmentHardwareSummaryHeader(p, vrfName_);
-         if (!segmentName_.empty()) {
-            showSegmentHardwareSummary(p, *vrfId, segmentName_, sorted, hwIdStatus_, fwConfig_,
-                                       l3Status_);
-         } else {
-            showVrfHardwareSummary(p, *vrfId, sorted, hwIdStatus_, fwConfig_, l3Status_);
-         }
-      }
-      p.endDict();
-      p.endDictEntry();
-   } else {
-      for (const auto& [vrfId, vrf] : sorted->sortedVrf()) {
-         if (!l3Status_->vrfNameHas(vrfId)) {
-            continue;
-         }
-         const Zop::String name = l3Status_->vrfName(vrfId).value();
-         showSegmentHardwareSummaryHeader(p, name);
-         p.startDictEntry(lumo::StrAttr{"vrf", name});
-         p.startDict("segments");
-         showVrfHardwareSummary(p, vrfId, sorted, hwIdStatus_, fwConfig_, l3Status_);
-         p.endDict();
-         p.endDictEntry();
-      }
-   }
-   executionCompletedIs(true);
-   p.endDict();
-   p.end();
-   p.ioflush();
-}
-
 // ---- The detail and routes walk ----
 
 namespace {
@@ -637,6 +574,8 @@ struct VrfWalk {
    const Zop::String& segmentName;
    Zop::Ptr<SortedSegmentRouteInfo>& sortedData;
    Zop::Ptr<SortedVrfRouteInfo>& vrfBookmark;
+   // The summary walks everything in one run.
+   bool mayYield = true;
 
    template <class Legend, class Header, class ShowSegment, class ShowVrf>
    void run(Legend&& legend, Header&& header, ShowSegment&& showSegment, ShowVrf&& showVrf) {
@@ -690,7 +629,7 @@ struct VrfWalk {
             p.endDictEntry();
          }
          const bool madeProgress = !resumed || it != start;
-         if (madeProgress && std::next(it) != vrfs.end() && sm.shouldYield()) {
+         if (mayYield && madeProgress && std::next(it) != vrfs.end() && sm.shouldYield()) {
             p.ioflush();
             return;
          }
@@ -709,9 +648,9 @@ struct VrfWalk {
 
 }  // namespace
 
-// ---- ShowSegmentHardwareDetailSm ----
+// ---- ShowSegmentPrefixInfoSm ----
 
-ShowSegmentHardwareDetailSm::ShowSegmentHardwareDetailSm(
+ShowSegmentPrefixInfoSm::ShowSegmentPrefixInfoSm(
     const Zop::String& name, const Zop::Ptr<Agent::AgentCommandRequest>& request, double timeValue,
     const Zop::Ptr<Zop::Clock>& clock, const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
     const Zop::Ptr<const SegmentIdResponse>& hwIdStatus, const Zop::Ptr<const L3Status>& l3Status,
@@ -724,6 +663,36 @@ ShowSegmentHardwareDetailSm::ShowSegmentHardwareDetailSm(
       fwConfig_(fwConfig),
       vrfName_(vrfName),
       segmentName_(segmentName) {}
+
+// ---- ShowSegmentHardwareSummarySm ----
+
+void ShowSegmentHardwareSummarySm::handleInitialized() {
+   TRACE8_FN("void Kiv::ShowSegmentHardwareSummarySm::handleInitialized()",
+             " VrfName: " << vrfName_ << " segmentName: " << segmentName_);
+   initializeSm();
+}
+
+void ShowSegmentHardwareSummarySm::handleAsyncCommand() {
+   TRACE8_FN("virtual void Kiv::ShowSegmentHardwareSummarySm::handleAsyncCommand()");
+   lumo::Printer& p = printer();
+   p.start();
+   // Built and dropped within the one run.
+   Zop::Ptr<SortedSegmentRouteInfo> sorted = sortedSegmentRouteInfoFactory();
+   Zop::Ptr<SortedVrfRouteInfo> bookmark;
+   getSortedSegmentPrefixInfo(sorted, hwIdStatus_, routeInfo_, l3Status_, fwConfig_);
+   p.startDict("vrfs");
+   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sorted, bookmark, false};
+   walk.run([] {}, [&](const Zop::String& name) { showSegmentHardwareSummaryHeader(p, name); },
+            [&](VrfId vrfId, const Zop::String& segment) {
+               showSegmentHardwareSummary(p, vrfId, segment, sorted, hwIdStatus_, fwConfig_,
+                                          l3Status_);
+            },
+            [&](VrfId vrfId) {
+               showVrfHardwareSummary(p, vrfId, sorted, hwIdStatus_, fwConfig_, l3Status_);
+            });
+}
+
+// ---- ShowSegmentHardwareDetailSm ----
 
 void ShowSegmentHardwareDetailSm::handleInitialized() {
    TRACE8_FN("void Kiv::ShowSegmentHardwareDetailSm::handleInitialized()",

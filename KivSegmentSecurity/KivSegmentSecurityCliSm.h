@@ -208,20 +208,20 @@ KIV_EXPORT void showVrfHardwareCounters(lumo::Printer& printer, const L3::VrfNam
 
 using AsyncCommandSm = Agent::AgentAsyncCommandRequestSm;
 
-class KIV_EXPORT ShowSegmentHardwareSummarySm : public AsyncCommandSm {
+// What the summary and detail commands read: the installed routes, the ids,
+// the VRF names and the configuration, for one VRF or all, one segment or all.
+class KIV_EXPORT ShowSegmentPrefixInfoSm : public AsyncCommandSm {
 public:
-   ShowSegmentHardwareSummarySm(const Zop::String& name,
-                                const Zop::Ptr<Agent::AgentCommandRequest>& request,
-                                double timeValue, const Zop::Ptr<Zop::Clock>& clock,
-                                const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
-                                const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
-                                const Zop::Ptr<const L3Status>& l3Status,
-                                const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
-                                const Zop::String& vrfName, const Zop::String& segmentName);
-   void handleInitialized() override;
-   void handleAsyncCommand() override;
+   ShowSegmentPrefixInfoSm(const Zop::String& name,
+                           const Zop::Ptr<Agent::AgentCommandRequest>& request, double timeValue,
+                           const Zop::Ptr<Zop::Clock>& clock,
+                           const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                           const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                           const Zop::Ptr<const L3Status>& l3Status,
+                           const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                           const Zop::String& vrfName, const Zop::String& segmentName);
 
-private:
+protected:
    Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
    Zop::Ptr<const SegmentIdResponse> hwIdStatus_;
    Zop::Ptr<const L3Status> l3Status_;
@@ -230,17 +230,17 @@ private:
    Zop::String segmentName_;
 };
 
-// The detail and routes commands: one VRF per step, resumable after a yield.
-class KIV_EXPORT ShowSegmentHardwareDetailSm : public AsyncCommandSm {
+class KIV_EXPORT ShowSegmentHardwareSummarySm : public ShowSegmentPrefixInfoSm {
 public:
-   ShowSegmentHardwareDetailSm(const Zop::String& name,
-                               const Zop::Ptr<Agent::AgentCommandRequest>& request,
-                               double timeValue, const Zop::Ptr<Zop::Clock>& clock,
-                               const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
-                               const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
-                               const Zop::Ptr<const L3Status>& l3Status,
-                               const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
-                               const Zop::String& vrfName, const Zop::String& segmentName);
+   using ShowSegmentPrefixInfoSm::ShowSegmentPrefixInfoSm;
+   void handleInitialized() override;
+   void handleAsyncCommand() override;
+};
+
+// The detail and routes commands: one VRF per step, resumable after a yield.
+class KIV_EXPORT ShowSegmentHardwareDetailSm : public ShowSegmentPrefixInfoSm {
+public:
+   using ShowSegmentPrefixInfoSm::ShowSegmentPrefixInfoSm;
    void handleInitialized() override;
    void handleAsyncCommand() override;
 
@@ -248,12 +248,6 @@ public:
    const Zop::Ptr<SortedVrfRouteInfo>& vrfBookmark() const { return vrfBookmark_; }
 
 private:
-   Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
-   Zop::Ptr<const SegmentIdResponse> hwIdStatus_;
-   Zop::Ptr<const L3Status> l3Status_;
-   Zop::Ptr<const Firewall::HwConfig> fwConfig_;
-   Zop::String vrfName_;
-   Zop::String segmentName_;
    Zop::Ptr<SortedSegmentRouteInfo> sortedData_;
    Zop::Ptr<SortedVrfRouteInfo> vrfBookmark_;
 };
