@@ -1,15 +1,22 @@
 #include "sim/Scenario.h"
 
+#include <cxxabi.h>
+#include <malloc.h>
+
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <fstream>
 #include <istream>
 #include <map>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <sstream>
 #include <tuple>
 
 #include "Zop/Error.h"
+#include "Zop/Notifier.h"
 #include "Zop/Value.h"
 #include "sim/ScenarioCommands.h"
 
@@ -174,6 +181,37 @@ std::vector<Pexo::IpGenPrefix> consecutive(const std::string& word, uint64_t cou
 
 constexpr uint64_t kGenLimit = 1'000'000;
 
+uint64_t hwWrites(const HardwareRouteTable::Counters& c) {
+   return c.routePrograms + c.hwIdWrites + c.fibWrites;
+}
+
+// VmHWM of this process; 0 where /proc is not there.
+uint64_t peakResidentKb() {
+   std::ifstream status("/proc/self/status");
+   std::string line;
+   while (std::getline(status, line)) {
+      if (line.rfind("VmHWM:", 0) == 0) {
+         return std::strtoull(line.c_str() + 6, nullptr, 10);
+      }
+   }
+   return 0;
+}
+
+uint64_t heapInUseKb() {
+#ifdef __GLIBC__
+   return uint64_t(mallinfo2().uordblks) / 1024;
+#else
+   return 0;
+#endif
+}
+
+std::string demangled(const char* name) {
+   int status = 0;
+   std::unique_ptr<char, void (*)(void*)> d(abi::__cxa_demangle(name, nullptr, nullptr, &status),
+                                            std::free);
+   return status == 0 && d ? std::string(d.get()) : std::string(name);
+}
+
 }  // namespace
 
 Scenario::Scenario(Options options)
@@ -189,12 +227,24 @@ Scenario::Scenario(Options options)
       Agent::AgentCommandServiceSettings cli;
       cli.bufferSize = 1;
       switch_->cliServiceSettingsIs(cli);
+   } else if (options_.realTimeSlice > 0) {
+      switch_ = std::make_unique<sim::Switch>(
+          Zop::makePtr<Ruv::RealTimeSliceYieldPolicy>(options_.realTimeSlice));
    } else {
       switch_ = std::make_unique<sim::Switch>();
    }
+   if (options_.timeHandlers) {
+      Zop::notificationTimingIs(true);
+      Zop::resetNotificationStatistics();
+   }
+   switch_->scheduler()->resetStatistics();
+   sinceSettleNs_ = Zop::monotonicNow();
 }
 
 Scenario::~Scenario() {
+   if (options_.timeHandlers) {
+      Zop::notificationTimingIs(false);
+   }
    // The switch goes before the Duolog its traces write to.
    switch_.reset();
 }
@@ -299,14 +349,7 @@ bool Scenario::execute(const Words& w, std::ostream& out) {
       policy(w);
    } else if (c == "settle") {
       usage(w, 1, 1, "settle");
-      const Zop::Time virtualStart = switch_->clock()->now();
-      const auto realStart = std::chrono::steady_clock::now();
-      const size_t slices = switch_->settle();
-      const auto real = std::chrono::steady_clock::now() - realStart;
-      stats_.slices += slices;
-      stats_.settles.push_back(
-          {where_, slices, switch_->clock()->now() - virtualStart,
-           std::chrono::duration_cast<std::chrono::nanoseconds>(real).count()});
+      settle();
    } else if (c == "step") {
       step(w);
    } else if (c == "hw") {
@@ -589,6 +632,45 @@ void Scenario::policy(const Words& w) {
    } else {
       dst->sourceSegmentIs(w[3], w[4]);
    }
+}
+
+void Scenario::settle() {
+   const Zop::Time virtualStart = switch_->clock()->now();
+   const Zop::Time realStart = Zop::monotonicNow();
+   const size_t slices = switch_->settle();
+   const Zop::Time realEnd = Zop::monotonicNow();
+   stats_.slices += slices;
+   ScenarioStats::Settle s;
+   s.where = where_;
+   s.slices = slices;
+   s.virtualNs = switch_->clock()->now() - virtualStart;
+   s.realNs = realEnd - realStart;
+   s.commandsNs = realStart - sinceSettleNs_;
+   const uint64_t writes = hwWrites(switch_->hardware().counters());
+   s.hwWrites = writes - hwWritesAtSettle_;
+   hwWritesAtSettle_ = writes;
+   const Ruv::SchedulerStatistics& sched = switch_->scheduler()->statistics();
+   s.longestRunNs = sched.longestRun;
+   s.longestRunTask = sched.longestRunTask;
+   if (s.longestRunNs > stats_.longestRunNs) {
+      stats_.longestRunNs = s.longestRunNs;
+      stats_.longestRunTask = s.longestRunTask;
+   }
+   switch_->scheduler()->resetStatistics();
+   const Zop::NotificationStatistics& handlers = Zop::notificationStatistics();
+   s.longestHandlerNs = handlers.longestHandler;
+   if (handlers.handlerCalls != 0) {
+      s.longestHandlerNotifiee = demangled(handlers.longestHandlerNotifiee);
+   }
+   if (s.longestHandlerNs > stats_.longestHandlerNs) {
+      stats_.longestHandlerNs = s.longestHandlerNs;
+      stats_.longestHandlerNotifiee = s.longestHandlerNotifiee;
+   }
+   Zop::resetNotificationStatistics();
+   s.peakResidentKb = peakResidentKb();
+   s.heapInUseKb = heapInUseKb();
+   stats_.settles.push_back(std::move(s));
+   sinceSettleNs_ = Zop::monotonicNow();
 }
 
 void Scenario::step(const Words& w) {

@@ -31,6 +31,11 @@ struct ScenarioOptions {
    std::ostream* traceStream = nullptr;
    // Every task yields after this many items (0: the scheduler's default).
    uint64_t yieldEvery = 0;
+   // Every task yields after this much real time (0: not by real time). Where
+   // runs are cut then depends on the machine; for measuring.
+   Zop::Time realTimeSlice = 0;
+   // Notification handlers are timed, for the figures.
+   bool timeHandlers = false;
 };
 
 struct ScenarioResult {
@@ -43,15 +48,32 @@ struct ScenarioResult {
 
 struct ScenarioStats {
    // One settle: where it was, the slices it ran, the virtual time it moved
-   // the clock by and the real time it took.
+   // the clock by and the real time it took; and since the settle before it
+   // (so including the commands that made the work): their real time, the
+   // hardware writes, the longest task run and the longest notification
+   // handler (0 unless handlers are timed). Memory at its end: the peak
+   // resident size of the process so far and the heap in use.
    struct Settle {
       std::string where;
       uint64_t slices = 0;
       int64_t virtualNs = 0;
       int64_t realNs = 0;
+      int64_t commandsNs = 0;
+      uint64_t hwWrites = 0;
+      int64_t longestRunNs = 0;
+      std::string longestRunTask;
+      int64_t longestHandlerNs = 0;
+      std::string longestHandlerNotifiee;
+      uint64_t peakResidentKb = 0;
+      uint64_t heapInUseKb = 0;
    };
    uint64_t commands = 0;
    uint64_t slices = 0;
+   // Over the whole run.
+   int64_t longestRunNs = 0;
+   std::string longestRunTask;
+   int64_t longestHandlerNs = 0;
+   std::string longestHandlerNotifiee;
    std::vector<Settle> settles;
 };
 
@@ -94,6 +116,7 @@ private:
    void segment(const Words& w);
    void prefix(const Words& w);
    void policy(const Words& w);
+   void settle();
    void step(const Words& w);
    void hw(const Words& w, std::ostream& out);
    void status(const Words& w, std::ostream& out);
@@ -110,6 +133,9 @@ private:
    Trace::ScopedDuolog guard_;
    std::unique_ptr<sim::Switch> switch_;
    ScenarioStats stats_;
+   // Where the last settle ended, for the next one's figures.
+   int64_t sinceSettleNs_ = 0;
+   uint64_t hwWritesAtSettle_ = 0;
    // The line being run, for the figures.
    std::string where_;
 };

@@ -18,9 +18,7 @@ TaskScheduler* gRunningScheduler = nullptr;
 
 // Statistics measure real time whatever clock the scheduler runs on.
 Zop::Time monotonicNow() {
-   return std::chrono::duration_cast<std::chrono::nanoseconds>(
-              std::chrono::steady_clock::now().time_since_epoch())
-       .count();
+   return Zop::monotonicNow();
 }
 
 // Delays beyond this are clamped rather than overflow the nanosecond count.
@@ -34,6 +32,18 @@ TimeSliceYieldPolicy::TimeSliceYieldPolicy(Zop::Time slice) : slice_(slice) {
    // A zero slice would make a task that asks before its first item never
    // process anything.
    ZOP_ASSERT(slice > 0, "a time slice is positive", kSource);
+}
+
+RealTimeSliceYieldPolicy::RealTimeSliceYieldPolicy(Zop::Time slice) : slice_(slice) {
+   ZOP_ASSERT(slice > 0, "a time slice is positive", kSource);
+}
+
+void RealTimeSliceYieldPolicy::runStarted(Zop::Time) {
+   start_ = monotonicNow();
+}
+
+bool RealTimeSliceYieldPolicy::shouldYield(Zop::Time) {
+   return monotonicNow() - start_ >= slice_;
 }
 
 EveryNItemsYieldPolicy::EveryNItemsYieldPolicy(uint32_t n) : n_(n) {

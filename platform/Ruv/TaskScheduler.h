@@ -103,6 +103,24 @@ private:
    Zop::Time start_ = 0;
 };
 
+// Yields once the current run has used `slice` of real (monotonic) time,
+// whatever clock the scheduler runs on: a simulation keeps its virtual clock,
+// and so its deterministic timers, while its runs are cut as a real agent's
+// would be. Where a run is cut then depends on the machine, so use it for
+// measuring, not where output must repeat byte for byte.
+class RealTimeSliceYieldPolicy : public YieldPolicy {
+public:
+   explicit RealTimeSliceYieldPolicy(Zop::Time slice = TimeSliceYieldPolicy::kDefaultSlice);
+   Zop::Time slice() const { return slice_; }
+
+   void runStarted(Zop::Time) override;
+   bool shouldYield(Zop::Time) override;
+
+private:
+   Zop::Time slice_;
+   Zop::Time start_ = 0;
+};
+
 // Yields after every `n` items: within one run the first `n` questions are
 // answered false and every later one true. A task that asks before each item
 // therefore processes exactly `n` items per run. `n` must be at least 1 (with

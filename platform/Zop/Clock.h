@@ -20,6 +20,10 @@ constexpr Time secondsToTime(double s) {
    return Time(s * double(kSecond));
 }
 
+// The monotonic clock's reading, for measuring real durations whatever clock
+// the scheduler runs on.
+Time monotonicNow();
+
 class Clock : public PtrInterface {
 public:
    virtual Time now() const = 0;

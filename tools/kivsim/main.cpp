@@ -38,6 +38,9 @@ const char* kUsage =
     "  --trace-level N    trace level (default 5; 8 adds function entries)\n"
     "  --yield-every N    every task yields after N items\n"
     "  --stats            print the run's figures to standard error at exit\n"
+    "  --slice-us N       every task yields after N microseconds of real time (the\n"
+    "                     figures then reflect a real agent's slices; where runs are\n"
+    "                     cut depends on the machine)\n"
     "  --help             this text\n"
     "  --version          the version\n"
     "Exit status: 0 all lines ran and every check passed; 1 a check found a\n"
@@ -76,23 +79,39 @@ std::optional<uint64_t> peakResidentKb() {
    return std::nullopt;
 }
 
+double ms(int64_t ns) {
+   return double(ns) / double(Zop::kMillisecond);
+}
+
 void printStats(sim::Scenario& scenario) {
    auto& sw = scenario.sw();
    const auto& hw = sw.hardware().counters();
-   const auto& sched = sw.scheduler()->statistics();
-   std::cerr << "commands run: " << scenario.stats().commands << '\n'
-             << "scheduler slices: " << scenario.stats().slices << '\n'
-             << "longest slice: " << sched.longestRun / Zop::kMicrosecond << " us"
-             << (sched.longestRunTask.empty() ? "" : " (" + sched.longestRunTask + ")") << '\n'
-             << "hardware writes: " << hw.routePrograms + hw.hwIdWrites + hw.fibWrites << '\n'
-             << "routes in hardware: " << sw.hardware().size() << '\n';
+   const sim::ScenarioStats& stats = scenario.stats();
+   char line[512];
+   std::snprintf(line, sizeof line,
+                 "commands run: %llu\nscheduler slices: %llu\n"
+                 "longest task run: %.3f ms (%s)\nlongest notification handler: %.3f ms (%s)\n"
+                 "hardware writes: %llu\nroutes in hardware: %zu\n",
+                 (unsigned long long)stats.commands, (unsigned long long)stats.slices,
+                 ms(stats.longestRunNs), stats.longestRunTask.c_str(), ms(stats.longestHandlerNs),
+                 stats.longestHandlerNotifiee.c_str(),
+                 (unsigned long long)(hw.routePrograms + hw.hwIdWrites + hw.fibWrites),
+                 sw.hardware().size());
+   std::cerr << line;
    if (auto kb = peakResidentKb()) {
       std::cerr << "peak resident memory: " << *kb << " kB\n";
    }
-   for (const auto& s : scenario.stats().settles) {
-      std::cerr << "settle " << s.where << ": " << s.slices << " slices, virtual "
-                << s.virtualNs / Zop::kMicrosecond << " us, real " << s.realNs / Zop::kMicrosecond
-                << " us\n";
+   for (const auto& s : stats.settles) {
+      std::snprintf(line, sizeof line,
+                    "settle %s: %llu slices, virtual %.3f ms, real %.3f ms (commands before it "
+                    "%.3f ms), %llu hw writes, longest run %.3f ms%s%s%s, longest handler %.3f "
+                    "ms, peak rss %llu kB, heap %llu kB\n",
+                    s.where.c_str(), (unsigned long long)s.slices, ms(s.virtualNs), ms(s.realNs),
+                    ms(s.commandsNs), (unsigned long long)s.hwWrites, ms(s.longestRunNs),
+                    s.longestRunTask.empty() ? "" : " (", s.longestRunTask.c_str(),
+                    s.longestRunTask.empty() ? "" : ")", ms(s.longestHandlerNs),
+                    (unsigned long long)s.peakResidentKb, (unsigned long long)s.heapInUseKb);
+      std::cerr << line;
    }
 }
 
@@ -162,6 +181,13 @@ int main(int argc, char** argv) {
          options.json = true;
       } else if (arg == "--stats") {
          stats = true;
+         options.timeHandlers = true;
+      } else if (arg == "--slice-us") {
+         uint64_t n = 0;
+         if (!value(n, 1) || n > 60'000'000) {
+            return kBad;
+         }
+         options.realTimeSlice = Zop::Time(n) * Zop::kMicrosecond;
       } else if (arg == "--trace") {
          if (i + 1 >= argc) {
             std::cerr << "kivsim: --trace needs a file\n";
