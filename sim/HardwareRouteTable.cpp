@@ -213,6 +213,9 @@ HardwareRouteTable::Fault HardwareRouteTable::fault(const Key& key) const {
 }
 
 bool HardwareRouteTable::refusedByFault(const Key& key) {
+   if (faults_.empty()) {
+      return false;
+   }
    auto it = faults_.find(key);
    if (it == faults_.end()) {
       return false;

@@ -121,6 +121,10 @@ public:
       }
       K key = *it;
       set_.erase(it);
+      if (order_.front() == key) {
+         // Taken in order, as a review list mostly is: no search needed.
+         order_.pop_front();
+      }
       // Handlers may look at front(): it is a member again before they run.
       tidy();
       notify(owner, key);
@@ -148,12 +152,19 @@ private:
    void notify(E& owner, const K& k) {
       owner.notifieeList().notify(&owner, [&](typename E::Notifiee& n) { (n.*handler_)(k); });
    }
-   // Keeps front() a member, and the queue within twice the members.
+   // Keeps front() a member, and the queue within twice the members. The
+   // queue holds a copy of every member, queued when it came (a copy leaves
+   // only once its key is no member), and stale copies of keys that left out
+   // of order; a key that comes back is queued anew, so a stale copy of a
+   // member may stand before its live one, which is harmless: front() only
+   // has to be a member. With no more copies than members, each member has
+   // exactly one and the front is a member without looking.
+   size_t stale() const { return order_.size() - set_.size(); }
    void tidy() {
-      while (!order_.empty() && set_.count(order_.front()) == 0) {
+      while (stale() != 0 && set_.count(order_.front()) == 0) {
          order_.pop_front();
       }
-      if (order_.size() > 2 * set_.size() + 64) {
+      if (stale() > set_.size() + 64) {
          std::deque<K> kept;
          Set seen;
          for (const K& k : order_) {

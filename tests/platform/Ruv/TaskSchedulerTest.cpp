@@ -226,6 +226,31 @@ TEST_F(RuvTaskSchedulerTest, YieldPoliciesBoundTheWorkOfOneRun) {
    EXPECT_EQ(stats.longestRunTask, "worker");
 }
 
+TEST_F(RuvTaskSchedulerTest, RealTimeSliceCutsRunsWhileTheVirtualClockStandsStill) {
+   // Each item spins for 1 ms of real time; the virtual clock never moves.
+   scheduler->yieldPolicyIs(Zop::makePtr<Ruv::RealTimeSliceYieldPolicy>(2 * kMillisecond));
+   int remaining = 10;
+   Zop::Ptr<Task> worker;
+   worker = Ruv::makeTask(scheduler, "worker", [&] {
+      while (remaining > 0) {
+         if (Ruv::taskShouldYield()) {
+            worker->scheduleTask();
+            return;
+         }
+         --remaining;
+         const Zop::Time until = Zop::monotonicNow() + kMillisecond;
+         while (Zop::monotonicNow() < until) {
+         }
+      }
+   });
+   worker->scheduleTask();
+   const size_t slices = scheduler->settle();
+   EXPECT_EQ(remaining, 0);
+   // At most two items fit a run (a loaded machine may fit fewer, never more).
+   EXPECT_GE(slices, 5u);
+   EXPECT_EQ(clock->now(), 0);
+}
+
 TEST_F(RuvTaskSchedulerTest, YieldQuestionBelongsToTheRunningScheduler) {
    EXPECT_FALSE(Ruv::taskShouldYield());
    scheduler->yieldPolicyIs(Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(1));

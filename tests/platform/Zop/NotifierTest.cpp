@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -249,3 +250,82 @@ TEST_F(ZopNotifierTest, LastReferenceDroppedDuringDeliveryOutlivesTheChange) {
 }
 
 }  // namespace
+
+// A review list: members are taken oldest first, whatever else came and went.
+class Queue : public Zop::PtrInterface {
+public:
+   class Notifiee : public Zop::BaseNotifiee<Queue> {
+   public:
+      virtual void handleMember(const int&) {}
+   };
+   Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+   Zop::NotifierList<Notifiee> notifiees_;
+   Zop::QueueSetAttr<Queue, int> member{&Notifiee::handleMember};
+};
+
+TEST(ZopQueueSetAttr, FrontIsAlwaysAMemberAndDrainingGivesEachOnceInArrivalOrder) {
+   std::mt19937 rng(7);
+   for (int round = 0; round < 200; ++round) {
+      auto q = Zop::makePtr<Queue>();
+      // Arrival order of the members, a key that comes back going last.
+      std::vector<int> model;
+      for (int op = 0; op < 300; ++op) {
+         const int k = int(rng() % 40);
+         if (rng() % 3 != 0) {
+            if (q->member.is(*q, k)) {
+               model.push_back(k);
+            }
+         } else if (q->member.del(*q, k)) {
+            std::erase(model, k);
+         }
+         ASSERT_EQ(q->member.size(), model.size());
+         if (!model.empty()) {
+            ASSERT_TRUE(q->member.has(q->member.front()));
+         }
+      }
+      // Drained from the front, every member comes out once; once nothing
+      // left out of order stands in the queue, in arrival order.
+      std::vector<int> drained;
+      while (!q->member.empty()) {
+         drained.push_back(q->member.front());
+         q->member.del(*q, q->member.front());
+      }
+      std::vector<int> sortedDrained = drained, sortedModel = model;
+      std::sort(sortedDrained.begin(), sortedDrained.end());
+      std::sort(sortedModel.begin(), sortedModel.end());
+      ASSERT_EQ(sortedDrained, sortedModel);
+      // A pure queue history keeps arrival order exactly.
+      for (int k : model) {
+         q->member.is(*q, k);
+      }
+      drained.clear();
+      while (!q->member.empty()) {
+         drained.push_back(q->member.front());
+         q->member.del(*q, q->member.front());
+      }
+      ASSERT_EQ(drained, model);
+   }
+}
+
+TEST_F(ZopNotifierTest, TimedHandlersCountOutermostCallsOnly) {
+   auto a = recorder("a");
+   auto b = recorder("b");
+   // a's handler changes the collection again: b hears of that nested change
+   // inside a's call, which is what a's call cost.
+   a->then = [&](int k) {
+      if (k == 1) {
+         coll->memberIs(2);
+      }
+   };
+   Zop::notificationTimingIs(true);
+   Zop::resetNotificationStatistics();
+   coll->memberIs(1);
+   Zop::notificationTimingIs(false);
+   coll->memberIs(3);
+   const Zop::NotificationStatistics& s = Zop::notificationStatistics();
+   // a for 1 (with a and b for 2 nested inside), then b for 1; nothing for 3.
+   EXPECT_EQ(s.handlerCalls, 2u);
+   EXPECT_GT(s.longestHandler, 0);
+   EXPECT_NE(std::string(s.longestHandlerNotifiee).find("Notifiee"), std::string::npos);
+   EXPECT_EQ(take(), (Log{"a:m1=in", "a:m2=in", "b:m2=in", "b:m1=in", "a:m3=in", "b:m3=in"}));
+}
