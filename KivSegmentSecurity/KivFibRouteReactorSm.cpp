@@ -139,6 +139,14 @@ void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
    const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
    if (!recorded) {
+      // A VRF without segment tries has no id to give: the review would
+      // write nothing. When its first segment prefix comes, the FIB routes
+      // beneath are queued from the FIB itself. So a FIB download into such
+      // a VRF (a start-up with the feature off) costs no review at all.
+      if (!segmentPrefixTrie_->vrfTrie(vrfPrefix.vrfId())) {
+         TRACE8(" " << prefix << " no segment prefixes in its VRF, nothing to review");
+         return;
+      }
       fibRouteReviewList_->vrfIpGenPrefixIs(vrfPrefix);
       TRACE8(" " << prefix << " not existing segment route added to review");
       return;

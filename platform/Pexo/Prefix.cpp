@@ -375,14 +375,4 @@ std::ostream& operator<<(std::ostream& os, const IpGenPrefix& p) {
    return os << valueToStrep(p);
 }
 
-size_t hashValue(const Prefix& p) {
-   return hashCombine(p.len(), p.addr().value());
-}
-size_t hashValue(const Ip6Prefix& p) {
-   return hashCombine(hashCombine(p.len(), p.addr().hi()), p.addr().lo());
-}
-size_t hashValue(const IpGenPrefix& p) {
-   return p.isIpv4() ? hashValue(p.v4()) : p.isIpv6() ? hashValue(p.v6()) : 0;
-}
-
 }  // namespace Pexo

@@ -178,10 +178,6 @@ std::ostream& operator<<(std::ostream& os, const Prefix& p);
 std::ostream& operator<<(std::ostream& os, const Ip6Prefix& p);
 std::ostream& operator<<(std::ostream& os, const IpGenPrefix& p);
 
-size_t hashValue(const Prefix& p);
-size_t hashValue(const Ip6Prefix& p);
-size_t hashValue(const IpGenPrefix& p);
-
 // Mixes a value into a running hash (64-bit, well spread).
 inline size_t hashCombine(size_t seed, uint64_t v) {
    uint64_t x = v + 0x9e3779b97f4a7c15ULL + (uint64_t(seed) << 6) + (uint64_t(seed) >> 2);
@@ -191,6 +187,17 @@ inline size_t hashCombine(size_t seed, uint64_t v) {
    x *= 0x94d049bb133111ebULL;
    x ^= x >> 31;
    return size_t(seed ^ x);
+}
+
+// Inline: every review list and FIB lookup hashes a prefix.
+inline size_t hashValue(const Prefix& p) {
+   return hashCombine(p.len(), p.addr().value());
+}
+inline size_t hashValue(const Ip6Prefix& p) {
+   return hashCombine(hashCombine(p.len(), p.addr().hi()), p.addr().lo());
+}
+inline size_t hashValue(const IpGenPrefix& p) {
+   return p.isIpv4() ? hashValue(p.v4()) : p.isIpv6() ? hashValue(p.v6()) : 0;
 }
 
 }  // namespace Pexo
