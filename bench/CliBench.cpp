@@ -96,7 +96,6 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <fstream>
 #include <memory>
 #include <random>
 #include <string>
@@ -106,12 +105,18 @@
 #include <vector>
 
 #include "Agent/AgentCommandRequest.h"
+#include "BenchSupport.h"
 #include "KivSegmentSecurity/KivSegmentSecurityCliSm.h"
 #include "Routing/Trie.h"
 #include "sim/Switch.h"
 
 namespace {
 
+using bench::fibLength;
+using bench::peakResidentMb;
+using bench::resetPeakResident;
+using bench::residentMb;
+using bench::secondsSince;
 using Pexo::IpGenPrefix;
 using Pexo::Prefix;
 
@@ -142,23 +147,6 @@ uint32_t maskTo(uint32_t a, unsigned len) {
 
 uint64_t keyOf(uint32_t a, unsigned len) {
    return (uint64_t(a) << 6) | len;
-}
-
-// Roughly a global table: half /24, the rest mostly /16-/23, a few per cent
-// longer than /24 including host routes.
-unsigned fibLength(std::mt19937_64& rng) {
-   const unsigned r = unsigned(rng() % 1000);
-   return r < 560   ? 24
-          : r < 650 ? 23
-          : r < 760 ? 22
-          : r < 810 ? 21
-          : r < 850 ? 20
-          : r < 880 ? 19
-          : r < 900 ? 18
-          : r < 915 ? 17
-          : r < 950 ? 16
-          : r < 970 ? 25 + unsigned(rng() % 7)
-                    : 32;
 }
 
 uint64_t adjIndexOf(size_t i) {
@@ -308,44 +296,12 @@ Zop::String segmentName(uint32_t s) {
 
 // ---- Measuring ----
 
-double secondsSince(std::chrono::steady_clock::time_point t) {
-   return std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
-}
-
 // CPU time of this thread: on a machine shared with other work the wall
 // clock also counts the time other processes held the CPU.
 double threadCpuSeconds() {
    timespec ts{};
    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
    return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
-}
-
-// A "Vm...:" line of this process's status, in MB; 0 when unreadable.
-double statusMb(const char* field) {
-   std::ifstream status("/proc/self/status");
-   std::string line;
-   const std::string key = std::string(field) + ":";
-   while (std::getline(status, line)) {
-      if (line.rfind(key, 0) == 0) {
-         return double(std::stoull(line.substr(key.size()))) / 1024.0;
-      }
-   }
-   return 0;
-}
-
-double peakResidentMb() {
-   return statusMb("VmHWM");
-}
-
-double residentMb() {
-   return statusMb("VmRSS");
-}
-
-// Starts a new peak: the heap freed by earlier runs goes back to the system,
-// then the kernel resets VmHWM to the current resident size.
-void resetPeakResident() {
-   malloc_trim(0);
-   std::ofstream("/proc/self/clear_refs") << "5";
 }
 
 double heapInUseMb() {

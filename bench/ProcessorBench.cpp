@@ -60,12 +60,9 @@
 
 #include <benchmark/benchmark.h>
 
-#include <malloc.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <random>
@@ -75,12 +72,18 @@
 #include <utility>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "Routing/Trie.h"
 #include "Trace/Trace.h"
 #include "sim/Switch.h"
 
 namespace {
 
+using bench::fibLength;
+using bench::hardwareWrites;
+using bench::peakResidentMb;
+using bench::resetPeakResident;
+using bench::secondsSince;
 using Pexo::IpGenPrefix;
 using Pexo::Prefix;
 
@@ -106,23 +109,6 @@ struct Workload {
 
 uint32_t maskTo(uint32_t a, unsigned len) {
    return len == 0 ? 0 : a & (~uint32_t(0) << (32 - len));
-}
-
-// Roughly a global table: half /24, the rest mostly /16-/23, a few per cent
-// longer than /24 including host routes.
-unsigned fibLength(std::mt19937_64& rng) {
-   const unsigned r = unsigned(rng() % 1000);
-   return r < 560   ? 24
-          : r < 650 ? 23
-          : r < 760 ? 22
-          : r < 810 ? 21
-          : r < 850 ? 20
-          : r < 880 ? 19
-          : r < 900 ? 18
-          : r < 915 ? 17
-          : r < 950 ? 16
-          : r < 970 ? 25 + unsigned(rng() % 7)
-                    : 32;
 }
 
 uint64_t adjIndexOf(size_t i) {
@@ -234,33 +220,6 @@ const Workload& workload() {
 }
 
 // ---- Measuring ----
-
-double secondsSince(std::chrono::steady_clock::time_point t) {
-   return std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
-}
-
-// VmHWM of this process, in MB; 0 when unreadable.
-double peakResidentMb() {
-   std::ifstream status("/proc/self/status");
-   std::string line;
-   while (std::getline(status, line)) {
-      if (line.rfind("VmHWM:", 0) == 0) {
-         return double(std::stoull(line.substr(6))) / 1024.0;
-      }
-   }
-   return 0;
-}
-
-// Starts a new peak: the heap freed by earlier runs goes back to the system,
-// then the kernel resets VmHWM to the current resident size.
-void resetPeakResident() {
-   malloc_trim(0);
-   std::ofstream("/proc/self/clear_refs") << "5";
-}
-
-uint64_t hardwareWrites(const sim::HardwareRouteTable::Counters& c) {
-   return c.routePrograms + c.hwIdWrites;
-}
 
 RouteInfo dropRoute() {
    return RouteInfo(RouteType::routeTypeDrop,
