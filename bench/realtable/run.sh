@@ -13,7 +13,8 @@ usage: $0 [--ipv4-only] [--routes N | --quick] [-h]
   --quick       the same as --routes 20000
 Environment: KIV_REALTABLE_CACHE (download and scenario directory, default
 \${XDG_CACHE_HOME:-\$HOME/.cache}/kivsim-realtable), KIVSIM (a kivsim to run
-instead of building build/release), CMAKE_BUILD_PARALLEL_LEVEL (build jobs).
+instead of building build/release), KIVSIM_ARGS (more kivsim options, e.g.
+--slice-us 2000), CMAKE_BUILD_PARALLEL_LEVEL (build jobs).
 EOF
 }
 
@@ -118,10 +119,12 @@ fi
 
 out=$cache/$name.out
 err=$cache/$name.stats
-echo "== running $kivsim --stats $scenario =="
+# KIVSIM_ARGS: more kivsim options, e.g. --slice-us 2000 (real-time slices).
+read -r -a extra <<<"${KIVSIM_ARGS:-}"
+echo "== running $kivsim --stats ${extra[*]} $scenario =="
 t0=$(date +%s.%N)
 status=0
-"$kivsim" --stats "$scenario" >"$out" 2>"$err" || status=$?
+"$kivsim" --stats "${extra[@]}" "$scenario" >"$out" 2>"$err" || status=$?
 t1=$(date +%s.%N)
 cat "$out"
 echo "== --stats =="
