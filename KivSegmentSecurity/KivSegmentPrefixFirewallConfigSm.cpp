@@ -5,6 +5,7 @@
 #include "KivSegmentSecurity/KivSegmentPrefixFirewallConfigSm.h"
 
 #include <algorithm>
+#include <unordered_map>
 #include <vector>
 
 #include "KivSegmentSecurity/KivSegmentSecuritySyslog.h"
@@ -398,9 +399,14 @@ void KivSegmentSecurityVrfSm::handleHwRoute(const VrfAndIpGenPrefix& vrfPrefix) 
 void KivSegmentSecurityVrfSm::doCleanup() {
    TRACE8(" Vrf: " << vrfName_);
    std::vector<VrfAndIpGenPrefix> routes;
-   for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
-      if (routeKey.vrfId() == vrfId_) {
-         routes.push_back(routeKey);
+   if (cleanupRoutes_) {
+      routes = std::move(*cleanupRoutes_);
+      cleanupRoutes_.reset();
+   } else {
+      for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
+         if (routeKey.vrfId() == vrfId_) {
+            routes.push_back(routeKey);
+         }
       }
    }
    for (const auto& routeKey : routes) {
@@ -981,9 +987,19 @@ void KivSegmentSecurityRootSm::vrfSmDel(const L3::VrfName& name) {
 }
 
 void KivSegmentSecurityRootSm::vrfSmDelAll() {
+   // Each VRF reactor cleans up its own records as it goes. One walk of the
+   // records finds every VRF's, in the order each would have met its own;
+   // a walk per VRF would make a teardown cost VRFs times records.
+   std::unordered_map<VrfId, std::vector<VrfAndIpGenPrefix>> byVrf;
+   for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
+      byVrf[routeKey.vrfId()].push_back(routeKey);
+   }
    std::vector<L3::VrfName> names;
    for (const auto& [name, sm] : vrfSm_) {
       names.push_back(name);
+      auto it = byVrf.find(sm->vrfId());
+      sm->cleanupRoutesIs(it == byVrf.end() ? std::vector<VrfAndIpGenPrefix>()
+                                            : std::move(it->second));
    }
    for (const auto& name : names) {
       vrfSmDel(name);

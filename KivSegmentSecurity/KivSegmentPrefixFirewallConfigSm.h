@@ -20,6 +20,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include "Firewall/Counters.h"
@@ -109,6 +110,11 @@ public:
    void processPrefix(const VrfAndIpGenPrefix& vrfPrefix);
    void handleHwRoute(const VrfAndIpGenPrefix& vrfPrefix);
    void doCleanup();
+   // The VRF's recorded routes, for a doCleanup that comes with a teardown of
+   // every VRF: the root finds them all in one walk of the records.
+   void cleanupRoutesIs(std::vector<VrfAndIpGenPrefix> routes) {
+      cleanupRoutes_ = std::move(routes);
+   }
 
    const Zop::Ptr<const SegmentIdResponse>& segmentIdStatus() const { return segmentIdResponse_; }
    const Zop::Ptr<PrefixCount>& prefixCount() const { return prefixCount_; }
@@ -133,6 +139,7 @@ private:
    Zop::Ptr<SegmentIdRequest> segmentIdRequest_;
    Zop::Ptr<const SegmentIdResponse> segmentIdResponse_;
    VrfId vrfId_;
+   std::optional<std::vector<VrfAndIpGenPrefix>> cleanupRoutes_;
    Zop::Ptr<PrefixCount> prefixCount_;
    Zop::Ptr<const KivSegmentRouteInfoColl> segmentRoutesList_;
    Zop::Ptr<Firewall::Counters> counters_;
