@@ -131,6 +131,10 @@ public:
          // Taken in order, as a review list mostly is: no search needed.
          order_.pop_front();
       }
+      if (set_.empty() && set_.bucket_count() > kKeptBuckets) {
+         // A drained list gives back what a table's review grew it to.
+         Set().swap(set_);
+      }
       // Handlers may look at front(): it is a member again before they run.
       tidy();
       notify(owner, key);
@@ -182,6 +186,7 @@ private:
       }
    }
 
+   static constexpr size_t kKeptBuckets = 4096;
    Handler handler_;
    Set set_;
    std::deque<K> order_;
