@@ -185,18 +185,6 @@ uint64_t hwWrites(const HardwareRouteTable::Counters& c) {
    return c.routePrograms + c.hwIdWrites + c.fibWrites;
 }
 
-// VmHWM of this process; 0 where /proc is not there.
-uint64_t peakResidentKb() {
-   std::ifstream status("/proc/self/status");
-   std::string line;
-   while (std::getline(status, line)) {
-      if (line.rfind("VmHWM:", 0) == 0) {
-         return std::strtoull(line.c_str() + 6, nullptr, 10);
-      }
-   }
-   return 0;
-}
-
 uint64_t heapInUseKb() {
 #ifdef __GLIBC__
    return uint64_t(mallinfo2().uordblks) / 1024;
@@ -213,6 +201,18 @@ std::string demangled(const char* name) {
 }
 
 }  // namespace
+
+// VmHWM of this process; 0 where /proc is not there.
+uint64_t peakResidentKb() {
+   std::ifstream status("/proc/self/status");
+   std::string line;
+   while (std::getline(status, line)) {
+      if (line.rfind("VmHWM:", 0) == 0) {
+         return std::strtoull(line.c_str() + 6, nullptr, 10);
+      }
+   }
+   return 0;
+}
 
 Scenario::Scenario(Options options)
     : options_(options), duolog_(options.traceLevel), guard_(duolog_) {

@@ -77,6 +77,9 @@ struct ScenarioStats {
    std::vector<Settle> settles;
 };
 
+// VmHWM of this process, in kB; 0 where /proc is not there.
+uint64_t peakResidentKb();
+
 class Scenario {
 public:
    using Options = ScenarioOptions;

@@ -62,22 +62,6 @@ bool parseCount(const char* text, uint64_t& n) {
 }
 
 // Peak resident memory in kB, from /proc/self/status; none when unknown.
-std::optional<uint64_t> peakResidentKb() {
-   std::ifstream status("/proc/self/status");
-   std::string line;
-   while (std::getline(status, line)) {
-      if (line.rfind("VmHWM:", 0) == 0) {
-         uint64_t kb = 0;
-         for (char c : line) {
-            if (c >= '0' && c <= '9') {
-               kb = kb * 10 + uint64_t(c - '0');
-            }
-         }
-         return kb;
-      }
-   }
-   return std::nullopt;
-}
 
 double ms(int64_t ns) {
    return double(ns) / double(Zop::kMillisecond);
@@ -98,8 +82,8 @@ void printStats(sim::Scenario& scenario) {
                  (unsigned long long)(hw.routePrograms + hw.hwIdWrites + hw.fibWrites),
                  sw.hardware().size());
    std::cerr << line;
-   if (auto kb = peakResidentKb()) {
-      std::cerr << "peak resident memory: " << *kb << " kB\n";
+   if (uint64_t kb = sim::peakResidentKb()) {
+      std::cerr << "peak resident memory: " << kb << " kB\n";
    }
    for (const auto& s : stats.settles) {
       std::snprintf(line, sizeof line,
