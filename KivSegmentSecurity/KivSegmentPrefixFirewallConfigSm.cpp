@@ -212,6 +212,29 @@ bool KivSegmentSecurityVrfSm::validPrefix(const Pexo::IpGenPrefix& prefix) {
    return false;
 }
 
+SegmentHwId KivSegmentSecurityVrfSm::allocatedHwId(const SegmentIdRequestKey& key) const {
+   // Requests are a set: a key holds an id only while its request stands. A
+   // grant whose request was withdrawn is on its way out (the allocator takes
+   // it back at its next run), whatever the response still says.
+   if (!segmentIdRequest_->requestHas(key)) {
+      return SegmentHwId();
+   }
+   const SegmentIdStatus* status = segmentIdResponse_->status(key);
+   return status ? status->hwId : SegmentHwId();
+}
+
+void KivSegmentSecurityVrfSm::queueRoutesWithHwId(SegmentHwId hwId) {
+   std::vector<VrfAndIpGenPrefix> routes;
+   for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
+      if (routeKey.vrfId() == vrfId_ && route.hwId() == hwId) {
+         routes.push_back(routeKey);
+      }
+   }
+   for (const auto& routeKey : routes) {
+      processPrefix(routeKey);
+   }
+}
+
 void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segment) {
    SegmentIdRequestKey key(vrfId_, segment);
    if (segmentDir_->segmentHas(segment)) {
@@ -219,20 +242,24 @@ void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segmen
          dstSegmentSmIs(segment);
       }
       TRACE5(" Added. Vrf: " << vrfName_ << " Segment: " << segment);
-      const SegmentIdStatus* status = segmentIdResponse_->status(key);
-      if (status && status->hwId.isValid()) {
-         SegmentHwId hwId = status->hwId;
-         TRACE5(" " << hwId << " already allocated for Vrf: " << vrfName_
-                    << " Segment: " << segment);
-         if (!prefixCount_->segmentPrefixCountHas(hwId)) {
-            prefixCount_->segmentPrefixCountIs(segmentPrefixCountFactory(hwId));
-         }
-         knownHwId_[segment] = hwId;
-         processSegmentPrefix(segment, true);
-      } else {
+      SegmentHwId hwId = allocatedHwId(key);
+      if (!hwId.isValid()) {
          TRACE5(" Requesting HwId for Vrf: " << vrfName_ << " Segment: " << segment);
          segmentIdRequest_->requestIs(key);
+         // A grant still standing from the key's withdrawn request is the
+         // key's again now that the request is back: the allocator keeps a
+         // grant whose request it finds standing, and says nothing more.
+         hwId = allocatedHwId(key);
+         if (!hwId.isValid()) {
+            return;
+         }
       }
+      TRACE5(" " << hwId << " already allocated for Vrf: " << vrfName_ << " Segment: " << segment);
+      if (!prefixCount_->segmentPrefixCountHas(hwId)) {
+         prefixCount_->segmentPrefixCountIs(segmentPrefixCountFactory(hwId));
+      }
+      knownHwId_[segment] = hwId;
+      processSegmentPrefix(segment, true);
       return;
    }
 
@@ -242,14 +269,15 @@ void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segmen
            counters_ ? counters_->vrf(vrfName_) : nullptr) {
       vrfCounters->countersDir()->segmentDel(segment);
    }
-   const SegmentIdStatus* status = segmentIdResponse_->status(key);
-   if (!status || !status->hwId.isValid()) {
-      // Deleted before its id was granted: nothing was counted.
+   const SegmentHwId hwId = allocatedHwId(key);
+   if (!hwId.isValid()) {
+      // Deleted before its id was granted (or after it was released):
+      // nothing is counted under the key.
       TRACE5(" Releasing hwId");
       segmentIdRequest_->requestDel(key);
+      knownHwId_.erase(segment);
       return;
    }
-   SegmentHwId hwId = status->hwId;
    processSegmentPrefix(segment, false);
    Zop::Ptr<SegmentPrefixCount> counter = prefixCount_->segmentPrefixCount(hwId);
    ZOP_ASSERT(counter, "prefixCount()->segmentPrefixCountHas( hwId )", kSource);
@@ -268,16 +296,35 @@ void KivSegmentSecurityVrfSm::handleSegmentIdStatus(const SegmentIdRequestKey& k
    const SegmentIdStatus* status = segmentIdResponse_->status(key);
    if (!status) {
       TRACE5(" HwId released for Vrf: " << vrfName_ << " Segment: " << segment);
-      knownHwId_.erase(segment);
-      return;
-   }
-   SegmentHwId hwId = status->hwId;
-   TRACE5(" HwId: " << hwId << " allocated for Vrf: " << vrfName_ << " Segment: " << segment);
-   if (!hwId.isValid()) {
-      return;
+   } else {
+      TRACE5(" HwId: " << status->hwId << " allocated for Vrf: " << vrfName_
+                       << " Segment: " << segment);
    }
    auto known = knownHwId_.find(segment);
-   SegmentHwId oldHwId = known == knownHwId_.end() ? SegmentHwId() : known->second;
+   const SegmentHwId oldHwId = known == knownHwId_.end() ? SegmentHwId() : known->second;
+   const SegmentHwId hwId = allocatedHwId(key);
+   if (!hwId.isValid()) {
+      // No id in force for the segment: an allocator that took the grant
+      // back (or replaced it with the invalid id) while the request stands.
+      // Whatever still carries the last id leaves hardware until an id is
+      // granted again; the last id is remembered, so that the same id
+      // granted again is not taken for a new owner's.
+      if (oldHwId.isValid()) {
+         queueRoutesWithHwId(oldHwId);
+      }
+      // A segment gone from the configuration kept its request only for its
+      // counted prefixes; with nothing counted there is nothing to keep it for.
+      if (!segmentDir_->segmentHas(segment) && segmentIdRequest_->requestHas(key)) {
+         Zop::Ptr<SegmentPrefixCount> counter =
+             oldHwId.isValid() ? prefixCount_->segmentPrefixCount(oldHwId) : nullptr;
+         if (!counter || counter->prefixCount() == 0) {
+            TRACE5(" Releasing hwId");
+            segmentIdRequest_->requestDel(key);
+            knownHwId_.erase(segment);
+         }
+      }
+      return;
+   }
    bool newToKey = oldHwId != hwId;
    if (Zop::Ptr<SegmentPrefixCount> segPrefixCntr = prefixCount_->segmentPrefixCount(hwId)) {
       TRACE5(" Pending prefCnt: " << segPrefixCntr->prefixCount());
@@ -293,18 +340,22 @@ void KivSegmentSecurityVrfSm::handleSegmentIdStatus(const SegmentIdRequestKey& k
       prefixCount_->segmentPrefixCountIs(segmentPrefixCountFactory(hwId));
    }
    knownHwId_[segment] = hwId;
+   if (!segmentDir_->segmentHas(segment)) {
+      // Granted to a segment that left the configuration while its request
+      // waited: nothing will use the id.
+      Zop::Ptr<SegmentPrefixCount> counter = prefixCount_->segmentPrefixCount(hwId);
+      if (counter->prefixCount() == 0) {
+         TRACE5(" Releasing hwId");
+         segmentIdRequest_->requestDel(key);
+         prefixCount_->segmentPrefixCountDel(hwId);
+         knownHwId_.erase(segment);
+         return;
+      }
+   }
    processSegmentPrefix(segment, true);
    if (newToKey && oldHwId.isValid()) {
       // Routes still carrying the old id move to the new one.
-      std::vector<VrfAndIpGenPrefix> stale;
-      for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
-         if (routeKey.vrfId() == vrfId_ && route.hwId() == oldHwId) {
-            stale.push_back(routeKey);
-         }
-      }
-      for (const auto& routeKey : stale) {
-         processPrefix(routeKey);
-      }
+      queueRoutesWithHwId(oldHwId);
    }
 }
 
@@ -328,15 +379,7 @@ void KivSegmentSecurityVrfSm::processSegmentPrefix(const Zop::String& segment, b
          processPrefix(VrfAndIpGenPrefix(vrfId_, prefix));
       }
    }
-   std::vector<VrfAndIpGenPrefix> installed;
-   for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
-      if (routeKey.vrfId() == vrfId_ && route.hwId() == hwId) {
-         installed.push_back(routeKey);
-      }
-   }
-   for (const auto& routeKey : installed) {
-      processPrefix(routeKey);
-   }
+   queueRoutesWithHwId(hwId);
 }
 
 void KivSegmentSecurityVrfSm::handleGlobalPrefix() {
@@ -368,10 +411,8 @@ void KivSegmentSecurityVrfSm::handleGlobalPrefix(const Pexo::IpGenPrefix& prefix
       return;
    }
    TRACE5(" Add request for Vrf:" << vrfName_ << " Segment:" << *segment << " " << prefix);
-   const SegmentIdStatus* status =
-       segmentIdResponse_->status(SegmentIdRequestKey(vrfId_, *segment));
-   if (status && status->hwId.isValid()) {
-      SegmentHwId hwId = status->hwId;
+   const SegmentHwId hwId = allocatedHwId(SegmentIdRequestKey(vrfId_, *segment));
+   if (hwId.isValid()) {
       ZOP_ASSERT(prefixCount_->segmentPrefixCountHas(hwId),
                  "prefixCount()->segmentPrefixCountHas( hwId )", kSource);
       TRACE5(" HwId already allocated: " << hwId);
@@ -595,7 +636,7 @@ private:
 class KivSegmentSecurityRootSm::HelperNotifiee : public KivHelper::RoutingStatusSmHelper::Notifiee {
 public:
    explicit HelperNotifiee(KivSegmentSecurityRootSm& sm) : sm_(sm) {}
-   void handleReady() override { sm_.retrySetup(); }
+   void handleReady() override { sm_.handleRoutingStatusReady(); }
 
 private:
    KivSegmentSecurityRootSm& sm_;
@@ -792,12 +833,39 @@ void KivSegmentSecurityRootSm::waitForSegmentRouteRemoval() {
 }
 
 void KivSegmentSecurityRootSm::retrySetup() {
-   if (!initialized_ || status_->segmentSecurityRoutingDisableDone() ||
-       status_->waitForRoutesCleanup() ||
+   if (!initialized_) {
+      return;
+   }
+   // A stage 2 postponed while the routing layer was busy on its own must
+   // run again when it is not: routing would otherwise stay disabled.
+   if (status_->segmentSecurityRoutingDisableDone()) {
+      doSegmentSecuritySetup();
+      return;
+   }
+   if (status_->waitForRoutesCleanup() ||
        status_->enabled() == status_->segmentSecuritySetupComplete()) {
       return;
    }
    setupSegmentSecurity();
+}
+
+void KivSegmentSecurityRootSm::handleRoutingStatusReady() {
+   if (!initialized_) {
+      return;
+   }
+   // The answer may have changed: the stages ask again.
+   if (status_->segmentSecurityRoutingDisableDone()) {
+      // Stage 2 only postpones on an unready helper.
+      doSegmentSecuritySetup();
+      return;
+   }
+   // Stage 1 gave up on an unready helper and turned the feature off until
+   // the next enable decision: this is it. A running feature, or a cleanup
+   // wait that reaches stage 1 by itself, needs nothing.
+   if (!status_->waitForRoutesCleanup() &&
+       !(status_->enabled() && status_->segmentSecuritySetupComplete())) {
+      handleSecuritySegmentEnable();
+   }
 }
 
 void KivSegmentSecurityRootSm::setupSegmentSecurity() {
@@ -805,6 +873,15 @@ void KivSegmentSecurityRootSm::setupSegmentSecurity() {
       return;
    }
    TRACE8("");
+   if (status_->segmentSecurityRoutingDisableDone()) {
+      // The disable asked for earlier is still outstanding (the feature went
+      // off and on again meanwhile): it serves this setup too, and stage 2
+      // completes it with the enable state of that moment. Asking again would
+      // count two disables for one.
+      TRACE5(" segment securiry routing disable already requested");
+      doSegmentSecuritySetup();
+      return;
+   }
    bool v4 = l3Status_->waitForRoutingDisabledInVrfs();
    bool v6 = l3Status_->waitForRouting6DisabledInVrfs();
    if (v4 || v6) {
@@ -815,10 +892,11 @@ void KivSegmentSecurityRootSm::setupSegmentSecurity() {
       TRACE5(" urpfConfigured, skip segment security setup");
       return;
    }
-   // A routing side that is not ready postpones the setup; its readiness
-   // change brings it back here.
+   // A routing side that is not ready turns the feature off until the next
+   // enable decision, which its readiness change runs.
    if (routingStatusHelper_ && !routingStatusHelper_->routingStatusReady(status_->enabled())) {
       TRACE5(" unable to complete stage 1 init");
+      status_->enabledIs(false);
       return;
    }
    status_->segmentSecurityRoutingDisableDoneIs(true);
@@ -845,8 +923,10 @@ void KivSegmentSecurityRootSm::doSegmentSecuritySetup() {
    }
    if (urpfConfigured()) {
       TRACE5(" Segment Security conflicting with URPF enable");
-      status_->segmentSecurityRoutingDisableDoneIs(false);
-      status_->segmentSecuritySetupCompleteIs(false);
+      // Routing was disabled at this feature's request: it goes back on
+      // (flags cleared, setup not complete) rather than staying suspended for
+      // as long as uRPF stays configured.
+      segmentSecurityEnableRouting(false);
       return;
    }
    if (routingStatusHelper_ && !routingStatusHelper_->routingStatusReady(status_->enabled())) {
@@ -886,6 +966,13 @@ void KivSegmentSecurityRootSm::handleSegmentSecuritySetupComplete() {
       return;
    }
    waitForSegmentRouteRemoval();
+   // The inputs may have changed while the handshake ran without an enable
+   // decision taking them in (uRPF's routing disable ending clears the way
+   // for stage 2 only): with no cleanup wait left, decide again, so that the
+   // feature does not stay off while it is wanted.
+   if (!status_->waitForRoutesCleanup() && !status_->segmentSecurityRoutingDisableDone()) {
+      handleSecuritySegmentEnable();
+   }
 }
 
 void KivSegmentSecurityRootSm::handleUrpfRoutingDisableDone() {

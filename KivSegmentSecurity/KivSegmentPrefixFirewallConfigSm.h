@@ -130,6 +130,11 @@ private:
 
    // Valid, or reported (once per entry) and skipped.
    bool validPrefix(const Pexo::IpGenPrefix& prefix);
+   // The key's id while its request stands and its grant is valid; else
+   // the invalid id.
+   SegmentHwId allocatedHwId(const SegmentIdRequestKey& key) const;
+   // Reviews this VRF's recorded routes that carry `hwId`.
+   void queueRoutesWithHwId(SegmentHwId hwId);
 
    L3::VrfName vrfName_;
    Zop::Ptr<const Firewall::FwVrf> fwVrf_;
@@ -145,7 +150,8 @@ private:
    Zop::Ptr<Firewall::Counters> counters_;
    bool initialized_ = false;
    std::map<Zop::String, Zop::Ptr<KivDestinationSegmentSm>> dstSegmentSm_;
-   // The last valid id seen per segment, to tell a re-notification from a new id.
+   // The last valid id seen per segment, to tell a re-notification from a new
+   // id; kept while the grant is away, so the same id granted back is known.
    std::map<Zop::String, SegmentHwId> knownHwId_;
    // Invalid prefix-list entries already reported.
    std::set<Pexo::IpGenPrefix> reportedInvalid_;
@@ -230,8 +236,10 @@ private:
    bool urpfConfigured() const { return urpf4Configured_ || urpf6Configured_; }
    bool urpfRoutingDisableDone() const;
    uint32_t routingDisabledRefCnt() const;
-   // Stage 1 again when the routing side may have become ready.
+   // The routing layer is no longer busy: the stage that waits on it.
    void retrySetup();
+   // The routing status helper became ready: the stage that waits on it.
+   void handleRoutingStatusReady();
    // Cleanup wait on: every installed route goes on the review list.
    void startRoutesCleanup();
 

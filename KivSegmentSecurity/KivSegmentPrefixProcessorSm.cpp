@@ -254,10 +254,11 @@ KivSegmentRouteOperationType KivSegmentPrefixProcessorSm::getPrefixRequiredActio
    }
    // The review decides from the configuration as it is now: a segment whose
    // id is not (or no longer) granted has no place in hardware; its prefixes
-   // come back when the id is granted.
-   const SegmentIdStatus* idStatus =
-       segmentIdResponse_->status(SegmentIdRequestKey(vrfPrefix.vrfId(), *segmentName));
-   if (!idStatus || !idStatus->hwId.isValid()) {
+   // come back when the id is granted. A grant whose request was withdrawn is
+   // on its way out: not an id to program.
+   const SegmentIdRequestKey segKey(vrfPrefix.vrfId(), *segmentName);
+   const SegmentIdStatus* idStatus = segmentIdResponse_->status(segKey);
+   if (!idStatus || !idStatus->hwId.isValid() || !segmentIdRequest_->requestHas(segKey)) {
       TRACE5(" Segment HwId not allocated. Clearing prefix");
       return segmentRouteDelete;
    }
@@ -743,6 +744,14 @@ void KivSegmentPrefixProcessorSm::maybeReleaseSegmentHwId(const VrfAndIpGenPrefi
    const SegmentIdRequestKey* hwIdToSegName = segmentIdResponse_->hwIdKey(hwId);
    Zop::String segmentName = hwIdToSegName ? hwIdToSegName->segment() : Zop::String();
    TRACE5(" Freeing HwId. Vrf: " << vrfName << " Segment: " << segmentName << " " << hwId);
+   if (!hwIdToSegName) {
+      // The allocator took the id back while its prefixes were counted: no
+      // request holds it any more, so only its counter goes (a later grant of
+      // it starts anew). The segment's request, if it still stands, waits
+      // for a new grant.
+      prefixCount_->segmentPrefixCountDel(hwId);
+      return;
+   }
    // During a teardown every id goes with its last prefix, configured or not.
    if (!vrfName.empty() && !status_->waitForRoutesCleanup()) {
       if (Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(vrfName)) {

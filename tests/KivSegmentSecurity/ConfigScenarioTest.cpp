@@ -195,9 +195,11 @@ TEST(ConfigScenario, HandshakeWaitsForABusyRoutingLayerAndAnUnreadyHelper) {
    f.sw.routingStatusHelper()->readyIs(false);
    f.sw.firewallIs(true);
    f.sw.settle();
-   EXPECT_TRUE(f.sw.status()->enabled());
+   // Stage 1 turns the feature off until the helper's readiness brings the
+   // next enable decision; no disable was asked for.
+   EXPECT_FALSE(f.sw.status()->enabled());
    EXPECT_FALSE(f.sw.status()->segmentSecuritySetupComplete());
-   EXPECT_EQ(f.sw.status()->segmentSecurityRoutingDisable(), 0u);  // postponed, not off
+   EXPECT_EQ(f.sw.status()->segmentSecurityRoutingDisable(), 0u);
    f.sw.routingStatusHelper()->readyIs(true);
    f.settleAndCheck();
    EXPECT_TRUE(f.running());
