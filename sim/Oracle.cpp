@@ -62,8 +62,58 @@ Zop::String describe(const Entry& e) {
 
 Oracle::Oracle(Inputs inputs) : in_(std::move(inputs)) {}
 
+bool Oracle::featureShouldRun() const {
+   if (!in_.status) {
+      return true;
+   }
+   const bool urpf4 = in_.ipStatus && in_.ipStatus->urpfConfigured();
+   const bool urpf6 = in_.ip6Status && in_.ip6Status->urpfConfigured();
+   return in_.fwConfig->fwActive() && !urpf4 && !urpf6;
+}
+
+bool Oracle::decidable() const {
+   if (!in_.status) {
+      return true;
+   }
+   const bool helperReady = !in_.routingHelper || in_.routingHelper->ready();
+   const bool layerBusy = in_.l3Status->waitForRoutingDisabledInVrfs() ||
+                          in_.l3Status->waitForRouting6DisabledInVrfs() ||
+                          (in_.routingLayer && in_.routingLayer->held());
+   return helperReady && !layerBusy;
+}
+
 bool Oracle::featureRunning() const {
-   return !in_.status || (in_.status->enabled() && in_.status->segmentSecuritySetupComplete());
+   if (decidable()) {
+      return featureShouldRun();
+   }
+   return in_.status->enabled() && in_.status->segmentSecuritySetupComplete();
+}
+
+std::vector<Zop::String> Oracle::alwaysDifferences() const {
+   std::vector<Zop::String> out;
+   auto vrfText = [&](VrfId id) {
+      const L3::VrfName name = in_.l3Status->vrfName(id);
+      return name.empty() ? "vrf#" + std::to_string(id.value()) : name.value();
+   };
+   for (const auto& [key, entry] : in_.hardware->entries()) {
+      if (entry.classId == SegmentHwId()) {
+         out.push_back(vrfText(key.vrfId) + " " + valueToStrep(key.prefix) + ": " +
+                       describe(entry) + " carries the invalid id");
+      }
+   }
+   if (in_.segmentRoutes && in_.segmentTries) {
+      for (const auto& [vrfPrefix, record] : in_.segmentRoutes->routeInfo()) {
+         const auto tries = in_.segmentTries->vrfTrie(vrfPrefix.vrfId());
+         const auto trie = tries ? tries->prefixTrie(vrfPrefix.prefix().af()) : nullptr;
+         if (!trie || !trie->routeHas(vrfPrefix.prefix())) {
+            out.push_back(vrfText(vrfPrefix.vrfId()) + " " + valueToStrep(vrfPrefix.prefix()) +
+                          ": record " + entryText(record.routeInfo(), record.hwId()) +
+                          " without its segment trie entry");
+         }
+      }
+   }
+   std::sort(out.begin(), out.end());
+   return out;
 }
 
 bool Oracle::validSegmentPrefix(const Pexo::IpGenPrefix& p) {
@@ -189,9 +239,11 @@ std::vector<std::pair<HardwareRouteTable::Key, Zop::String>> Oracle::recordDiffe
       auto it = hardware.find(key);
       if (it == hardware.end()) {
          out.emplace_back(key, text + ", not in hardware");
-      } else if (it->second.owner == Owner::segmentRoute &&
-                 (it->second.routeInfo != record.routeInfo() ||
-                  it->second.classId != record.hwId())) {
+      } else if (it->second.routeInfo != record.routeInfo() ||
+                 it->second.classId != record.hwId()) {
+         // A segment route's entry is the record's own; a FIB route's entry
+         // must carry the recorded id, and the record the route it forwards
+         // with.
          out.emplace_back(key, text + ", hardware holds " + describe(it->second));
       }
    }
@@ -248,6 +300,9 @@ std::vector<Zop::String> Oracle::check() const {
       Zop::String line = vrf + " " + valueToStrep(key.prefix) + ": " + text;
       lines.push_back(Line{std::move(vrf), 0, key.prefix, {}, std::move(line)});
    };
+   auto addFeature = [&](const Zop::String& text) {
+      lines.push_back(Line{Zop::String(), -1, {}, {}, text});
+   };
    auto addId = [&](const SegmentIdRequestKey& key, const Zop::String& text) {
       Zop::String vrf = vrfText(key.vrfId());
       Zop::String line = vrf + " segment '" + key.segment() + "': " + text;
@@ -276,6 +331,50 @@ std::vector<Zop::String> Oracle::check() const {
    }
    for (const auto& [key, text] : recordDifferences()) {
       add(key, text);
+   }
+
+   if (in_.status && decidable()) {
+      const bool want = featureShouldRun();
+      const auto& st = *in_.status;
+      auto onOff = [](bool v) { return v ? "on" : "off"; };
+      if (st.enabled() != want || st.segmentSecuritySetupComplete() != want) {
+         addFeature(Zop::String("feature: must ") + (want ? "run" : "be off") + " (firewall " +
+                    onOff(in_.fwConfig->fwActive()) + ", uRPF ipv4 " +
+                    onOff(in_.ipStatus && in_.ipStatus->urpfConfigured()) + ", ipv6 " +
+                    onOff(in_.ip6Status && in_.ip6Status->urpfConfigured()) +
+                    "), the status says enabled: " + (st.enabled() ? "true" : "false") +
+                    ", segmentSecuritySetupComplete: " +
+                    (st.segmentSecuritySetupComplete() ? "true" : "false"));
+      }
+      if (st.waitForRoutesCleanup()) {
+         addFeature("feature: waitForRoutesCleanup left true");
+      }
+      if (st.segmentSecurityRoutingDisableDone()) {
+         addFeature(
+             "feature: segmentSecurityRoutingDisableDone left true (a routing disable "
+             "never completed)");
+      }
+      if (in_.routingLayer && in_.routingLayer->suspended()) {
+         addFeature("routing: hardware routing left suspended by the routing layer");
+      }
+      if (in_.multicastStatus && !in_.multicastStatus->hwRouting()) {
+         addFeature("routing: hardware routing left off (hwRouting false)");
+      }
+      if (want && in_.segmentIdRequest) {
+         for (const auto& [name, fwVrf] : in_.fwConfig->vrf()) {
+            const VrfId* vrfId = in_.l3Status->vrfId(name);
+            if (!vrfId) {
+               continue;
+            }
+            for (const auto& [segment, fwSegment] : fwVrf->segmentDir()->segment()) {
+               const SegmentIdRequestKey key(*vrfId, segment);
+               const SegmentIdStatus* grant = in_.segmentIdResponse->status(key);
+               if (!in_.segmentIdRequest->requestHas(key) && !(grant && grant->hwId.isValid())) {
+                  addId(key, "configured, but neither requested nor granted");
+               }
+            }
+         }
+      }
    }
 
    if (!featureRunning()) {

@@ -37,11 +37,33 @@
 //   adjacency, no adjacency for an answer's FEC), that is reported as a line
 //   of its own and nothing is expected for the prefix.
 //
-// The feature runs when the segment security status says it is enabled and
-// its setup is complete (no status given: it runs). When it does not run, no
-// segment prefix counts (so every FIB route carries 0 and no segment route
-// may be in hardware), and no hw-id request may be left: each request left,
-// and each grant left without its request, is a line of its own.
+// Whether the feature must run is decided from the inputs, never from the
+// library's status: it runs exactly when the firewall is active and neither
+// IPv4 nor IPv6 uRPF is configured. That is what must hold once settled with
+// the routing side able to finish a handshake (the routing status helper
+// ready, the routing layer not busy). With the helper unready or the layer
+// busy a handshake may rightly wait, and where it waits depends on timing,
+// not on the inputs: then, and only then, the hardware is judged against
+// what the status says (and the status must at least be at rest: running
+// or off). When the feature does not run, no segment prefix counts (so
+// every FIB route carries 0 and no segment route may be in hardware), and no
+// hw-id request may be left: each request left, and each grant left without
+// its request, is a line of its own.
+//
+// The feature's state, once settled and decidable (lines of their own, first):
+//   - the status agrees: enabled and segmentSecuritySetupComplete both equal
+//     to whether the feature must run, no cleanup wait, no routing disable
+//     outstanding;
+//   - while it must run, every segment of a firewall VRF that has a VRF id has
+//     an id request or a grant (requests are a set: a segment never waits for
+//     nothing);
+//   - hardware routing is on (multicast hwRouting) and not suspended by the
+//     routing layer.
+//
+// Always, at every moment (alwaysDifferences, for tests that look after
+// every scheduler slice): no hardware entry carries the invalid id 65535,
+// and every record of the library has its prefix in the library's segment
+// trie of its VRF and family.
 //
 // Records: when the library's KivSegmentRouteInfoColl is given, its records
 // must describe the hardware, whatever the configuration says (a route the
@@ -74,12 +96,16 @@
 #include <vector>
 
 #include "Firewall/HwConfig.h"
+#include "Ip/Status.h"
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
 #include "Routing/FibRoute.h"
 #include "Routing/L3Status.h"
+#include "Routing/MulticastHardwareStatus.h"
 #include "Routing/RouteReactor.h"
 #include "Segment/SegmentId.h"
 #include "sim/HardwareRouteTable.h"
+#include "sim/RoutingLayer.h"
+#include "sim/RoutingStatusHelper.h"
 
 namespace sim {
 
@@ -94,7 +120,17 @@ public:
       Zop::Ptr<const RouteReactorStatus> routeStatus;
       Zop::Ptr<const Route6ReactorStatus> route6Status;
       Zop::Ptr<const HardwareRouteTable> hardware;
-      // Whether the segment feature runs, read at check time; null: it runs.
+      // uRPF configuration of each family; null: not configured.
+      Zop::Ptr<const Ip::Status> ipStatus;
+      Zop::Ptr<const Ip6::Status> ip6Status;
+      // The routing status helper's answer and the hardware routing state;
+      // null: ready, and routing not looked at.
+      Zop::Ptr<const RoutingStatusHelper> routingHelper;
+      const RoutingLayer* routingLayer = nullptr;
+      Zop::Ptr<const MulticastHwStatus> multicastStatus;
+      // The feature's status, compared with what must hold; null: not looked
+      // at, and the feature is taken to run (a switch whose configuration
+      // side is played by hand).
       Zop::Ptr<const SegmentSecurityStatus> status;
       // The id requests, looked at while the feature does not run; null:
       // not looked at.
@@ -102,14 +138,27 @@ public:
       // The library's records, compared with the hardware; null: not looked
       // at.
       Zop::Ptr<const Kiv::KivSegmentRouteInfoColl> segmentRoutes;
+      // The library's segment tries, which every record must be in; null:
+      // not looked at.
+      Zop::Ptr<const Kiv::KivSegmentPrefixTrie> segmentTries;
    };
 
    explicit Oracle(Inputs inputs);
 
    std::vector<Zop::String> check() const;
 
-   // enabled && segmentSecuritySetupComplete of the status, now.
+   // Whether the feature must run, from the inputs: the firewall active and
+   // no uRPF. Without a status (configuration by hand) it runs.
+   bool featureShouldRun() const;
+   // Whether a settled switch must show featureShouldRun(): the routing side
+   // can finish a handshake (helper ready, routing layer not busy).
+   bool decidable() const;
+   // What expected() and the id lines go by: featureShouldRun() when
+   // decidable, else what the status says.
    bool featureRunning() const;
+
+   // The rules that hold at every moment, not only once settled.
+   std::vector<Zop::String> alwaysDifferences() const;
 
    // The hardware table that must hold, with the lines for missing
    // published state; check() compares this with the real one.

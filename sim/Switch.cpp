@@ -123,9 +123,19 @@ Oracle Switch::oracle() const {
    in.routeStatus = routeStatus_;
    in.route6Status = route6Status_;
    in.hardware = hardware_;
-   in.status = status_;
+   in.ipStatus = ipStatus_;
+   in.ip6Status = ip6Status_;
+   in.routingHelper = routingStatusHelper_;
+   in.routingLayer = routingLayer_.get();
+   in.multicastStatus = multicastStatus_;
+   // With the configuration played by hand there is no feature status to
+   // judge: the feature runs.
+   if (!manual_) {
+      in.status = status_;
+   }
    in.segmentIdRequest = segmentIdRequest_;
    in.segmentRoutes = segmentRoutesList_;
+   in.segmentTries = processor_->segmentPrefixTrie();
    return Oracle(std::move(in));
 }
 

@@ -111,11 +111,10 @@ TEST(SimOracle, AcceptsTheRightHardwareAndNamesEveryWrongEntry) {
                         "route)"),
              1);
 
-   // With the feature stopped, no segment prefix counts.
-   sim::Oracle::Inputs stopped{s.fwConfig,     s.l3Status,  s.fibRoutes,
-                               s.fibRoutes6,   s.responses, s.routeStatus,
-                               s.route6Status, s.hardware,  Zop::makePtr<SegmentSecurityStatus>(),
-                               nullptr,        nullptr};
+   // With the feature stopped (the firewall off), no segment prefix counts.
+   sim::Oracle::Inputs stopped = s.inputs();
+   stopped.status = Zop::makePtr<SegmentSecurityStatus>();
+   s.fwConfig->fwActiveIs(false);
    const auto ex = sim::Oracle(stopped).expected();
    EXPECT_EQ(ex.entries.size(), 4u);
    for (const auto& [key, entry] : ex.entries) {
@@ -135,9 +134,8 @@ TEST(SimOracle, NamesEveryDifferenceBetweenTheRecordsAndTheHardware) {
    record("10.0.0.0/8", 5, kRedDrop4);
    record("2001:db8::/32", 5, kRedDrop6);
    record("10.1.0.0/16", 6, RouteInfo(RouteType::routeTypeForward, 8));
-   sim::Oracle::Inputs in{s.fwConfig,  s.l3Status,    s.fibRoutes,    s.fibRoutes6,
-                          s.responses, s.routeStatus, s.route6Status, s.hardware,
-                          nullptr,     nullptr,       records};
+   sim::Oracle::Inputs in = s.inputs();
+   in.segmentRoutes = records;
    const sim::Oracle oracle(in);
    EXPECT_EQ(oracle.check(), Lines());
 
@@ -220,37 +218,92 @@ TEST(SimOracle, RoutingEnabledPrefixesFollowTheResolver) {
                    std::to_string(id) + " (segment route)"});
 }
 
-TEST(SimOracle, WithTheFeatureOffNoSegmentRouteIdOrRequestMayBeLeft) {
+TEST(SimOracle, WhetherTheFeatureRunsComesFromTheInputsAndTheStatusMustAgree) {
    NestedSegments s;
    // A grant nobody asked for, in a VRF the L3 status does not know.
    s.responses->statusIs(SegmentIdRequestKey(VrfId(9), "orphan"), {SegmentHwId(8)});
    auto status = Zop::makePtr<SegmentSecurityStatus>();
-   status->enabledIs(true);
-   sim::Oracle::Inputs in{s.fwConfig,  s.l3Status,    s.fibRoutes,    s.fibRoutes6,
-                          s.responses, s.routeStatus, s.route6Status, s.hardware,
-                          status,      s.requests,    nullptr};
+   auto ip = Zop::makePtr<Ip::Status>();
+   auto ip6 = Zop::makePtr<Ip6::Status>();
+   auto multicast = Zop::makePtr<Routing::Multicast::Fib::Hardware::Status>();
+   auto helper = Zop::makePtr<sim::RoutingStatusHelper>();
+   sim::Oracle::Inputs in = s.inputs();
+   in.status = status;
+   in.segmentIdRequest = s.requests;
+   in.ipStatus = ip;
+   in.ip6Status = ip6;
+   in.multicastStatus = multicast;
+   in.routingHelper = helper;
    const sim::Oracle oracle(in);
 
-   // Enabled but not set up yet: the feature does not run.
-   EXPECT_EQ(
-       oracle.check(),
-       (Lines{"red 10.0.0.0/8: unexpected routeTypeDrop adj 1048578 id 5 (segment route)",
-              "red 10.1.0.0/16: expected routeTypeForward adj 8 id 0 (FIB route), found "
-              "routeTypeForward adj 8 id 6 (FIB route)",
-              "red 10.1.1.0/24: expected routeTypeForward adj 7 id 0 (FIB route), found "
-              "routeTypeForward adj 7 id 6 (FIB route)",
-              "red 2001:db8::/32: unexpected routeTypeDrop adj 1048579 id 5 (segment route)",
-              "red 2001:db8:1::/48: expected routeTypeForward adj 11 id 0 (FIB route), found "
-              "routeTypeForward adj 11 id 5 (FIB route)",
-              "red segment 'db': id request left while the feature is off",
-              "red segment 'gone': id request left while the feature is off",
-              "red segment 'web': id request left while the feature is off",
-              "vrf#9 segment 'orphan': id 8 granted without a request while the feature is off"}));
+   const Lines offLines{
+       "red 10.0.0.0/8: unexpected routeTypeDrop adj 1048578 id 5 (segment route)",
+       "red 10.1.0.0/16: expected routeTypeForward adj 8 id 0 (FIB route), found "
+       "routeTypeForward adj 8 id 6 (FIB route)",
+       "red 10.1.1.0/24: expected routeTypeForward adj 7 id 0 (FIB route), found "
+       "routeTypeForward adj 7 id 6 (FIB route)",
+       "red 2001:db8::/32: unexpected routeTypeDrop adj 1048579 id 5 (segment route)",
+       "red 2001:db8:1::/48: expected routeTypeForward adj 11 id 0 (FIB route), found "
+       "routeTypeForward adj 11 id 5 (FIB route)",
+       "red segment 'db': id request left while the feature is off",
+       "red segment 'gone': id request left while the feature is off",
+       "red segment 'web': id request left while the feature is off",
+       "vrf#9 segment 'orphan': id 8 granted without a request while the feature is off"};
+   auto with = [](Lines lines, const char* first) {
+      lines.insert(lines.begin(), first);
+      return lines;
+   };
 
-   // Decided when checking: set up, the same oracle accepts the hardware.
+   // The firewall off: the feature must be off, whatever the status says.
+   s.fwConfig->fwActiveIs(false);
+   EXPECT_EQ(oracle.check(), offLines);
+   status->enabledIs(true);
    status->segmentSecuritySetupCompleteIs(true);
+   EXPECT_EQ(oracle.check(),
+             with(offLines,
+                  "feature: must be off (firewall off, uRPF ipv4 off, ipv6 off), the "
+                  "status says enabled: true, segmentSecuritySetupComplete: true"));
+
+   // The firewall on: it must run, and does. Every configured segment must
+   // have a request or a grant ("fresh" has neither).
+   s.fwConfig->fwActiveIs(true);
+   EXPECT_EQ(oracle.check(), Lines{"red segment 'fresh': configured, but neither requested nor "
+                                   "granted"});
+   EXPECT_TRUE(s.config.requestId("red", "fresh").ok());
    EXPECT_EQ(oracle.check(), Lines());
+   // Still in the handshake at a settle, with nothing holding it up: wrong.
+   status->segmentSecuritySetupCompleteIs(false);
+   status->segmentSecurityRoutingDisableDoneIs(true);
+   multicast->hwRoutingIs(false);
+   EXPECT_EQ(oracle.check(),
+             (Lines{"feature: must run (firewall on, uRPF ipv4 off, ipv6 off), the status says "
+                    "enabled: true, segmentSecuritySetupComplete: false",
+                    "feature: segmentSecurityRoutingDisableDone left true (a routing disable never "
+                    "completed)",
+                    "routing: hardware routing left off (hwRouting false)"}));
+   // An unready helper may rightly hold the handshake: the hardware is then
+   // judged by what the status says (not running), and nothing else.
+   helper->readyIs(false);
+   Lines unready = offLines;
+   unready.insert(unready.begin() + 6,
+                  "red segment 'fresh': id request left while the feature is "
+                  "off");
+   EXPECT_EQ(oracle.check(), unready);
+   helper->readyIs(true);
+   status->segmentSecuritySetupCompleteIs(true);
+   status->segmentSecurityRoutingDisableDoneIs(false);
+   multicast->hwRoutingIs(true);
+   EXPECT_EQ(oracle.check(), Lines());
+
+   // uRPF of either family wins.
+   ip6->urpfConfiguredIs(true);
+   EXPECT_EQ(oracle.check()[0],
+             "feature: must be off (firewall on, uRPF ipv4 off, ipv6 on), the "
+             "status says enabled: true, segmentSecuritySetupComplete: true");
+   ip6->urpfConfiguredIs(false);
+
    // Torn down and cleaned up: nothing is left to name.
+   s.fwConfig->fwActiveIs(false);
    status->enabledIs(false);
    status->segmentSecuritySetupCompleteIs(false);
    for (const char* p : {"10.0.0.0/8", "2001:db8::/32"}) {
@@ -259,10 +312,34 @@ TEST(SimOracle, WithTheFeatureOffNoSegmentRouteIdOrRequestMayBeLeft) {
    for (const char* p : {"10.1.0.0/16", "10.1.1.0/24", "2001:db8:1::/48"}) {
       s.writeId(p, 0);
    }
-   for (const char* segment : {"web", "db", "gone"}) {
+   for (const char* segment : {"web", "db", "gone", "fresh"}) {
       EXPECT_TRUE(s.config.requestIdDel("red", segment).ok());
    }
    s.responses->statusDel(SegmentIdRequestKey(VrfId(9), "orphan"));
    s.settle();
    EXPECT_EQ(oracle.check(), Lines());
+}
+
+// What holds at every moment: no entry with the invalid id, no record
+// without its trie entry.
+TEST(SimOracle, AlwaysRulesNameTheInvalidIdAndARecordOutsideTheTrie) {
+   NestedSegments s;
+   auto records = Kiv::kivSegmentRouteInfoCollFactory();
+   auto tries = Zop::makePtr<Kiv::KivSegmentPrefixTrie>();
+   sim::Oracle::Inputs in = s.inputs();
+   in.segmentRoutes = records;
+   in.segmentTries = tries;
+   const sim::Oracle oracle(in);
+   EXPECT_EQ(oracle.alwaysDifferences(), Lines());
+   records->routeInfoIs(Kiv::KivSegmentRouteInfo(VrfAndIpGenPrefix(VrfId(1), pfx("10.0.0.0/8")),
+                                                 SegmentHwId(5), kRedDrop4));
+   EXPECT_EQ(oracle.alwaysDifferences(),
+             Lines{"red 10.0.0.0/8: record routeTypeDrop adj 1048578 id 5 without its segment "
+                   "trie entry"});
+   tries->getPrefixTrie(VrfId(1), Pexo::AddressFamily::ipv4)->routeIs(pfx("10.0.0.0/8"), true);
+   EXPECT_EQ(oracle.alwaysDifferences(), Lines());
+   s.writeId("10.1.1.0/24", 65535);
+   EXPECT_EQ(oracle.alwaysDifferences(),
+             Lines{"red 10.1.1.0/24: routeTypeForward adj 7 id 65535 (FIB route) carries the "
+                   "invalid id"});
 }

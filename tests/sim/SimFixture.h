@@ -54,7 +54,9 @@ struct Platform {
 
    void settle() { scheduler->settle(); }
 
-   sim::Oracle oracle() const {
+   sim::Oracle oracle() const { return sim::Oracle(inputs()); }
+
+   sim::Oracle::Inputs inputs() const {
       sim::Oracle::Inputs in;
       in.fwConfig = fwConfig;
       in.l3Status = l3Status;
@@ -64,7 +66,7 @@ struct Platform {
       in.routeStatus = routeStatus;
       in.route6Status = route6Status;
       in.hardware = hardware;
-      return sim::Oracle(in);
+      return in;
    }
 
    void watch(uint32_t vrf, const char* prefix) {
