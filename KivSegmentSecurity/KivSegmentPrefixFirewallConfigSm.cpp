@@ -927,6 +927,7 @@ void KivSegmentSecurityRootSm::doSegmentSecuritySetup() {
       // (flags cleared, setup not complete) rather than staying suspended for
       // as long as uRPF stays configured.
       segmentSecurityEnableRouting(false);
+      decideAgainIfOff();
       return;
    }
    if (routingStatusHelper_ && !routingStatusHelper_->routingStatusReady(status_->enabled())) {
@@ -943,6 +944,19 @@ void KivSegmentSecurityRootSm::doSegmentSecuritySetup() {
       return;
    }
    segmentSecurityEnableRouting(status_->enabled());
+   decideAgainIfOff();
+}
+
+void KivSegmentSecurityRootSm::decideAgainIfOff() {
+   // The inputs may have changed while the handshake ran without an enable
+   // decision taking them in (uRPF's routing disable ending clears the way
+   // for stage 2 only, and `enabled` keeps the decision made before): a
+   // handshake that ends with the feature off decides again, so that the
+   // feature does not stay off while it is wanted.
+   if (!status_->segmentSecuritySetupComplete() && !status_->waitForRoutesCleanup() &&
+       !status_->segmentSecurityRoutingDisableDone()) {
+      handleSecuritySegmentEnable();
+   }
 }
 
 void KivSegmentSecurityRootSm::segmentSecurityEnableRouting(bool setupComplete) {
@@ -966,13 +980,6 @@ void KivSegmentSecurityRootSm::handleSegmentSecuritySetupComplete() {
       return;
    }
    waitForSegmentRouteRemoval();
-   // The inputs may have changed while the handshake ran without an enable
-   // decision taking them in (uRPF's routing disable ending clears the way
-   // for stage 2 only): with no cleanup wait left, decide again, so that the
-   // feature does not stay off while it is wanted.
-   if (!status_->waitForRoutesCleanup() && !status_->segmentSecurityRoutingDisableDone()) {
-      handleSecuritySegmentEnable();
-   }
 }
 
 void KivSegmentSecurityRootSm::handleUrpfRoutingDisableDone() {
@@ -1016,7 +1023,10 @@ void KivSegmentSecurityRootSm::handleVrf(const L3::VrfName& name) {
                                      << status_->waitForRoutesCleanup());
       return;
    }
-   if (!status_->segmentSecuritySetupComplete()) {
+   // A teardown between its cleanup wait and its stage 2 still has the setup
+   // complete, but the feature is no longer enabled: a VRF (re)appearing then
+   // gets no reactor, or it would outlive the teardown.
+   if (!status_->segmentSecuritySetupComplete() || !status_->enabled()) {
       TRACE5(" Segment security setup not complete. Skipping");
       return;
    }

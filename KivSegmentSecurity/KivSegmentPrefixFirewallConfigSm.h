@@ -240,6 +240,8 @@ private:
    void retrySetup();
    // The routing status helper became ready: the stage that waits on it.
    void handleRoutingStatusReady();
+   // After a handshake that ended with the feature off: the enable decision.
+   void decideAgainIfOff();
    // Cleanup wait on: every installed route goes on the review list.
    void startRoutesCleanup();
 

@@ -5,6 +5,10 @@
 //
 //   KIV_HISTORIES=N      how many histories (seeds 1..N; default 400)
 //   KIV_HISTORY_SEED=S   replays the history of seed S alone
+//   KIV_CHURN_HISTORIES=N, KIV_CHURN_SEED=S
+//                        the same for the fast-churn histories (default 300):
+//                        lifecycle events in bursts a few slices apart, no
+//                        hardware faults, settled only at the end of a burst
 //
 // The `soak` target runs thousands.
 //
@@ -48,6 +52,7 @@ namespace {
 
 using KivTest::Generator;
 using KivTest::Lines;
+using KivTest::Pace;
 using KivTest::Runner;
 
 // A history still running after this long is taken to hang.
@@ -96,12 +101,17 @@ struct Generated {
 // The history of `seed`: its accepted lines, judged as they run; it stops at
 // the first failure. `say` hears each line before it runs ("+LINE"), and "-"
 // when the engine refused it.
-Generated generate(uint64_t seed, const std::function<void(const std::string&)>& say = {}) {
+Generated generate(uint64_t seed, Pace pace,
+                   const std::function<void(const std::string&)>& say = {}) {
    Generated g;
    Runner runner;
    std::mt19937_64 rng(seed);
-   // Half the histories make the hardware refuse writes.
-   Generator gen([&rng] { return rng(); }, runner.sw(), seed % 2 == 0, 40 + rng() % 100);
+   // Half the steady histories make the hardware refuse writes; churn keeps
+   // the judge strict.
+   Generator gen =
+       pace == Pace::steady
+           ? Generator([&rng] { return rng(); }, runner.sw(), seed % 2 == 0, 40 + rng() % 100)
+           : Generator([&rng] { return rng(); }, runner.sw(), false, 60 + rng() % 120, Pace::churn);
    auto feed = [&](const Lines& lines) {
       for (const auto& line : lines) {
          if (say) {
@@ -224,11 +234,11 @@ Verdict replayApart(const Lines& lines) {
 
 // generate() in a child process: the lines come back as they are drawn, so
 // a history that aborts is known up to its last line.
-Generated generateApart(uint64_t seed) {
+Generated generateApart(uint64_t seed, Pace pace) {
    Lines heard;
    const int code = apart(
        [&](const auto& say) {
-          Generated g = generate(seed, say);
+          Generated g = generate(seed, pace, say);
           for (const auto& d : g.verdict.details) {
              say("!" + d);
           }
@@ -286,12 +296,12 @@ Lines shrink(Lines lines, const Verdict& first) {
 }
 
 // What a failure prints: the minimal scenario, ready to paste.
-std::string report(uint64_t seed, const Lines& original, const Lines& minimal,
-                   const Verdict& verdict) {
+std::string report(uint64_t seed, const char* seedVariable, const Lines& original,
+                   const Lines& minimal, const Verdict& verdict) {
    std::ostringstream out;
    const bool aborted = verdict.kind == Verdict::Kind::aborted;
    out << "history of seed " << seed << (aborted ? " aborted" : " failed") << " at line "
-       << verdict.at + 1 << " of " << original.size() << "; KIV_HISTORY_SEED=" << seed
+       << verdict.at + 1 << " of " << original.size() << "; " << seedVariable << "=" << seed
        << " replays it\n";
    out << "--- minimal scenario (" << minimal.size() << " lines), for tests/scenarios/NAME.kiv:\n";
    out << "# Found by the history test, seed " << seed << ".\n";
@@ -320,18 +330,20 @@ extern "C" void noteDeath(int) {
    std::abort();
 }
 
-TEST(History, RandomHistoriesPassTheJudgeAfterEverySettle) {
-   if (std::getenv("KIV_HISTORY_SEED")) {
-      const uint64_t seed = envNumber("KIV_HISTORY_SEED", 1);
-      const Generated g = generateApart(seed);
+void runHistories(Pace pace, const char* seedVariable, const char* countVariable,
+                  uint64_t defaultCount) {
+   if (std::getenv(seedVariable)) {
+      const uint64_t seed = envNumber(seedVariable, 1);
+      const Generated g = generateApart(seed, pace);
       if (g.verdict.kind != Verdict::Kind::ok) {
-         ADD_FAILURE() << report(seed, g.lines, shrink(g.lines, g.verdict), g.verdict);
+         ADD_FAILURE() << report(seed, seedVariable, g.lines, shrink(g.lines, g.verdict),
+                                 g.verdict);
       } else {
          std::cout << "history of seed " << seed << ": " << g.lines.size() << " lines, ok\n";
       }
       return;
    }
-   const uint64_t count = envNumber("KIV_HISTORIES", 400);
+   const uint64_t count = envNumber(countVariable, defaultCount);
    auto previous = std::signal(SIGABRT, noteDeath);
    auto previousAlarm = std::signal(SIGALRM, noteDeath);
 #ifdef KIV_HISTORY_SANITIZED
@@ -340,11 +352,11 @@ TEST(History, RandomHistoriesPassTheJudgeAfterEverySettle) {
    uint64_t lines = 0, checks = 0, faultyChecks = 0, refusals = 0, commands = 0;
    for (uint64_t seed = 1; seed <= count; ++seed) {
       std::snprintf(gDeathNote, sizeof gDeathNote,
-                    "\nhistory of seed %llu died or hung; KIV_HISTORY_SEED=%llu replays and "
-                    "shrinks it\n",
-                    static_cast<unsigned long long>(seed), static_cast<unsigned long long>(seed));
+                    "\nhistory of seed %llu died or hung; %s=%llu replays and shrinks it\n",
+                    static_cast<unsigned long long>(seed), seedVariable,
+                    static_cast<unsigned long long>(seed));
       alarm(kHistorySeconds);
-      const Generated g = generate(seed);
+      const Generated g = generate(seed, pace);
       alarm(0);
       lines += g.lines.size();
       checks += g.checks;
@@ -354,7 +366,8 @@ TEST(History, RandomHistoriesPassTheJudgeAfterEverySettle) {
       if (g.verdict.kind != Verdict::Kind::ok) {
          std::signal(SIGABRT, previous);
          std::signal(SIGALRM, previousAlarm);
-         ADD_FAILURE() << report(seed, g.lines, shrink(g.lines, g.verdict), g.verdict);
+         ADD_FAILURE() << report(seed, seedVariable, g.lines, shrink(g.lines, g.verdict),
+                                 g.verdict);
          return;
       }
    }
@@ -363,13 +376,21 @@ TEST(History, RandomHistoriesPassTheJudgeAfterEverySettle) {
 #ifdef KIV_HISTORY_SANITIZED
    __sanitizer_set_death_callback(nullptr);
 #endif
-   RecordProperty("histories", int(count));
-   RecordProperty("lines", int(lines));
-   RecordProperty("checks", int(checks));
+   ::testing::Test::RecordProperty("histories", int(count));
+   ::testing::Test::RecordProperty("lines", int(lines));
+   ::testing::Test::RecordProperty("checks", int(checks));
    std::cout << "histories: " << count << ", lines run: " << lines << ", settles judged: " << checks
              << " (" << faultyChecks
              << " after hardware faults), hardware writes refused: " << refusals
              << ", CLI commands judged: " << commands << "\n";
+}
+
+TEST(History, RandomHistoriesPassTheJudgeAfterEverySettle) {
+   runHistories(Pace::steady, "KIV_HISTORY_SEED", "KIV_HISTORIES", 400);
+}
+
+TEST(History, FastChurnHistoriesConverge) {
+   runHistories(Pace::churn, "KIV_CHURN_SEED", "KIV_CHURN_HISTORIES", 300);
 }
 
 }  // namespace

@@ -8,7 +8,10 @@
 // from the entropy it is given (a seeded generator, or a fuzzer's bytes).
 //
 // Runner runs lines through the scenario engine, over a switch whose every
-// task yields after every item, and judges after every settle:
+// task yields after every item. After every scheduler slice (a `step` or a
+// `settle` is run one slice at a time) it checks what holds at every moment:
+// no hardware entry carries the invalid id, no record of the library lies
+// outside its segment trie. After every settle it judges:
 //   - the hardware table counted no error (the library never names an old
 //     route the table does not hold, nor removes or rewrites a FIB route's
 //     entry, nor writes an id where there is no entry), faults or not;
@@ -25,6 +28,8 @@
 //     removals included), the full check applies again from the next settle.
 
 #include <functional>
+#include <iterator>
+#include <map>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -65,6 +70,16 @@ inline std::vector<std::string> words(const std::string& line) {
    return out;
 }
 
+// How a history is drawn.
+enum class Pace : uint8_t {
+   // Changes one by one, often settled in between.
+   steady,
+   // Lifecycle events (firewall, uRPF, VRFs, segments, id grants, routing
+   // helper and layer) in bursts, a few scheduler slices apart, each burst
+   // inside the windows the ones before it opened; settled only at its end.
+   churn,
+};
+
 // ---- Running and judging ----
 
 // One history being run: the scenario engine, and what the judge needs to
@@ -76,6 +91,15 @@ public:
    // Runs one line. Nullopt when the engine refused it (it changed nothing);
    // otherwise what the judge found after it (only a settle is judged).
    std::optional<Lines> run(const std::string& line) {
+      // The scheduler's work is run here, a slice at a time, so that what
+      // holds at every moment is looked at after each; the engine then finds
+      // nothing left for a settle (it still records its figures).
+      if (auto slices = slicesOf(line)) {
+         Lines problems = runSlices(*slices);
+         if (!problems.empty() || line.rfind("step", 0) == 0) {
+            return problems;
+         }
+      }
       const bool firewallBefore = sw().fwConfig()->fwActive();
       std::ostringstream out;
       auto result = scenario_.runLine(line, "history", ++lineNo_, out);
@@ -114,6 +138,44 @@ public:
    uint64_t commands() const { return commands_; }
 
 private:
+   // The slices a `step [N]` asks for, or "until idle" for a settle; nullopt
+   // for any other line (a malformed one is the engine's to refuse).
+   static std::optional<uint64_t> slicesOf(const std::string& line) {
+      const auto w = words(line);
+      if (w.size() == 1 && w[0] == "settle") {
+         return ~uint64_t(0);
+      }
+      if (w.empty() || w[0] != "step" || w.size() > 2) {
+         return std::nullopt;
+      }
+      if (w.size() == 1) {
+         return 1;
+      }
+      if (w[1].empty() || w[1].find_first_not_of("0123456789") != std::string::npos ||
+          w[1].size() > 6) {
+         return std::nullopt;
+      }
+      return std::stoull(w[1]);
+   }
+
+   Lines runSlices(uint64_t slices) {
+      const sim::Oracle oracle = sw().oracle();
+      const bool untilIdle = slices == ~uint64_t(0);
+      for (uint64_t i = 0; i < slices; ++i) {
+         const bool ran =
+             untilIdle ? sw().scheduler()->runUntilIdle(1) != 0 : sw().scheduler()->runOnce();
+         if (!ran) {
+            break;
+         }
+         Lines problems = oracle.alwaysDifferences();
+         if (!problems.empty()) {
+            problems.insert(problems.begin(), "after a scheduler slice:");
+            return problems;
+         }
+      }
+      return {};
+   }
+
    static sim::ScenarioOptions options() {
       sim::ScenarioOptions o;
       o.yieldEvery = 1;
@@ -186,8 +248,9 @@ class Generator {
 public:
    // `entropy` makes every choice; `faults`: whether the history makes the
    // hardware refuse writes; `length`: how many steps before the last one.
-   Generator(std::function<uint64_t()> entropy, sim::Switch& sw, bool faults, size_t length)
-       : rng_(std::move(entropy)), sw_(sw), faults_(faults), length_(length) {}
+   Generator(std::function<uint64_t()> entropy, sim::Switch& sw, bool faults, size_t length,
+             Pace pace = Pace::steady)
+       : rng_(std::move(entropy)), sw_(sw), faults_(faults), length_(length), pace_(pace) {}
 
    bool done() const { return step_ >= length_; }
 
@@ -197,6 +260,15 @@ public:
       const size_t vrfs = 1 + rng_() % 3;
       for (size_t i = 0; i < vrfs; ++i) {
          out.push_back(vrfLine(kVrfs[i], i + 1));
+      }
+      if (pace_ == Pace::churn) {
+         // Something to converge: segments with prefixes, FIB routes beneath.
+         for (size_t i = 0; i < 6; ++i) {
+            out.push_back("prefix " + std::string(pick(kVrfs)) + " " + anyPrefix() + " " +
+                          pick(kSegments));
+            out.push_back("fib " + std::string(pick(kVrfs)) + " " + pick(kFibPool) + " adj " +
+                          std::to_string(11 + rng_() % 4));
+         }
       }
       if (!chance(8)) {
          out.push_back("firewall on");
@@ -210,6 +282,9 @@ public:
       ++step_;
       if (runner.faulty() && (step_ >= length_ || chance(8))) {
          return heal();
+      }
+      if (pace_ == Pace::churn) {
+         return churn();
       }
       if (step_ >= length_) {
          return {"settle"};
@@ -265,6 +340,104 @@ private:
          out.push_back("firewall on");
       }
       return out;
+   }
+
+   // ---- Fast churn ----
+
+   // One event of a burst and the slices after it, or the burst's end: the
+   // routing side freed (mostly) and a settle.
+   Lines churn() {
+      if (step_ >= length_ || burstLeft_ == 0) {
+         burstLeft_ = 2 + rng_() % 7;
+         Lines out;
+         // Mostly the routing side can finish the handshake at the settle,
+         // so that the judge decides from the inputs alone; sometimes it
+         // cannot, and the status is judged at rest.
+         if (!sw_.routingStatusHelper()->ready() && (step_ >= length_ || !chance(4))) {
+            out.push_back("routing-helper ready");
+         }
+         if (routingBusy_ && (step_ >= length_ || !chance(4))) {
+            out.push_back("routing busy off");
+            routingBusy_ = false;
+         }
+         out.push_back("settle");
+         return out;
+      }
+      --burstLeft_;
+      Lines out{chance(4) ? draw() : lifecycle()};
+      if (!chance(5)) {
+         out.push_back("step " + std::to_string(1 + rng_() % 4));
+      }
+      return out;
+   }
+
+   std::string lifecycle() {
+      const std::string v = vrf();
+      const std::string seg = pick(kSegments);
+      switch (rng_() % 9) {
+         case 0:
+            return std::string("firewall ") + (sw_.fwConfig()->fwActive() ? "off" : "on");
+         case 1: {
+            // uRPF is on only briefly, mostly.
+            const bool v6 = chance(2);
+            const bool on =
+                v6 ? sw_.ip6Status()->urpfConfigured() : sw_.ipStatus()->urpfConfigured();
+            return std::string("urpf ") + (v6 ? "ipv6 " : "ipv4 ") +
+                   (on ? (chance(4) ? "on" : "off") : "on");
+         }
+         case 2: {
+            // A VRF deleted, and later back under the same id (or another).
+            if (auto id = idOf(v)) {
+               goneVrfs_[v] = id->value();
+               return "vrf " + v + " delete";
+            }
+            auto gone = goneVrfs_.find(v);
+            const uint64_t id =
+                gone != goneVrfs_.end() && !chance(4) ? gone->second : 1 + rng_() % 4;
+            return vrfLine(v, id);
+         }
+         case 3: {
+            auto fwVrf = sw_.fwConfig()->vrf(L3::VrfName(v));
+            const bool has = fwVrf && fwVrf->segment(seg);
+            return "segment " + v + " " + seg + (has ? " delete" : "");
+         }
+         case 4: {
+            // The allocator takes a grant back, or hands one out.
+            const auto& grants = sw_.allocator().grants();
+            if (!grants.empty() && !chance(3)) {
+               auto it = grants.begin();
+               std::advance(it, long(rng_() % grants.size()));
+               const auto name = sw_.l3Status()->vrfName(it->first.vrfId());
+               return std::string(chance(5) ? "regrant " : "revoke ") + name.value() + " " +
+                      it->first.segment();
+            }
+            const auto pending = sw_.allocator().pendingRequests();
+            if (pending.empty()) {
+               return chance(2) ? "allocator auto" : "allocator manual";
+            }
+            const auto& key = pending[rng_() % pending.size()];
+            const std::string name = sw_.l3Status()->vrfName(key.vrfId()).value();
+            switch (rng_() % 4) {
+               case 0:
+                  return "grant " + name + " " + key.segment() + " invalid";
+               case 1:
+                  return "grant " + name + " " + key.segment() + " " +
+                         std::to_string(1 + rng_() % 8);
+               default:
+                  return "grant " + name + " " + key.segment();
+            }
+         }
+         case 5:
+            return std::string("routing-helper ") +
+                   (sw_.routingStatusHelper()->ready() ? "unready" : "ready");
+         case 6:
+            routingBusy_ = !routingBusy_;
+            return std::string("routing busy ") + (routingBusy_ ? "on" : "off");
+         case 7:
+            return "prefix " + v + " " + anyPrefix() + " " + seg;
+         default:
+            return "fw-vrf " + v + (chance(3) ? " delete" : "");
+      }
    }
 
    // A VRF the switch has, mostly; sometimes any name.
@@ -478,7 +651,13 @@ private:
    std::optional<std::pair<std::string, std::string>> focus_;
    const bool faults_;
    const size_t length_;
+   const Pace pace_;
    size_t step_ = 0;
+   // Fast churn: events left in the burst, VRFs deleted (with their last
+   // id), and whether the routing layer was made busy.
+   size_t burstLeft_ = 0;
+   std::map<std::string, uint64_t> goneVrfs_;
+   bool routingBusy_ = false;
 };
 
 }  // namespace KivTest
