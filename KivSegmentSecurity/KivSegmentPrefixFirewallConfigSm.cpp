@@ -235,6 +235,21 @@ void KivSegmentSecurityVrfSm::queueRoutesWithHwId(SegmentHwId hwId) {
    }
 }
 
+void KivSegmentSecurityVrfSm::rememberHwIdFromRoutes(const Zop::String& segment) {
+   // A request standing without a grant was made before this reactor (an
+   // earlier reactor of the VRF, whose grant the allocator took back): the
+   // routes of the segment's prefixes still carry its last id, and the same
+   // id granted back is this segment's, not a new owner's.
+   for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
+      const Zop::String* configured =
+          routeKey.vrfId() == vrfId_ ? fwVrf_->prefixList(routeKey.prefix()) : nullptr;
+      if (configured && *configured == segment && route.hwId().isValid()) {
+         knownHwId_[segment] = route.hwId();
+         return;
+      }
+   }
+}
+
 void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segment) {
    SegmentIdRequestKey key(vrfId_, segment);
    if (segmentDir_->segmentHas(segment)) {
@@ -244,6 +259,9 @@ void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segmen
       TRACE5(" Added. Vrf: " << vrfName_ << " Segment: " << segment);
       SegmentHwId hwId = allocatedHwId(key);
       if (!hwId.isValid()) {
+         if (segmentIdRequest_->requestHas(key) && !knownHwId_.count(segment)) {
+            rememberHwIdFromRoutes(segment);
+         }
          TRACE5(" Requesting HwId for Vrf: " << vrfName_ << " Segment: " << segment);
          segmentIdRequest_->requestIs(key);
          // A grant still standing from the key's withdrawn request is the
@@ -270,24 +288,29 @@ void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segmen
       vrfCounters->countersDir()->segmentDel(segment);
    }
    const SegmentHwId hwId = allocatedHwId(key);
-   if (!hwId.isValid()) {
-      // Deleted before its id was granted (or after it was released):
-      // nothing is counted under the key.
-      TRACE5(" Releasing hwId");
-      segmentIdRequest_->requestDel(key);
-      knownHwId_.erase(segment);
-      return;
+   // Without an id in force (never granted, or taken back by the allocator)
+   // the routes of the segment may still carry its last id: the request stays
+   // while they are counted.
+   SegmentHwId counted = hwId;
+   if (hwId.isValid()) {
+      processSegmentPrefix(segment, false);
+   } else if (auto known = knownHwId_.find(segment); known != knownHwId_.end()) {
+      counted = known->second;
    }
-   processSegmentPrefix(segment, false);
-   Zop::Ptr<SegmentPrefixCount> counter = prefixCount_->segmentPrefixCount(hwId);
-   ZOP_ASSERT(counter, "prefixCount()->segmentPrefixCountHas( hwId )", kSource);
-   if (counter->prefixCount() != 0) {
-      TRACE5(" " << hwId << " in use with request count: " << counter->prefixCount());
+   Zop::Ptr<SegmentPrefixCount> counter =
+       counted.isValid() ? prefixCount_->segmentPrefixCount(counted) : nullptr;
+   if (hwId.isValid()) {
+      ZOP_ASSERT(counter, "prefixCount()->segmentPrefixCountHas( hwId )", kSource);
+   }
+   if (counter && counter->prefixCount() != 0) {
+      TRACE5(" " << counted << " in use with request count: " << counter->prefixCount());
       return;
    }
    TRACE5(" Releasing hwId");
    segmentIdRequest_->requestDel(key);
-   prefixCount_->segmentPrefixCountDel(hwId);
+   if (counter) {
+      prefixCount_->segmentPrefixCountDel(counted);
+   }
    knownHwId_.erase(segment);
 }
 
@@ -466,6 +489,11 @@ void KivSegmentSecurityVrfSm::doCleanup() {
    for (const auto& key : requests) {
       const SegmentIdStatus* status = segmentIdResponse_->status(key);
       SegmentHwId hwId = status ? status->hwId : SegmentHwId();
+      if (!hwId.isValid()) {
+         // A grant taken back: the segment's routes may still carry its last id.
+         auto known = knownHwId_.find(key.segment());
+         hwId = known == knownHwId_.end() ? hwId : known->second;
+      }
       Zop::Ptr<SegmentPrefixCount> counter =
           hwId.isValid() ? prefixCount_->segmentPrefixCount(hwId) : nullptr;
       if (counter && counter->prefixCount() != 0) {
@@ -820,6 +848,7 @@ void KivSegmentSecurityRootSm::waitForSegmentRouteRemoval() {
    }
    status_->waitForRoutesCleanupIs(false);
    status_->waitForSegmentSecurityRoutingDisabledCntInc();
+   releaseRequestsLeft();
    if (urpfConfigured()) {
       TRACE5(" nothing else todo as urpf is configured");
       status_->segmentSecuritySetupCompleteIs(false);
@@ -830,6 +859,21 @@ void KivSegmentSecurityRootSm::waitForSegmentRouteRemoval() {
    } else if (fwConfig_->fwActive()) {
       handleVrf();
    }
+}
+
+void KivSegmentSecurityRootSm::releaseRequestsLeft() {
+   // No VRF reactor lives through a cleanup wait and no route is left at its
+   // end, so a request still standing has no one to release it: an id whose
+   // grant the allocator took back while its last prefix was being removed
+   // names no request the processor could withdraw. None outlives the wait.
+   std::vector<SegmentIdRequestKey> left(segmentIdRequest_->request().begin(),
+                                         segmentIdRequest_->request().end());
+   std::sort(left.begin(), left.end());
+   for (const auto& key : left) {
+      TRACE5(" Releasing hwId request left: " << key);
+      segmentIdRequest_->requestDel(key);
+   }
+   prefixCount_->segmentPrefixCountDelAll();
 }
 
 void KivSegmentSecurityRootSm::retrySetup() {

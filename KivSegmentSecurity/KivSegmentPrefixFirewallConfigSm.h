@@ -133,6 +133,8 @@ private:
    // The key's id while its request stands and its grant is valid; else
    // the invalid id.
    SegmentHwId allocatedHwId(const SegmentIdRequestKey& key) const;
+   // The id the routes of the segment's prefixes carry, as the segment's last.
+   void rememberHwIdFromRoutes(const Zop::String& segment);
    // Reviews this VRF's recorded routes that carry `hwId`.
    void queueRoutesWithHwId(SegmentHwId hwId);
 
@@ -242,6 +244,8 @@ private:
    void handleRoutingStatusReady();
    // After a handshake that ended with the feature off: the enable decision.
    void decideAgainIfOff();
+   // At the end of a cleanup wait: the id requests and counters nothing owns.
+   void releaseRequestsLeft();
    // Cleanup wait on: every installed route goes on the review list.
    void startRoutesCleanup();
 

@@ -63,17 +63,54 @@ Outcome HwIdAllocator::grant(const SegmentIdRequestKey& key, std::optional<Segme
    if (grants_.count(key)) {
       return Outcome::refused(valueToStrep(key) + " is granted already");
    }
+   auto reserved = reserved_.find(key);
    if (!id) {
-      id = lowestFree();
+      id = reserved != reserved_.end() ? std::optional(reserved->second) : lowestFree();
       if (!id) {
          return Outcome::refused("the pool is exhausted");
       }
    } else if (id->value() < kPoolFirst || id->value() > kPoolLast) {
       return Outcome::refused("id " + std::to_string(id->value()) + " cannot be granted");
-   } else if (used_.count(id->value())) {
+   } else if (used_.count(id->value()) &&
+              !(reserved != reserved_.end() && reserved->second == *id)) {
       return Outcome::refused("id " + std::to_string(id->value()) + " is granted already");
    }
    grantNow(key, *id);
+   return Outcome::done();
+}
+
+Outcome HwIdAllocator::grantInvalid(const SegmentIdRequestKey& key) {
+   if (!requests_->requestHas(key)) {
+      return Outcome::refused("no request for " + valueToStrep(key));
+   }
+   if (grants_.count(key)) {
+      return Outcome::refused(valueToStrep(key) + " is granted already");
+   }
+   invalid_.insert(key);
+   responses_->statusIs(key, SegmentIdStatus{SegmentHwId()});
+   return Outcome::done();
+}
+
+Outcome HwIdAllocator::revoke(const SegmentIdRequestKey& key) {
+   auto granted = grants_.find(key);
+   if (granted == grants_.end()) {
+      return Outcome::refused(valueToStrep(key) + " has no grant to revoke");
+   }
+   // The id stays in use, reserved for the key, until its request goes.
+   reserved_[key] = granted->second;
+   grants_.erase(granted);
+   responses_->statusDel(key);
+   if (mode_ == Mode::automatic) {
+      task_->scheduleTask();
+   }
+   return Outcome::done();
+}
+
+Outcome HwIdAllocator::regrant(const SegmentIdRequestKey& key) {
+   if (!responses_->statusHas(key)) {
+      return Outcome::refused(valueToStrep(key) + " has no grant to notify again");
+   }
+   responses_->statusRenotify(key);
    return Outcome::done();
 }
 
@@ -97,11 +134,21 @@ void HwIdAllocator::run() {
    while (!changed_.empty()) {
       const SegmentIdRequestKey key = *changed_.begin();
       changed_.erase(changed_.begin());
-      const bool requested = requests_->requestHas(key);
+      if (requests_->requestHas(key)) {
+         continue;
+      }
       auto granted = grants_.find(key);
-      if (!requested && granted != grants_.end()) {
+      if (granted != grants_.end()) {
          used_.erase(granted->second.value());
          grants_.erase(granted);
+         responses_->statusDel(key);
+      }
+      auto reserved = reserved_.find(key);
+      if (reserved != reserved_.end()) {
+         used_.erase(reserved->second.value());
+         reserved_.erase(reserved);
+      }
+      if (invalid_.erase(key) != 0) {
          responses_->statusDel(key);
       }
    }
@@ -111,7 +158,8 @@ void HwIdAllocator::run() {
    // Every waiting request, also one that found the pool exhausted before
    // and may find an id freed just now.
    for (const SegmentIdRequestKey& key : pendingRequests()) {
-      const auto id = lowestFree();
+      auto reserved = reserved_.find(key);
+      const auto id = reserved != reserved_.end() ? std::optional(reserved->second) : lowestFree();
       if (!id) {
          break;
       }
@@ -131,6 +179,15 @@ std::optional<SegmentHwId> HwIdAllocator::lowestFree() const {
 }
 
 void HwIdAllocator::grantNow(const SegmentIdRequestKey& key, SegmentHwId id) {
+   // A key granted another id than the one kept for it frees that one.
+   auto reserved = reserved_.find(key);
+   if (reserved != reserved_.end()) {
+      if (reserved->second != id) {
+         used_.erase(reserved->second.value());
+      }
+      reserved_.erase(reserved);
+   }
+   invalid_.erase(key);
    used_.insert(id.value());
    grants_[key] = id;
    responses_->statusIs(key, SegmentIdStatus{id});

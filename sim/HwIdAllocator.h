@@ -12,6 +12,16 @@
 //
 // Request notifications only note the key and schedule the allocator's task
 // ("SimHwIdAllocatorTask"); the task answers, in key order.
+//
+// What else an allocator may do, for the library to meet:
+//   revoke(key): takes the grant back while the request stands (statusDel);
+//      the request waits again. The id stays reserved for the key while its
+//      request stands, never granted to another key (the old owner's routes
+//      may still carry it); automatic mode grants the key its reserved id
+//      back at its next run. A request deleted frees its reserved id.
+//   grant(key, invalid): publishes the invalid id 65535 for the key; such a
+//      key still waits (a later grant, or automatic mode, replaces it).
+//   regrant(key): notifies the key's unchanged grant once more.
 
 #include <cstdint>
 #include <map>
@@ -53,11 +63,19 @@ public:
    // of the pool. Refused when the key has no request, is granted already,
    // or the id is taken or out of range.
    Outcome grant(const SegmentIdRequestKey& key, std::optional<SegmentHwId> id = std::nullopt);
+   // Publishes the invalid id for a waiting request.
+   Outcome grantInvalid(const SegmentIdRequestKey& key);
+   // Takes a valid grant back; the request waits again, its id reserved.
+   Outcome revoke(const SegmentIdRequestKey& key);
+   // Notifies a key's grant (valid or not) again, unchanged.
+   Outcome regrant(const SegmentIdRequestKey& key);
 
-   // Requests without a grant, in key order.
+   // Requests without a valid grant, in key order.
    std::vector<SegmentIdRequestKey> pendingRequests() const;
-   // What is granted, by key.
+   // What is granted (valid ids only), by key.
    const std::map<SegmentIdRequestKey, SegmentHwId>& grants() const { return grants_; }
+   // Ids taken back and kept for their keys.
+   const std::map<SegmentIdRequestKey, SegmentHwId>& reserved() const { return reserved_; }
 
 private:
    class RequestNotifiee;
@@ -79,6 +97,9 @@ private:
    // Keys whose request changed since the last run.
    std::set<SegmentIdRequestKey> changed_;
    std::map<SegmentIdRequestKey, SegmentHwId> grants_;
+   std::map<SegmentIdRequestKey, SegmentHwId> reserved_;
+   // Keys whose published status is the invalid id.
+   std::set<SegmentIdRequestKey> invalid_;
    std::set<uint16_t> used_;
 };
 

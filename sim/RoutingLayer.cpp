@@ -120,6 +120,20 @@ void RoutingLayer::heldIs(bool held) {
    }
 }
 
+void RoutingLayer::ownBusyIs(bool busy) {
+   if (busy == ownBusy_) {
+      return;
+   }
+   ownBusy_ = busy;
+   publishBusy();
+}
+
+void RoutingLayer::publishBusy() {
+   const bool any = busy_ || ownBusy_;
+   l3Status_->waitForRoutingDisabledInVrfsIs(any);
+   l3Status_->waitForRouting6DisabledInVrfsIs(any);
+}
+
 void RoutingLayer::urpfIs(Pexo::AddressFamily af, bool on) {
    if (af == Pexo::AddressFamily::ipv6) {
       ip6Status_->urpfConfiguredIs(on);
@@ -190,8 +204,7 @@ void RoutingLayer::run() {
       if (!busy_) {
          busy_ = true;
          ++disablesStarted_;
-         l3Status_->waitForRoutingDisabledInVrfsIs(true);
-         l3Status_->waitForRouting6DisabledInVrfsIs(true);
+         publishBusy();
          if (!held_) {
             disableTask_->scheduleTaskLowestDelay(busyDelay_);
          }
@@ -237,8 +250,7 @@ void RoutingLayer::endDisable() {
    ++disablesDone_;
    publishRoutingEnabled();
    multicastStatus_->hwRoutingIs(false);
-   l3Status_->waitForRoutingDisabledInVrfsIs(false);
-   l3Status_->waitForRouting6DisabledInVrfsIs(false);
+   publishBusy();
    waitWrapper_->waitForRoutingDisabledRefCntInc();
 }
 

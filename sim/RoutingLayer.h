@@ -21,6 +21,12 @@
 //      the suspension: routingEnabledInAnyVrf / routing6EnabledInAnyVrf become
 //      true again when some VRF routes that family. A write of true while a
 //      disable is in progress is ignored (the disable turns it off again).
+// Busy on its own (ownBusyIs): another user of the routing layer disabling
+// routing, not the segment feature. While it is, waitForRoutingDisabledInVrfs
+// and waitForRouting6DisabledInVrfs are true; when it ends they clear, unless
+// a disable the feature asked for is in progress (they clear when it ends).
+// A feature's disable meanwhile runs as usual.
+//
 // Outside a suspension, routingEnabledInAnyVrf and routing6EnabledInAnyVrf
 // follow the VRFs' own flags (L3::VrfStatus, as the routing agent publishes
 // them) as they come and go.
@@ -78,6 +84,10 @@ public:
    bool held() const { return held_; }
    void heldIs(bool held);
 
+   // Busy on its own; see above.
+   bool ownBusy() const { return ownBusy_; }
+   void ownBusyIs(bool busy);
+
    // uRPF configuration of one family (ipv4 or ipv6).
    void urpfIs(Pexo::AddressFamily af, bool on);
 
@@ -113,6 +123,9 @@ private:
    // Publishes the *EnabledInAnyVrf flags: off while suspended, else from the
    // VRFs' flags.
    void publishRoutingEnabled();
+   // The busy flags: set while a feature's disable runs or the layer is busy
+   // on its own.
+   void publishBusy();
 
    Zop::Ptr<Ruv::TaskScheduler> scheduler_;
    Zop::Ptr<L3Status> l3Status_;
@@ -129,6 +142,7 @@ private:
    double busyDelay_ = kDefaultBusyDelay;
    double urpfBusyDelay_ = kDefaultUrpfBusyDelay;
    bool held_ = false;
+   bool ownBusy_ = false;
 
    // Noted by notifications, taken by the task.
    bool disableRequested_ = false;

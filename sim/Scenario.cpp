@@ -329,6 +329,12 @@ bool Scenario::execute(const Words& w, std::ostream& out) {
       allocator(w);
    } else if (c == "grant") {
       grant(w);
+   } else if (c == "revoke" || c == "regrant") {
+      revoke(w);
+   } else if (c == "routing-helper") {
+      routingHelper(w);
+   } else if (c == "routing") {
+      routingBusy(w);
    } else if (c == "hwfail") {
       hwfail(w);
    } else if (c == "hwcapacity") {
@@ -536,13 +542,41 @@ void Scenario::allocator(const Words& w) {
 }
 
 void Scenario::grant(const Words& w) {
-   usage(w, 3, 4, "grant VRF SEGMENT [ID]");
+   usage(w, 3, 4, "grant VRF SEGMENT [ID|invalid]");
    VrfId id = knownVrf(*switch_, w[1]);
+   const SegmentIdRequestKey key(id, w[2]);
+   if (w.size() == 4 && w[3] == "invalid") {
+      outcome(switch_->allocator().grantInvalid(key));
+      return;
+   }
    std::optional<SegmentHwId> hwId;
    if (w.size() == 4) {
       hwId = SegmentHwId(uint16_t(number(w[3], "hw id", HwIdAllocator::kPoolLast)));
    }
-   outcome(switch_->allocator().grant(SegmentIdRequestKey(id, w[2]), hwId));
+   outcome(switch_->allocator().grant(key, hwId));
+}
+
+void Scenario::revoke(const Words& w) {
+   const std::string form = w[0] + " VRF SEGMENT";
+   usage(w, 3, 3, form.c_str());
+   const SegmentIdRequestKey key(knownVrf(*switch_, w[1]), w[2]);
+   outcome(w[0] == "revoke" ? switch_->allocator().revoke(key) : switch_->allocator().regrant(key));
+}
+
+void Scenario::routingHelper(const Words& w) {
+   usage(w, 2, 2, "routing-helper ready/unready");
+   if (w[1] != "ready" && w[1] != "unready") {
+      bad(quoted(w[1]) + " is not ready/unready");
+   }
+   switch_->routingStatusHelper()->readyIs(w[1] == "ready");
+}
+
+void Scenario::routingBusy(const Words& w) {
+   usage(w, 3, 3, "routing busy on/off");
+   if (w[1] != "busy") {
+      bad("unexpected word " + quoted(w[1]) + ": routing busy on/off");
+   }
+   switch_->routingLayer().ownBusyIs(onOff(w[2]));
 }
 
 void Scenario::hwfail(const Words& w) {
@@ -747,7 +781,9 @@ void Scenario::status(const Words& w, std::ostream& out) {
        << "segmentSecurityRoutingDisable: " << s.segmentSecurityRoutingDisable() << '\n'
        << "segmentSecurityRoutingEnable: " << s.segmentSecurityRoutingEnable() << '\n'
        << "waitForSegmentSecurityRoutingDisabledCnt: "
-       << s.waitForSegmentSecurityRoutingDisabledCnt() << '\n';
+       << s.waitForSegmentSecurityRoutingDisabledCnt() << '\n'
+       << "hwRouting: " << b(switch_->multicastStatus()->hwRouting()) << '\n'
+       << "routingSuspended: " << b(switch_->routingLayer().suspended()) << '\n';
 }
 
 bool Scenario::check(const Words& w, std::ostream& out) {

@@ -113,6 +113,9 @@ private:
    void urpf(const Words& w);
    void allocator(const Words& w);
    void grant(const Words& w);
+   void revoke(const Words& w);
+   void routingHelper(const Words& w);
+   void routingBusy(const Words& w);
    void hwfail(const Words& w);
    void hwcapacity(const Words& w);
    void fwVrf(const Words& w);

@@ -85,6 +85,9 @@ public:
    // Grants (or changes) the key's id and keeps the reverse entry in step.
    void statusIs(const SegmentIdRequestKey& k, const SegmentIdStatus& s);
    void statusDel(const SegmentIdRequestKey& k);
+   // The key's unchanged status notified again (an allocator repeating
+   // itself); nothing when the key has none.
+   void statusRenotify(const SegmentIdRequestKey& k) { status_.renotify(*this, k); }
    const SegmentIdStatus* status(const SegmentIdRequestKey& k) const { return status_.find(k); }
    bool statusHas(const SegmentIdRequestKey& k) const { return status_.has(k); }
    const auto& status() const { return status_; }

@@ -246,6 +246,16 @@ public:
       return v ? *v : fallback;
    }
    bool has(const K& k) const { return map_.count(k) != 0; }
+   // Notifies the key's unchanged value once more, as a publisher that
+   // writes the same value again may; false (nothing notified) when absent.
+   bool renotify(E& owner, const K& k) {
+      if (!has(k)) {
+         return false;
+      }
+      const K key = k;
+      notify(owner, key);
+      return true;
+   }
    size_t size() const { return map_.size(); }
    bool empty() const { return map_.empty(); }
    const Map& members() const { return map_; }

@@ -100,3 +100,71 @@ TEST(SimHwIdAllocator, ManualGrantsWaitForTheWord) {
    EXPECT_EQ(granted(p, key(1, "app")), 1);
    EXPECT_TRUE(p.allocator.pendingRequests().empty());
 }
+
+// What else an allocator may do: take a grant back while the request
+// stands, publish the invalid id, say a grant again.
+TEST(SimHwIdAllocator, RevokedIdsStayWithTheirKeyInvalidAndRepeatedGrants) {
+   simtest::Platform p;
+   struct Counter : SegmentIdResponse::Notifiee {
+      std::vector<std::string> seen;
+      void handleStatus(const SegmentIdRequestKey& k) override {
+         const SegmentIdStatus* s = notifier()->status(k);
+         seen.push_back(valueToStrep(k) + "=" + (s ? std::to_string(s->hwId.value()) : "-"));
+      }
+   } heard;
+   heard.notifierIs(p.responses);
+   p.requests->requestIs(key(1, "web"));
+   p.requests->requestIs(key(1, "db"));
+   p.settle();
+   ASSERT_EQ(granted(p, key(1, "web")), 2);
+
+   // Revoked: the grant goes at once, the request waits, and the id is kept
+   // for its key: automatic mode gives it back, nobody else gets it.
+   ASSERT_TRUE(p.allocator.revoke(key(1, "web")).ok());
+   EXPECT_FALSE(p.responses->statusHas(key(1, "web")));
+   EXPECT_TRUE(p.requests->requestHas(key(1, "web")));
+   EXPECT_EQ(p.allocator.reserved().at(key(1, "web")), SegmentHwId(2));
+   p.requests->requestIs(key(1, "app"));
+   p.settle();
+   EXPECT_EQ(granted(p, key(1, "web")), 2);
+   EXPECT_EQ(granted(p, key(1, "app")), 3);
+   EXPECT_FALSE(p.allocator.revoke(key(1, "nobody")).ok());
+
+   // Manual: the key may have its kept id or another; another frees the kept one.
+   p.allocator.modeIs(HwIdAllocator::Mode::manual);
+   ASSERT_TRUE(p.allocator.revoke(key(1, "web")).ok());
+   EXPECT_FALSE(p.allocator.grant(key(1, "db2"), SegmentHwId(2)).ok()) << "nobody asked";
+   p.requests->requestIs(key(1, "x"));
+   p.settle();
+   EXPECT_FALSE(p.allocator.grant(key(1, "x"), SegmentHwId(2)).ok()) << "kept for web";
+   ASSERT_TRUE(p.allocator.grant(key(1, "web"), SegmentHwId(9)).ok());
+   EXPECT_TRUE(p.allocator.reserved().empty());
+   ASSERT_TRUE(p.allocator.grant(key(1, "x"), SegmentHwId(2)).ok()) << "free again";
+
+   // A request deleted frees its kept id.
+   ASSERT_TRUE(p.allocator.revoke(key(1, "x")).ok());
+   p.requests->requestDel(key(1, "x"));
+   p.settle();
+   EXPECT_TRUE(p.allocator.reserved().empty());
+   p.requests->requestIs(key(1, "y"));
+   p.settle();
+   ASSERT_TRUE(p.allocator.grant(key(1, "y")).ok());
+   EXPECT_EQ(granted(p, key(1, "y")), 2);
+
+   // The invalid id: published, the key still waits; a grant replaces it.
+   p.requests->requestIs(key(1, "z"));
+   p.settle();
+   ASSERT_TRUE(p.allocator.grantInvalid(key(1, "z")).ok());
+   EXPECT_EQ(granted(p, key(1, "z")), 65535);
+   EXPECT_EQ(p.allocator.pendingRequests(), std::vector{key(1, "z")});
+   EXPECT_FALSE(p.allocator.revoke(key(1, "z")).ok()) << "no valid grant";
+   ASSERT_TRUE(p.allocator.grant(key(1, "z")).ok());
+   EXPECT_NE(granted(p, key(1, "z")), 65535);
+
+   // Said again: one more notification, nothing changed.
+   heard.seen.clear();
+   ASSERT_TRUE(p.allocator.regrant(key(1, "db")).ok());
+   EXPECT_EQ(heard.seen, std::vector<std::string>{valueToStrep(key(1, "db")) + "=1"});
+   EXPECT_FALSE(p.allocator.regrant(key(1, "nobody")).ok());
+   EXPECT_EQ(p.allocator.grants().size(), p.responses->status().size());
+}

@@ -238,3 +238,36 @@ TEST(SimRoutingStatusHelper, AnnouncesEachChangeOfItsAnswer) {
    EXPECT_EQ(helper->askedEnable(), 2u);
    EXPECT_EQ(helper->askedDisable(), 1u);
 }
+
+// Busy on its own: the busy flags follow whichever of the layer's own work
+// and the feature's disable ends last.
+TEST(SimRoutingLayer, BusyOnItsOwnSetsTheBusyFlagsUntilBothAreDone) {
+   Layer l;
+   l.layer->ownBusyIs(true);
+   EXPECT_TRUE(l.l3Status->waitForRoutingDisabledInVrfs());
+   EXPECT_TRUE(l.l3Status->waitForRouting6DisabledInVrfs());
+   EXPECT_FALSE(l.layer->suspended());
+   // The feature's disable runs meanwhile; the flags stay while the layer is
+   // busy on its own.
+   l.requestDisable();
+   l.settle();
+   EXPECT_TRUE(l.layer->suspended());
+   EXPECT_EQ(l.refCnt(), 1u);
+   EXPECT_TRUE(l.l3Status->waitForRoutingDisabledInVrfs());
+   l.layer->ownBusyIs(false);
+   EXPECT_FALSE(l.l3Status->waitForRoutingDisabledInVrfs());
+   EXPECT_FALSE(l.l3Status->waitForRouting6DisabledInVrfs());
+   // And the other way round: its own work ending during the feature's
+   // disable leaves the flags to that disable.
+   l.status->segmentSecurityRoutingDisableDoneIs(false);
+   l.multicast->hwRoutingIs(true);
+   l.settle();
+   l.requestDisable();
+   l.layer->ownBusyIs(true);
+   l.scheduler->runReady();
+   l.layer->ownBusyIs(false);
+   EXPECT_TRUE(l.l3Status->waitForRoutingDisabledInVrfs());
+   l.settle();
+   EXPECT_FALSE(l.l3Status->waitForRoutingDisabledInVrfs());
+   EXPECT_EQ(l.refCnt(), 2u);
+}

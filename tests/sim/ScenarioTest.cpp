@@ -70,6 +70,8 @@ TEST(Scenario, SmallScenarioExactOutput) {
              "segmentSecurityRoutingDisable: 1\n"
              "segmentSecurityRoutingEnable: 1\n"
              "waitForSegmentSecurityRoutingDisabledCnt: 1\n"
+             "hwRouting: true\n"
+             "routingSuspended: false\n"
              "check: ok\n");
    EXPECT_EQ(s.stats().commands, 14u);
 }
