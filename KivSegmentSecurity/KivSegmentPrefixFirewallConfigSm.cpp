@@ -223,6 +223,16 @@ SegmentHwId KivSegmentSecurityVrfSm::allocatedHwId(const SegmentIdRequestKey& ke
    return status ? status->hwId : SegmentHwId();
 }
 
+SegmentHwId KivSegmentSecurityVrfSm::lastHwId(const SegmentIdRequestKey& key) const {
+   auto known = knownHwId_->find(key.segment());
+   if (known == knownHwId_->end()) {
+      return SegmentHwId();
+   }
+   // Granted to another key since: its counter is that key's now.
+   const SegmentIdRequestKey* owner = segmentIdResponse_->hwIdKey(known->second);
+   return owner && !(*owner == key) ? SegmentHwId() : known->second;
+}
+
 void KivSegmentSecurityVrfSm::queueRoutesWithHwId(SegmentHwId hwId) {
    std::vector<VrfAndIpGenPrefix> routes;
    for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
@@ -235,21 +245,6 @@ void KivSegmentSecurityVrfSm::queueRoutesWithHwId(SegmentHwId hwId) {
    }
 }
 
-void KivSegmentSecurityVrfSm::rememberHwIdFromRoutes(const Zop::String& segment) {
-   // A request standing without a grant was made before this reactor (an
-   // earlier reactor of the VRF, whose grant the allocator took back): the
-   // routes of the segment's prefixes still carry its last id, and the same
-   // id granted back is this segment's, not a new owner's.
-   for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
-      const Zop::String* configured =
-          routeKey.vrfId() == vrfId_ ? fwVrf_->prefixList(routeKey.prefix()) : nullptr;
-      if (configured && *configured == segment && route.hwId().isValid()) {
-         knownHwId_[segment] = route.hwId();
-         return;
-      }
-   }
-}
-
 void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segment) {
    SegmentIdRequestKey key(vrfId_, segment);
    if (segmentDir_->segmentHas(segment)) {
@@ -259,9 +254,6 @@ void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segmen
       TRACE5(" Added. Vrf: " << vrfName_ << " Segment: " << segment);
       SegmentHwId hwId = allocatedHwId(key);
       if (!hwId.isValid()) {
-         if (segmentIdRequest_->requestHas(key) && !knownHwId_.count(segment)) {
-            rememberHwIdFromRoutes(segment);
-         }
          TRACE5(" Requesting HwId for Vrf: " << vrfName_ << " Segment: " << segment);
          segmentIdRequest_->requestIs(key);
          // A grant still standing from the key's withdrawn request is the
@@ -276,7 +268,7 @@ void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segmen
       if (!prefixCount_->segmentPrefixCountHas(hwId)) {
          prefixCount_->segmentPrefixCountIs(segmentPrefixCountFactory(hwId));
       }
-      knownHwId_[segment] = hwId;
+      (*knownHwId_)[segment] = hwId;
       processSegmentPrefix(segment, true);
       return;
    }
@@ -294,8 +286,8 @@ void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segmen
    SegmentHwId counted = hwId;
    if (hwId.isValid()) {
       processSegmentPrefix(segment, false);
-   } else if (auto known = knownHwId_.find(segment); known != knownHwId_.end()) {
-      counted = known->second;
+   } else {
+      counted = lastHwId(key);
    }
    Zop::Ptr<SegmentPrefixCount> counter =
        counted.isValid() ? prefixCount_->segmentPrefixCount(counted) : nullptr;
@@ -311,7 +303,7 @@ void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segmen
    if (counter) {
       prefixCount_->segmentPrefixCountDel(counted);
    }
-   knownHwId_.erase(segment);
+   knownHwId_->erase(segment);
 }
 
 void KivSegmentSecurityVrfSm::handleSegmentIdStatus(const SegmentIdRequestKey& key) {
@@ -323,9 +315,13 @@ void KivSegmentSecurityVrfSm::handleSegmentIdStatus(const SegmentIdRequestKey& k
       TRACE5(" HwId: " << status->hwId << " allocated for Vrf: " << vrfName_
                        << " Segment: " << segment);
    }
-   auto known = knownHwId_.find(segment);
-   const SegmentHwId oldHwId = known == knownHwId_.end() ? SegmentHwId() : known->second;
+   const SegmentHwId oldHwId = lastHwId(key);
    const SegmentHwId hwId = allocatedHwId(key);
+   if (!status && !segmentIdRequest_->requestHas(key)) {
+      // Released: the request went first, with nothing counted.
+      knownHwId_->erase(segment);
+      return;
+   }
    if (!hwId.isValid()) {
       // No id in force for the segment: an allocator that took the grant
       // back (or replaced it with the invalid id) while the request stands.
@@ -343,7 +339,7 @@ void KivSegmentSecurityVrfSm::handleSegmentIdStatus(const SegmentIdRequestKey& k
          if (!counter || counter->prefixCount() == 0) {
             TRACE5(" Releasing hwId");
             segmentIdRequest_->requestDel(key);
-            knownHwId_.erase(segment);
+            knownHwId_->erase(segment);
          }
       }
       return;
@@ -362,16 +358,20 @@ void KivSegmentSecurityVrfSm::handleSegmentIdStatus(const SegmentIdRequestKey& k
    } else {
       prefixCount_->segmentPrefixCountIs(segmentPrefixCountFactory(hwId));
    }
-   knownHwId_[segment] = hwId;
+   (*knownHwId_)[segment] = hwId;
    if (!segmentDir_->segmentHas(segment)) {
       // Granted to a segment that left the configuration while its request
-      // waited: nothing will use the id.
+      // waited: nothing will use the id. Routes still counted under the id it
+      // had before keep the request, which keeps that id from another owner
+      // until they are gone (a teardown withdraws what is left).
       Zop::Ptr<SegmentPrefixCount> counter = prefixCount_->segmentPrefixCount(hwId);
-      if (counter->prefixCount() == 0) {
+      Zop::Ptr<SegmentPrefixCount> oldCounter =
+          newToKey && oldHwId.isValid() ? prefixCount_->segmentPrefixCount(oldHwId) : nullptr;
+      if (counter->prefixCount() == 0 && (!oldCounter || oldCounter->prefixCount() == 0)) {
          TRACE5(" Releasing hwId");
          segmentIdRequest_->requestDel(key);
          prefixCount_->segmentPrefixCountDel(hwId);
-         knownHwId_.erase(segment);
+         knownHwId_->erase(segment);
          return;
       }
    }
@@ -491,8 +491,7 @@ void KivSegmentSecurityVrfSm::doCleanup() {
       SegmentHwId hwId = status ? status->hwId : SegmentHwId();
       if (!hwId.isValid()) {
          // A grant taken back: the segment's routes may still carry its last id.
-         auto known = knownHwId_.find(key.segment());
-         hwId = known == knownHwId_.end() ? hwId : known->second;
+         hwId = lastHwId(key);
       }
       Zop::Ptr<SegmentPrefixCount> counter =
           hwId.isValid() ? prefixCount_->segmentPrefixCount(hwId) : nullptr;
@@ -1098,6 +1097,11 @@ void KivSegmentSecurityRootSm::handleVrf(const L3::VrfName& name) {
    Zop::Ptr<KivSegmentSecurityVrfSm> sm = kivSegmentSecurityVrfSmFactory(
        name, fwVrf, fwVrf->segmentDir(), fwConfig_, reviewList_, segmentIdRequest_,
        segmentIdResponse_, *vrfId, prefixCount_, segmentRoutesList_, counters_);
+   auto& known = knownHwIds_[*vrfId];
+   if (!known) {
+      known = std::make_shared<KivSegmentSecurityVrfSm::KnownHwIds>();
+   }
+   sm->knownHwIdsIs(known);
    vrfSm_[name] = sm;
    sm->initializedIs(true);
 }

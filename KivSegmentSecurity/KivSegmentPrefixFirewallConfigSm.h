@@ -115,6 +115,12 @@ public:
    void cleanupRoutesIs(std::vector<VrfAndIpGenPrefix> routes) {
       cleanupRoutes_ = std::move(routes);
    }
+   // The last id granted per segment. The root keeps one per VRF id and hands
+   // it to each reactor of the VRF before initialising it: a grant taken back
+   // while one reactor lived may come back to the next one, and the same id
+   // must be known as the same owner's.
+   using KnownHwIds = std::map<Zop::String, SegmentHwId>;
+   void knownHwIdsIs(std::shared_ptr<KnownHwIds> known) { knownHwId_ = std::move(known); }
 
    const Zop::Ptr<const SegmentIdResponse>& segmentIdStatus() const { return segmentIdResponse_; }
    const Zop::Ptr<PrefixCount>& prefixCount() const { return prefixCount_; }
@@ -133,8 +139,8 @@ private:
    // The key's id while its request stands and its grant is valid; else
    // the invalid id.
    SegmentHwId allocatedHwId(const SegmentIdRequestKey& key) const;
-   // The id the routes of the segment's prefixes carry, as the segment's last.
-   void rememberHwIdFromRoutes(const Zop::String& segment);
+   // The last id granted to the key, unless granted to another key since.
+   SegmentHwId lastHwId(const SegmentIdRequestKey& key) const;
    // Reviews this VRF's recorded routes that carry `hwId`.
    void queueRoutesWithHwId(SegmentHwId hwId);
 
@@ -154,7 +160,7 @@ private:
    std::map<Zop::String, Zop::Ptr<KivDestinationSegmentSm>> dstSegmentSm_;
    // The last valid id seen per segment, to tell a re-notification from a new
    // id; kept while the grant is away, so the same id granted back is known.
-   std::map<Zop::String, SegmentHwId> knownHwId_;
+   std::shared_ptr<KnownHwIds> knownHwId_ = std::make_shared<KnownHwIds>();
    // Invalid prefix-list entries already reported.
    std::set<Pexo::IpGenPrefix> reportedInvalid_;
    std::unique_ptr<FwVrfNotifiee> fwVrfNotifiee_;
@@ -268,6 +274,9 @@ private:
    bool urpf6Configured_ = false;
    bool urpfConflictSyslogDone_ = false;
    std::map<L3::VrfName, Zop::Ptr<KivSegmentSecurityVrfSm>> vrfSm_;
+   // Per VRF id, the last id granted per segment, shared by the VRF's
+   // reactors one after the other.
+   std::map<VrfId, std::shared_ptr<KivSegmentSecurityVrfSm::KnownHwIds>> knownHwIds_;
 
    std::unique_ptr<HwConfigNotifiee> hwConfigNotifiee_;
    std::unique_ptr<IpNotifiee> ipNotifiee_;

@@ -148,6 +148,11 @@ void HwIdAllocator::run() {
          used_.erase(reserved->second.value());
          reserved_.erase(reserved);
       }
+      auto [first, last] = retired_.equal_range(key);
+      for (auto it = first; it != last; ++it) {
+         used_.erase(it->second);
+      }
+      retired_.erase(first, last);
       if (invalid_.erase(key) != 0) {
          responses_->statusDel(key);
       }
@@ -179,11 +184,12 @@ std::optional<SegmentHwId> HwIdAllocator::lowestFree() const {
 }
 
 void HwIdAllocator::grantNow(const SegmentIdRequestKey& key, SegmentHwId id) {
-   // A key granted another id than the one kept for it frees that one.
+   // A key granted another id than the one kept for it still holds that one
+   // until its request goes.
    auto reserved = reserved_.find(key);
    if (reserved != reserved_.end()) {
       if (reserved->second != id) {
-         used_.erase(reserved->second.value());
+         retired_.emplace(key, reserved->second.value());
       }
       reserved_.erase(reserved);
    }

@@ -17,8 +17,10 @@
 //   revoke(key): takes the grant back while the request stands (statusDel);
 //      the request waits again. The id stays reserved for the key while its
 //      request stands, never granted to another key (the old owner's routes
-//      may still carry it); automatic mode grants the key its reserved id
-//      back at its next run. A request deleted frees its reserved id.
+//      may still carry it, and only the request's withdrawal says they no
+//      longer do); automatic mode grants the key its reserved id back at its
+//      next run. Granted another id, the key still holds the old one until
+//      its request goes. A request deleted frees every id it held.
 //   grant(key, invalid): publishes the invalid id 65535 for the key; such a
 //      key still waits (a later grant, or automatic mode, replaces it).
 //   regrant(key): notifies the key's unchanged grant once more.
@@ -98,6 +100,8 @@ private:
    std::set<SegmentIdRequestKey> changed_;
    std::map<SegmentIdRequestKey, SegmentHwId> grants_;
    std::map<SegmentIdRequestKey, SegmentHwId> reserved_;
+   // Ids taken back from a key that was granted another one since.
+   std::multimap<SegmentIdRequestKey, uint16_t> retired_;
    // Keys whose published status is the invalid id.
    std::set<SegmentIdRequestKey> invalid_;
    std::set<uint16_t> used_;

@@ -130,7 +130,8 @@ TEST(SimHwIdAllocator, RevokedIdsStayWithTheirKeyInvalidAndRepeatedGrants) {
    EXPECT_EQ(granted(p, key(1, "app")), 3);
    EXPECT_FALSE(p.allocator.revoke(key(1, "nobody")).ok());
 
-   // Manual: the key may have its kept id or another; another frees the kept one.
+   // Manual: the key may have its kept id or another; it holds the kept one
+   // until its request goes.
    p.allocator.modeIs(HwIdAllocator::Mode::manual);
    ASSERT_TRUE(p.allocator.revoke(key(1, "web")).ok());
    EXPECT_FALSE(p.allocator.grant(key(1, "db2"), SegmentHwId(2)).ok()) << "nobody asked";
@@ -139,11 +140,13 @@ TEST(SimHwIdAllocator, RevokedIdsStayWithTheirKeyInvalidAndRepeatedGrants) {
    EXPECT_FALSE(p.allocator.grant(key(1, "x"), SegmentHwId(2)).ok()) << "kept for web";
    ASSERT_TRUE(p.allocator.grant(key(1, "web"), SegmentHwId(9)).ok());
    EXPECT_TRUE(p.allocator.reserved().empty());
-   ASSERT_TRUE(p.allocator.grant(key(1, "x"), SegmentHwId(2)).ok()) << "free again";
+   EXPECT_FALSE(p.allocator.grant(key(1, "x"), SegmentHwId(2)).ok()) << "still web's";
+   ASSERT_TRUE(p.allocator.grant(key(1, "x"), SegmentHwId(4)).ok());
 
-   // A request deleted frees its kept id.
+   // A request deleted frees every id it held.
    ASSERT_TRUE(p.allocator.revoke(key(1, "x")).ok());
    p.requests->requestDel(key(1, "x"));
+   p.requests->requestDel(key(1, "web"));
    p.settle();
    EXPECT_TRUE(p.allocator.reserved().empty());
    p.requests->requestIs(key(1, "y"));
