@@ -4,6 +4,8 @@
 
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorSm.h"
 
+#include <algorithm>
+
 #include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
 #include "Trace/Trace.h"
 #include "Zop/Assert.h"
@@ -746,10 +748,12 @@ void KivSegmentPrefixProcessorSm::maybeReleaseSegmentHwId(const VrfAndIpGenPrefi
    TRACE5(" Freeing HwId. Vrf: " << vrfName << " Segment: " << segmentName << " " << hwId);
    if (!hwIdToSegName) {
       // The allocator took the id back while its prefixes were counted: no
-      // request holds it any more, so only its counter goes (a later grant of
-      // it starts anew). The segment's request, if it still stands, waits
-      // for a new grant.
+      // grant names its segment, so only its counter goes (a later grant of
+      // it starts anew). A segment still configured waits for a new grant;
+      // one that is gone kept its request only while an id it had was still
+      // counted.
       prefixCount_->segmentPrefixCountDel(hwId);
+      releaseRequestsOfGoneSegments(vrfPrefix.vrfId());
       return;
    }
    // During a teardown every id goes with its last prefix, configured or not.
@@ -765,6 +769,38 @@ void KivSegmentPrefixProcessorSm::maybeReleaseSegmentHwId(const VrfAndIpGenPrefi
    segmentIdRequest_->requestDel(SegmentIdRequestKey(vrfPrefix.vrfId(), segmentName));
    // The counter goes with the request: a later grant of the id starts anew.
    prefixCount_->segmentPrefixCountDel(hwId);
+}
+
+void KivSegmentPrefixProcessorSm::releaseRequestsOfGoneSegments(VrfId vrfId) {
+   // While any id taken back is still counted, it may be one of theirs.
+   for (const auto& [hwId, counter] : prefixCount_->segmentPrefixCount()) {
+      if (counter->prefixCount() != 0 && !segmentIdResponse_->hwIdKey(hwId)) {
+         return;
+      }
+   }
+   const L3::VrfName vrfName = l3Status_->vrfName(vrfId);
+   Zop::Ptr<Firewall::FwVrf> fwVrf = vrfName.empty() ? nullptr : fwConfig_->vrf(vrfName);
+   std::vector<SegmentIdRequestKey> gone;
+   for (const SegmentIdRequestKey& key : segmentIdRequest_->request()) {
+      if (key.vrfId() != vrfId || (fwVrf && fwVrf->segment(key.segment()))) {
+         continue;
+      }
+      const SegmentIdStatus* status = segmentIdResponse_->status(key);
+      Zop::Ptr<SegmentPrefixCount> counter =
+          status ? prefixCount_->segmentPrefixCount(status->hwId) : nullptr;
+      if (!counter || counter->prefixCount() == 0) {
+         gone.push_back(key);
+      }
+   }
+   std::sort(gone.begin(), gone.end());
+   for (const auto& key : gone) {
+      TRACE5(" Processing release request for Vrf: " << vrfName);
+      const SegmentIdStatus* status = segmentIdResponse_->status(key);
+      if (status && prefixCount_->segmentPrefixCountHas(status->hwId)) {
+         prefixCount_->segmentPrefixCountDel(status->hwId);
+      }
+      segmentIdRequest_->requestDel(key);
+   }
 }
 
 // ---- Factory ----

@@ -88,6 +88,9 @@ public:
    void updateInstalledPrefixHwId(const VrfAndIpGenPrefix& vrfPrefix);
    int32_t updatePrefixCount(SegmentHwId hwId, bool increment);
    void maybeReleaseSegmentHwId(const VrfAndIpGenPrefix& vrfPrefix, SegmentHwId hwId);
+   // The requests of the VRF's segments that left the configuration and hold
+   // nothing counted, once no id taken back by the allocator is counted.
+   void releaseRequestsOfGoneSegments(VrfId vrfId);
 
    // ---- A VRF's routing flag ----
    // A segment prefix that is not a FIB route forwards as the VRF's routing

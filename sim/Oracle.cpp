@@ -374,6 +374,16 @@ std::vector<Zop::String> Oracle::check() const {
                }
             }
          }
+         // Nor does an id stay with a segment that is gone: once settled,
+         // nothing is counted under it any more.
+         for (const auto& [key, grant] : in_.segmentIdResponse->status()) {
+            const auto fwVrf = in_.fwConfig->vrf(in_.l3Status->vrfName(key.vrfId()));
+            if (grant.hwId.isValid() && in_.segmentIdRequest->requestHas(key) &&
+                !(fwVrf && fwVrf->segment(key.segment()))) {
+               addId(key, "id " + std::to_string(grant.hwId.value()) +
+                              " still granted to a segment that is not configured");
+            }
+         }
       }
    }
 

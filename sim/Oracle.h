@@ -56,7 +56,7 @@
 //     outstanding;
 //   - while it must run, every segment of a firewall VRF that has a VRF id has
 //     an id request or a grant (requests are a set: a segment never waits for
-//     nothing);
+//     nothing), and no segment that is gone keeps a granted request;
 //   - hardware routing is on (multicast hwRouting) and not suspended by the
 //     routing layer.
 //

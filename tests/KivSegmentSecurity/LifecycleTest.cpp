@@ -140,6 +140,64 @@ INSTANTIATE_TEST_SUITE_P(
                  {}}),
     [](const testing::TestParamInfo<Sequence>& info) { return std::string(info.param.name); });
 
+// Histories the fast-churn test once shrank to these; each starts from an
+// empty switch and ends settled.
+class FoundByChurn : public testing::TestWithParam<Sequence> {};
+
+TEST_P(FoundByChurn, EndsWithTheHardwareAndStatusTheInputsAskFor) {
+   sim::Scenario scenario(everyItemYields());
+   const Outcome r = run(scenario, std::string(GetParam().lines) + "\nsettle\ncheck\n");
+   ASSERT_NE(r.result.kind, sim::ScenarioResult::Kind::badLine) << r.result.message;
+   EXPECT_EQ(r.output, "check: ok\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Histories, FoundByChurn,
+    testing::Values(
+        // A VRF back while a uRPF teardown finishes must not get a reactor
+        // that outlives it.
+        Sequence{"VrfBackBetweenCleanupAndStage2",
+                 "vrf red id 1\nvrf blue id 2 routing on\nprefix red 10.1.0.0/17 c\nfirewall on\n"
+                 "settle\nvrf red delete\nurpf ipv4 on\nstep 2\nurpf ipv4 off\nstep 4\n"
+                 "vrf red id 1 routing off",
+                 {}},
+        // A segment removed after its grant was taken back keeps its request
+        // while its last id is counted, so the id goes to nobody else.
+        Sequence{"SegmentRemovedWhileItsRevokedIdIsCounted",
+                 "firewall on\nvrf blue id 4 routing on routing6 on\nprefix blue 10.1.1.1/32 b\n"
+                 "settle\nprefix blue 10.1.1.0/24 b\nstep 4\nrevoke blue b\n"
+                 "segment blue b delete\nstep 2\nprefix blue 10.1.2.2/32 c\ngrant blue c",
+                 {}},
+        // The same, granted another id meanwhile: the old one still counts.
+        Sequence{"RemovedSegmentGrantedAnotherIdWhileTheOldCounts",
+                 "prefix green 10.0.0.0/8 c\nfirewall on\nsettle\nfw-vrf green delete\n"
+                 "vrf green id 3 routing off\nprefix green 10.1.1.0/25 a\nstep 5\n"
+                 "segment green a delete\nprefix green 10.1.1.1/32 b\nrevoke green a\n"
+                 "grant green a 2\nstep 1",
+                 {}},
+        // A grant revoked during a teardown and the firewall back at once.
+        Sequence{"RevokedDuringATeardown",
+                 "vrf blue id 2 routing off routing6 off\nprefix blue 10.0.0.0/8 c\nfirewall on\n"
+                 "settle\nfirewall off\nrevoke blue c\nfirewall on\nstep 4",
+                 {}}),
+    [](const testing::TestParamInfo<Sequence>& info) { return std::string(info.param.name); });
+
+// An allocator that changes a grant in place (no release in between): the
+// routes carrying the old id move to the new one. The simulated allocator
+// never does this, so the response is written directly.
+TEST(LifecycleHelper, AGrantChangedInPlaceMovesTheRoutes) {
+   sim::Scenario scenario(everyItemYields());
+   ASSERT_EQ(run(scenario, kOpening).output, "");
+   auto& sw = scenario.sw();
+   const SegmentIdRequestKey web(VrfId(1), "web");
+   ASSERT_EQ(sw.segmentIdResponse()->status(web)->hwId, SegmentHwId(2));
+   sw.segmentIdResponse()->statusIs(web, SegmentIdStatus{SegmentHwId(9)});
+   EXPECT_EQ(run(scenario, "settle\ncheck\n").output, "check: ok\n");
+   EXPECT_EQ(
+       sw.hardware().hardwareId({VrfId(1), Zop::strepToValue<Pexo::IpGenPrefix>("10.1.1.0/24")}),
+       SegmentHwId(9));
+}
+
 // The routing status helper decides when each stage may go: not ready at
 // stage 1, the feature is off until it is; not ready at stage 2, the stage
 // waits and runs when it is. Routing is never left suspended either way.
