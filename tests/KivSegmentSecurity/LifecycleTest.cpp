@@ -158,7 +158,8 @@ INSTANTIATE_TEST_SUITE_P(
         // that outlives it.
         Sequence{"VrfBackBetweenCleanupAndStage2",
                  "vrf red id 1\nvrf blue id 2 routing on\nprefix red 10.1.0.0/17 c\nfirewall on\n"
-                 "settle\nvrf red delete\nurpf ipv4 on\nstep 2\nurpf ipv4 off\nstep 4\n"
+                 "settle\nvrf red delete\nurpf ipv4 on\nresolve blue 2001:db8:1:1::1/128 adj 11\n"
+                 "step 2\nurpf ipv4 off\nstep 4\n"
                  "vrf red id 1 routing off",
                  {}},
         // A segment removed after its grant was taken back keeps its request
