@@ -7,8 +7,8 @@
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorSm.h"
 #include "KivSegmentSecurity/KivSegmentSecurityTrieHelper.h"
 #include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
-#include "Trace/Trace.h"
-#include "Zop/Assert.h"
+
+#include "KivSegmentSecurity/KivSegmentSecurityTrace.h"
 
 namespace Kiv {
 
@@ -21,7 +21,7 @@ void KivSegmentPrefixProcessorSm::syncFibRouteHwId(const VrfAndIpGenPrefix& vrfP
    const VrfId vrfId = vrfPrefix.vrfId();
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
    Zop::Ptr<Routing::TrieGen> segmentTrie = segmentPrefixTrie_->getPrefixTrie(vrfId, prefix.af());
-   ZOP_ASSERT(segmentTrie, " Segment trie does not exist ", kSource);
+   ZOP_ASSERT_FN(segmentTrie, " Segment trie does not exist ", kSource, "syncFibRouteHwId");
 
    // getLpmHardwareId: the id the FIB routes beneath would fall back to.
    SegmentHwId lpmHwId;
@@ -43,21 +43,23 @@ void KivSegmentPrefixProcessorSm::syncFibRouteHwId(const VrfAndIpGenPrefix& vrfP
    Pexo::IpGenPrefix nextPrefix = nextCallback.nextPrefix();
    if (nextPrefix != prefix) {
       SegmentHwId nextHwId = getSegmentRouteInfo(vrfId, nextPrefix, segmentRoutesList_).hwId();
-      TRACE5(" " << prefix << " " << hwId << " Next Prefix: " << nextPrefix << " " << nextHwId);
+      TRACE5_FN("syncFibRouteHwId",
+                " " << prefix << " " << hwId << " Next Prefix: " << nextPrefix << " " << nextHwId);
    }
 
    // A deleted VRF has no FIB any more: nothing beneath to review.
    if (!l3Status_->vrfNameHas(vrfId)) {
-      TRACE5(" Vrf " << vrfId << " is gone, no Fib routes to review under " << prefix);
+      TRACE5_FN("syncFibRouteHwId",
+                " Vrf " << vrfId << " is gone, no Fib routes to review under " << prefix);
       return;
    }
    if (prefix.isIpv4()) {
       Zop::Ptr<Routing::Trie> fibTrie = routeStatus_->fibTrie(vrfId);
-      ZOP_ASSERT(fibTrie, " Fib trie does not exist ", kSource);
+      ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "syncFibRouteHwId");
       getV4FibRoutes(vrfId, prefix, nextPrefix, segmentRoutesList_, fibRouteReivewList_, fibTrie);
    } else {
       Zop::Ptr<Routing6::Trie> fibTrie = route6Status_->fibTrie(vrfId);
-      ZOP_ASSERT(fibTrie, " Fib trie does not exist ", kSource);
+      ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "syncFibRouteHwId");
       getV6FibRoutes(vrfId, prefix, nextPrefix, segmentRoutesList_, fibRouteReivewList_, fibTrie);
    }
 }

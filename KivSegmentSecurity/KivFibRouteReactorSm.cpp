@@ -5,8 +5,8 @@
 #include "KivSegmentSecurity/KivFibRouteReactorSm.h"
 
 #include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
-#include "Trace/Trace.h"
-#include "Zop/Assert.h"
+
+#include "KivSegmentSecurity/KivSegmentSecurityTrace.h"
 
 namespace Kiv {
 
@@ -111,7 +111,7 @@ void FibRouteReactorSm::notificationActiveIs(bool active) {
 }
 
 void FibRouteReactorSm::handleInitialized() {
-   TRACE8("");
+   TRACE8_FN("handleInitialized");
    if (routeUpdateTask_ && fibRouteReviewList_->vrfIpGenPrefixCount() != 0) {
       routeUpdateTask_->scheduleTask();
    }
@@ -135,7 +135,7 @@ const RouteInfo* FibRouteReactorSm::fibRouteInfo(const VrfAndIpGenPrefix& vrfPre
 }
 
 void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
-   TRACE8(" VrfPrefix: " << vrfPrefix);
+   TRACE8_FN("handleFibRoute", " VrfPrefix: " << vrfPrefix);
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
    const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
    if (!recorded) {
@@ -144,22 +144,23 @@ void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
       // beneath are queued from the FIB itself. So a FIB download into such
       // a VRF (a start-up with the feature off) costs no review at all.
       if (!segmentPrefixTrie_->vrfTrie(vrfPrefix.vrfId())) {
-         TRACE8(" " << prefix << " no segment prefixes in its VRF, nothing to review");
+         TRACE8_FN("handleFibRoute",
+                   " " << prefix << " no segment prefixes in its VRF, nothing to review");
          return;
       }
       fibRouteReviewList_->vrfIpGenPrefixIs(vrfPrefix);
-      TRACE8(" " << prefix << " not existing segment route added to review");
+      TRACE8_FN("handleFibRoute", " " << prefix << " not existing segment route added to review");
       return;
    }
    KivSegmentRouteInfo routeInfo = *recorded;
    if (isFibRoute(vrfPrefix, l3Status_)) {
       Zop::Ptr<AdjEntry> adjInfo = getAdjacencyInfo(vrfPrefix, l3Status_);
-      ZOP_ASSERT(adjInfo, "Adjacency Info not found", kSource);
-      TRACE5(" " << prefix << " is also a fib route. "
-                 << " Updating HW Id: " << routeInfo.hwId());
+      ZOP_ASSERT_FN(adjInfo, "Adjacency Info not found", kSource, "handleFibRoute");
+      TRACE5_FN("handleFibRoute", " " << prefix << " is also a fib route. "
+                                      << " Updating HW Id: " << routeInfo.hwId());
       KivSegmentRouteInfo fibRoute(vrfPrefix, routeInfo.hwId(), adjInfo->routeInfo());
       if (!segmentRouteHelper_->updateHardwareId(fibRoute)) {
-         TRACE5(" updateHardwareId failed for " << prefix);
+         TRACE5_FN("handleFibRoute", " updateHardwareId failed for " << prefix);
       }
       // The FIB route owns the hardware entry now; the record follows, so
       // that its withdrawal is known to leave nothing behind.
@@ -172,7 +173,7 @@ void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
    // hardware before it reports the withdrawal, so an entry found now is the
    // segment route already put back.
    if (segmentRouteHelper_->getHardwareId(vrfPrefix).isValid()) {
-      TRACE8(" " << prefix << " already back in hardware");
+      TRACE8_FN("handleFibRoute", " " << prefix << " already back in hardware");
       return;
    }
    L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
@@ -181,8 +182,8 @@ void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
       // Where the VRF routes the family the prefix belongs on the next hop the
       // resolver finds: it is saved again (nothing of it is in hardware now)
       // and the resolver's current answer, if any, is applied.
-      TRACE5(" Fib route is removed."
-             << " Segment prefix waits for its next hop.");
+      TRACE5_FN("handleFibRoute", " Fib route is removed."
+                                      << " Segment prefix waits for its next hop.");
       segmentRoutesList_->routeInfoIs(
           KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), RouteInfo()));
       if (segmentRouteSaved_) {
@@ -190,8 +191,8 @@ void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
       }
       return;
    }
-   TRACE5(" Fib route is removed."
-          << " Segment prefix is to be inserted again.");
+   TRACE5_FN("handleFibRoute", " Fib route is removed."
+                                   << " Segment prefix is to be inserted again.");
    // The FIB entry is gone, so the hardware holds nothing for the prefix: the
    // drop route goes in from an empty route info, and the record holds it.
    Zop::Ptr<AdjEntry> dropAdj = getDropAdjacencyInfo(vrfPrefix.vrfId(), prefix.af(), l3Status_);
@@ -205,41 +206,43 @@ void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
                                                                 RouteInfo(), dropRouteInfo);
    }
    if (!installed) {
-      TRACE5(" Failed to install prefix back after " << prefix << " entry was removed from FIB");
+      TRACE5_FN("handleFibRoute",
+                " Failed to install prefix back after " << prefix << " entry was removed from FIB");
       return;
    }
    KivSegmentRouteInfo dropRoute(vrfPrefix, routeInfo.hwId(), dropRouteInfo);
    if (!segmentRouteHelper_->updateHardwareId(dropRoute)) {
-      TRACE5(" updateHardwareId failed for " << prefix);
+      TRACE5_FN("handleFibRoute", " updateHardwareId failed for " << prefix);
    }
    segmentRoutesList_->routeInfoIs(dropRoute);
-   TRACE5(" Successfully installed prefix back after " << prefix << " entry was removed from FIB");
+   TRACE5_FN("handleFibRoute", " Successfully installed prefix back after "
+                                   << prefix << " entry was removed from FIB");
 }
 
 void FibRouteReactorSm::handleV4AdjUpdate(const VrfAndPrefix& key) {
    if (l3Status_->routeAdj(key)) {
-      TRACE8(" AdjInfo: " << key);
+      TRACE8_FN("handleV4AdjUpdate", " AdjInfo: " << key);
    } else {
-      TRACE8(" AdjInfo: " << key << " REMOVED ");
+      TRACE8_FN("handleV4AdjUpdate", " AdjInfo: " << key << " REMOVED ");
    }
    handleFibRoute(VrfAndIpGenPrefix(key.vrfId(), Pexo::IpGenPrefix(key.prefix())));
 }
 
 void FibRouteReactorSm::handleV6AdjUpdate(const VrfAndIp6Prefix& key) {
    if (l3Status_->route6Adj(key)) {
-      TRACE8(" AdjInfo: " << key);
+      TRACE8_FN("handleV6AdjUpdate", " AdjInfo: " << key);
    } else {
-      TRACE8(" AdjInfo: " << key << " REMOVED ");
+      TRACE8_FN("handleV6AdjUpdate", " AdjInfo: " << key << " REMOVED ");
    }
    handleFibRoute(VrfAndIpGenPrefix(key.vrfId(), Pexo::IpGenPrefix(key.prefix())));
 }
 
 void FibRouteReactorSm::doReviewFibRouteUpdates() {
-   TRACE8("");
+   TRACE8_FN("doReviewFibRouteUpdates");
    while (fibRouteReviewList_->vrfIpGenPrefixCount() != 0) {
       const VrfAndIpGenPrefix key = fibRouteReviewList_->vrfIpGenPrefixFront();
       const Pexo::IpGenPrefix& prefix = key.prefix();
-      TRACE8(" Reviewing: " << key);
+      TRACE8_FN("doReviewFibRouteUpdates", " Reviewing: " << key);
       const RouteInfo* fibRoute = fibRouteInfo(key);
 
       // Only a VRF that has segment tries has ids to hand out; nothing is
@@ -255,14 +258,16 @@ void FibRouteReactorSm::doReviewFibRouteUpdates() {
             if (const KivSegmentRouteInfo* covering = segmentRoutesList_->routeInfoFind(matchKey)) {
                hwId = covering->hwId();
             } else {
-               TRACE5(" Segment Prefix " << *match << " no route in RouteInfo collection");
+               TRACE5_FN("doReviewFibRouteUpdates",
+                         " Segment Prefix " << *match << " no route in RouteInfo collection");
             }
          }
       }
       if (fibRoute && segmentTrie) {
-         TRACE8(" Updating Vrf: " << key.vrfId() << " " << prefix << " with HwId: " << hwId);
+         TRACE8_FN("doReviewFibRouteUpdates",
+                   " Updating Vrf: " << key.vrfId() << " " << prefix << " with HwId: " << hwId);
          if (!segmentRouteHelper_->updateHardwareId(KivSegmentRouteInfo(key, hwId, *fibRoute))) {
-            TRACE5(" updateHardwareId failed for " << prefix);
+            TRACE5_FN("doReviewFibRouteUpdates", " updateHardwareId failed for " << prefix);
          }
       }
       fibRouteReviewList_->vrfIpGenPrefixDel(key);

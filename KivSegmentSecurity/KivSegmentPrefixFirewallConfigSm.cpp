@@ -10,8 +10,8 @@
 
 #include "KivSegmentSecurity/KivSegmentSecuritySyslog.h"
 #include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
-#include "Trace/Trace.h"
-#include "Zop/Assert.h"
+
+#include "KivSegmentSecurity/KivSegmentSecurityTrace.h"
 
 namespace Kiv {
 
@@ -57,8 +57,9 @@ KivDestinationSegmentSm::KivDestinationSegmentSm(
 
 void KivDestinationSegmentSm::handleSourceSegment(const Zop::String& source) {
    const Zop::String* policy = fwSegment() ? fwSegment()->sourceSegment(source) : nullptr;
-   TRACE8(" Vrf: " << vrfName_ << " Segment: " << segment() << " Source: " << source
-                   << " Policy: " << (policy ? *policy : Zop::String("n/a")));
+   TRACE8_FN("handleSourceSegment",
+             " Vrf: " << vrfName_ << " Segment: " << segment() << " Source: " << source
+                      << " Policy: " << (policy ? *policy : Zop::String("n/a")));
 }
 
 Zop::Ptr<KivDestinationSegmentSm> kivDestinationSegmentSmFactory(
@@ -174,7 +175,7 @@ void KivSegmentSecurityVrfSm::initializedIs(bool v) {
 }
 
 void KivSegmentSecurityVrfSm::handleInitialized() {
-   TRACE8(" Vrf: " << vrfName_);
+   TRACE8_FN("handleInitialized", " Vrf: " << vrfName_);
    std::vector<Zop::String> segments;
    for (const auto& [name, segment] : segmentDir_->segment()) {
       segments.push_back(name);
@@ -208,7 +209,7 @@ bool KivSegmentSecurityVrfSm::validPrefix(const Pexo::IpGenPrefix& prefix) {
       const KivSegmentSecuritySyslog& syslog = kivSegmentSecuritySyslog();
       syslog.registry->raise(syslog.invalidPrefix, Pexo::valueToStrep(prefix));
    }
-   TRACE5(" Skipping invalid prefix: " << prefix);
+   TRACE5_FN("validPrefix", " Skipping invalid prefix: " << prefix);
    return false;
 }
 
@@ -251,10 +252,11 @@ void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segmen
       if (!dstSegmentSm(segment)) {
          dstSegmentSmIs(segment);
       }
-      TRACE5(" Added. Vrf: " << vrfName_ << " Segment: " << segment);
+      TRACE5_FN("handleDestinationSegment", " Added. Vrf: " << vrfName_ << " Segment: " << segment);
       SegmentHwId hwId = allocatedHwId(key);
       if (!hwId.isValid()) {
-         TRACE5(" Requesting HwId for Vrf: " << vrfName_ << " Segment: " << segment);
+         TRACE5_FN("handleDestinationSegment",
+                   " Requesting HwId for Vrf: " << vrfName_ << " Segment: " << segment);
          segmentIdRequest_->requestIs(key);
          // A grant still standing from the key's withdrawn request is the
          // key's again now that the request is back: the allocator keeps a
@@ -264,7 +266,8 @@ void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segmen
             return;
          }
       }
-      TRACE5(" " << hwId << " already allocated for Vrf: " << vrfName_ << " Segment: " << segment);
+      TRACE5_FN("handleDestinationSegment", " " << hwId << " already allocated for Vrf: "
+                                                << vrfName_ << " Segment: " << segment);
       if (!prefixCount_->segmentPrefixCountHas(hwId)) {
          prefixCount_->segmentPrefixCountIs(segmentPrefixCountFactory(hwId));
       }
@@ -274,7 +277,7 @@ void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segmen
    }
 
    dstSegmentSmDel(segment);
-   TRACE5(" Removed. Vrf: " << vrfName_ << " Segment: " << segment);
+   TRACE5_FN("handleDestinationSegment", " Removed. Vrf: " << vrfName_ << " Segment: " << segment);
    if (Zop::Ptr<Firewall::VrfCounters> vrfCounters =
            counters_ ? counters_->vrf(vrfName_) : nullptr) {
       vrfCounters->countersDir()->segmentDel(segment);
@@ -292,13 +295,15 @@ void KivSegmentSecurityVrfSm::handleDestinationSegment(const Zop::String& segmen
    Zop::Ptr<SegmentPrefixCount> counter =
        counted.isValid() ? prefixCount_->segmentPrefixCount(counted) : nullptr;
    if (hwId.isValid()) {
-      ZOP_ASSERT(counter, "prefixCount()->segmentPrefixCountHas( hwId )", kSource);
+      ZOP_ASSERT_FN(counter, "prefixCount()->segmentPrefixCountHas( hwId )", kSource,
+                    "handleDestinationSegment");
    }
    if (counter && counter->prefixCount() != 0) {
-      TRACE5(" " << counted << " in use with request count: " << counter->prefixCount());
+      TRACE5_FN("handleDestinationSegment",
+                " " << counted << " in use with request count: " << counter->prefixCount());
       return;
    }
-   TRACE5(" Releasing hwId");
+   TRACE5_FN("handleDestinationSegment", " Releasing hwId");
    segmentIdRequest_->requestDel(key);
    if (counter) {
       prefixCount_->segmentPrefixCountDel(counted);
@@ -310,10 +315,11 @@ void KivSegmentSecurityVrfSm::handleSegmentIdStatus(const SegmentIdRequestKey& k
    const Zop::String& segment = key.segment();
    const SegmentIdStatus* status = segmentIdResponse_->status(key);
    if (!status) {
-      TRACE5(" HwId released for Vrf: " << vrfName_ << " Segment: " << segment);
+      TRACE5_FN("handleSegmentIdStatus",
+                " HwId released for Vrf: " << vrfName_ << " Segment: " << segment);
    } else {
-      TRACE5(" HwId: " << status->hwId << " allocated for Vrf: " << vrfName_
-                       << " Segment: " << segment);
+      TRACE5_FN("handleSegmentIdStatus", " HwId: " << status->hwId << " allocated for Vrf: "
+                                                   << vrfName_ << " Segment: " << segment);
    }
    const SegmentHwId oldHwId = lastHwId(key);
    const SegmentHwId hwId = allocatedHwId(key);
@@ -337,7 +343,7 @@ void KivSegmentSecurityVrfSm::handleSegmentIdStatus(const SegmentIdRequestKey& k
          Zop::Ptr<SegmentPrefixCount> counter =
              oldHwId.isValid() ? prefixCount_->segmentPrefixCount(oldHwId) : nullptr;
          if (!counter || counter->prefixCount() == 0) {
-            TRACE5(" Releasing hwId");
+            TRACE5_FN("handleSegmentIdStatus", " Releasing hwId");
             segmentIdRequest_->requestDel(key);
             knownHwId_->erase(segment);
          }
@@ -346,14 +352,14 @@ void KivSegmentSecurityVrfSm::handleSegmentIdStatus(const SegmentIdRequestKey& k
    }
    bool newToKey = oldHwId != hwId;
    if (Zop::Ptr<SegmentPrefixCount> segPrefixCntr = prefixCount_->segmentPrefixCount(hwId)) {
-      TRACE5(" Pending prefCnt: " << segPrefixCntr->prefixCount());
+      TRACE5_FN("handleSegmentIdStatus", " Pending prefCnt: " << segPrefixCntr->prefixCount());
       // An id may not be handed to a new owner while prefixes of its previous
       // owner are still counted; the same id notified again is harmless.
       if (newToKey) {
-         ZOP_ASSERT(
+         ZOP_ASSERT_FN(
              !segPrefixCntr->prefixCount(),
              "!segPrefixCntr->prefixCount() && \" Previous segment still had pending items \"",
-             kSource);
+             kSource, "handleSegmentIdStatus");
       }
    } else {
       prefixCount_->segmentPrefixCountIs(segmentPrefixCountFactory(hwId));
@@ -368,7 +374,7 @@ void KivSegmentSecurityVrfSm::handleSegmentIdStatus(const SegmentIdRequestKey& k
       Zop::Ptr<SegmentPrefixCount> oldCounter =
           newToKey && oldHwId.isValid() ? prefixCount_->segmentPrefixCount(oldHwId) : nullptr;
       if (counter->prefixCount() == 0 && (!oldCounter || oldCounter->prefixCount() == 0)) {
-         TRACE5(" Releasing hwId");
+         TRACE5_FN("handleSegmentIdStatus", " Releasing hwId");
          segmentIdRequest_->requestDel(key);
          prefixCount_->segmentPrefixCountDel(hwId);
          knownHwId_->erase(segment);
@@ -385,9 +391,10 @@ void KivSegmentSecurityVrfSm::handleSegmentIdStatus(const SegmentIdRequestKey& k
 void KivSegmentSecurityVrfSm::processSegmentPrefix(const Zop::String& segment, bool install) {
    SegmentIdRequestKey segKey(vrfId_, segment);
    const SegmentIdStatus* status = segmentIdResponse_->status(segKey);
-   ZOP_ASSERT(status, "segmentIdStatus()->statusHas( segKey )", kSource);
+   ZOP_ASSERT_FN(status, "segmentIdStatus()->statusHas( segKey )", kSource, "processSegmentPrefix");
    SegmentHwId hwId = status->hwId;
-   TRACE5(" Processing all prefixes for vrf: " << vrfName_ << " install: " << install);
+   TRACE5_FN("processSegmentPrefix",
+             " Processing all prefixes for vrf: " << vrfName_ << " install: " << install);
    // In prefix order, so that reports and traces come out the same way on
    // every run.
    std::vector<Pexo::IpGenPrefix> prefixes;
@@ -423,26 +430,27 @@ void KivSegmentSecurityVrfSm::handleGlobalPrefix(const Pexo::IpGenPrefix& prefix
       if (!validSegmentPrefix(prefix)) {
          // Never queued; a later entry of the same prefix is a new one.
          reportedInvalid_.erase(prefix);
-         TRACE5(" Skipping invalid prefix: " << prefix);
+         TRACE5_FN("handleGlobalPrefix", " Skipping invalid prefix: " << prefix);
          return;
       }
-      TRACE5(" Remove request for. Vrf: " << vrfName_ << " " << prefix);
+      TRACE5_FN("handleGlobalPrefix", " Remove request for. Vrf: " << vrfName_ << " " << prefix);
       processPrefix(key);
       return;
    }
    if (!validPrefix(prefix)) {
       return;
    }
-   TRACE5(" Add request for Vrf:" << vrfName_ << " Segment:" << *segment << " " << prefix);
+   TRACE5_FN("handleGlobalPrefix",
+             " Add request for Vrf:" << vrfName_ << " Segment:" << *segment << " " << prefix);
    const SegmentHwId hwId = allocatedHwId(SegmentIdRequestKey(vrfId_, *segment));
    if (hwId.isValid()) {
-      ZOP_ASSERT(prefixCount_->segmentPrefixCountHas(hwId),
-                 "prefixCount()->segmentPrefixCountHas( hwId )", kSource);
-      TRACE5(" HwId already allocated: " << hwId);
+      ZOP_ASSERT_FN(prefixCount_->segmentPrefixCountHas(hwId),
+                    "prefixCount()->segmentPrefixCountHas( hwId )", kSource, "handleGlobalPrefix");
+      TRACE5_FN("handleGlobalPrefix", " HwId already allocated: " << hwId);
       processPrefix(key);
       return;
    }
-   TRACE5(" HwId not yet allocated. Skipping now");
+   TRACE5_FN("handleGlobalPrefix", " HwId not yet allocated. Skipping now");
    // A prefix moving to a segment without an id must still leave its old one.
    if (segmentRoutesList_->routeInfoHas(key)) {
       processPrefix(key);
@@ -450,18 +458,18 @@ void KivSegmentSecurityVrfSm::handleGlobalPrefix(const Pexo::IpGenPrefix& prefix
 }
 
 void KivSegmentSecurityVrfSm::processPrefix(const VrfAndIpGenPrefix& vrfPrefix) {
-   TRACE8(" " << vrfName_ << " " << vrfPrefix.prefix());
+   TRACE8_FN("processPrefix", " " << vrfName_ << " " << vrfPrefix.prefix());
    reviewList_->vrfIpGenPrefixIs(vrfPrefix);
 }
 
 void KivSegmentSecurityVrfSm::handleHwRoute(const VrfAndIpGenPrefix& vrfPrefix) {
    if (vrfPrefix.vrfId() == vrfId_) {
-      TRACE8(" " << vrfName_ << " " << vrfPrefix.prefix());
+      TRACE8_FN("handleHwRoute", " " << vrfName_ << " " << vrfPrefix.prefix());
    }
 }
 
 void KivSegmentSecurityVrfSm::doCleanup() {
-   TRACE8(" Vrf: " << vrfName_);
+   TRACE8_FN("doCleanup", " Vrf: " << vrfName_);
    std::vector<VrfAndIpGenPrefix> routes;
    if (cleanupRoutes_) {
       routes = std::move(*cleanupRoutes_);
@@ -496,10 +504,10 @@ void KivSegmentSecurityVrfSm::doCleanup() {
       Zop::Ptr<SegmentPrefixCount> counter =
           hwId.isValid() ? prefixCount_->segmentPrefixCount(hwId) : nullptr;
       if (counter && counter->prefixCount() != 0) {
-         TRACE5(" Still have items in reviewList. Not freeing HwId: " << hwId);
+         TRACE5_FN("doCleanup", " Still have items in reviewList. Not freeing HwId: " << hwId);
          continue;
       }
-      TRACE5(" Nothing in reviewList. Freeing HwId: " << hwId);
+      TRACE5_FN("doCleanup", " Nothing in reviewList. Freeing HwId: " << hwId);
       segmentIdRequest_->requestDel(key);
       if (counter) {
          prefixCount_->segmentPrefixCountDel(hwId);
@@ -739,7 +747,7 @@ void KivSegmentSecurityRootSm::initializedIs(bool v) {
 }
 
 void KivSegmentSecurityRootSm::handleInitialized() {
-   TRACE8("");
+   TRACE8_FN("handleInitialized");
    initialized_ = true;
    // uRPF configured before the feature started is a conflict from the start.
    urpf4Configured_ = ipStatus_ && ipStatus_->urpfConfigured();
@@ -777,13 +785,14 @@ void KivSegmentSecurityRootSm::handleSecuritySegmentEnable() {
    if (!initialized_) {
       return;
    }
-   TRACE5(" enabled: " << status_->enabled()
-                       << " waitForRoutesCleanup: " << status_->waitForRoutesCleanup());
+   TRACE5_FN("handleSecuritySegmentEnable",
+             " enabled: " << status_->enabled()
+                          << " waitForRoutesCleanup: " << status_->waitForRoutesCleanup());
    bool fwActive = fwConfig_->fwActive();
    bool wanted = false;
    if (urpfConfigured()) {
       if (fwActive) {
-         TRACE5(" segment security enabled and urpfConfigured");
+         TRACE5_FN("handleSecuritySegmentEnable", " segment security enabled and urpfConfigured");
          if (!urpfConflictSyslogDone_) {
             const KivSegmentSecuritySyslog& syslog = kivSegmentSecuritySyslog();
             syslog.registry->raise(syslog.urpfConflict);
@@ -799,7 +808,8 @@ void KivSegmentSecurityRootSm::handleSecuritySegmentEnable() {
    if (wanted) {
       status_->enabledIs(true);
       if (status_->segmentSecuritySetupComplete()) {
-         TRACE5(" segmentSecuritySetupComplete. Processing Vrf Now");
+         TRACE5_FN("handleSecuritySegmentEnable",
+                   " segmentSecuritySetupComplete. Processing Vrf Now");
          status_->waitForRoutesCleanupIs(false);
          handleVrf();
          return;
@@ -835,21 +845,22 @@ void KivSegmentSecurityRootSm::waitForSegmentRouteRemoval() {
       return;
    }
    if (!status_->waitForRoutesCleanup()) {
-      TRACE8(" Not in progress. Skipping");
+      TRACE8_FN("waitForSegmentRouteRemoval", " Not in progress. Skipping");
       return;
    }
    size_t installedRoutes = segmentRoutesList_->routeInfoCount();
    size_t pendingRequests = reviewList_->vrfIpGenPrefixCount();
    if (installedRoutes != 0 || pendingRequests != 0) {
-      TRACE8(" Still waiting for routes to be deleted: "
-             << " installedRoutes: " << installedRoutes << " pendingRequests: " << pendingRequests);
+      TRACE8_FN("waitForSegmentRouteRemoval", " Still waiting for routes to be deleted: "
+                                                  << " installedRoutes: " << installedRoutes
+                                                  << " pendingRequests: " << pendingRequests);
       return;
    }
    status_->waitForRoutesCleanupIs(false);
    status_->waitForSegmentSecurityRoutingDisabledCntInc();
    releaseRequestsLeft();
    if (urpfConfigured()) {
-      TRACE5(" nothing else todo as urpf is configured");
+      TRACE5_FN("waitForSegmentRouteRemoval", " nothing else todo as urpf is configured");
       status_->segmentSecuritySetupCompleteIs(false);
       return;
    }
@@ -869,7 +880,7 @@ void KivSegmentSecurityRootSm::releaseRequestsLeft() {
                                          segmentIdRequest_->request().end());
    std::sort(left.begin(), left.end());
    for (const auto& key : left) {
-      TRACE5(" Releasing hwId request left: " << key);
+      TRACE5_FN("releaseRequestsLeft", " Releasing hwId request left: " << key);
       segmentIdRequest_->requestDel(key);
    }
    prefixCount_->segmentPrefixCountDelAll();
@@ -915,30 +926,31 @@ void KivSegmentSecurityRootSm::setupSegmentSecurity() {
    if (!initialized_) {
       return;
    }
-   TRACE8("");
+   TRACE8_FN("setupSegmentSecurity");
    if (status_->segmentSecurityRoutingDisableDone()) {
       // The disable asked for earlier is still outstanding (the feature went
       // off and on again meanwhile): it serves this setup too, and stage 2
       // completes it with the enable state of that moment. Asking again would
       // count two disables for one.
-      TRACE5(" segment securiry routing disable already requested");
+      TRACE5_FN("setupSegmentSecurity", " segment securiry routing disable already requested");
       doSegmentSecuritySetup();
       return;
    }
    bool v4 = l3Status_->waitForRoutingDisabledInVrfs();
    bool v6 = l3Status_->waitForRouting6DisabledInVrfs();
    if (v4 || v6) {
-      TRACE5(" WaitForRoutingDisabled v4: " << v4 << ", waitForRoutingDisabled v6: " << v6);
+      TRACE5_FN("setupSegmentSecurity",
+                " WaitForRoutingDisabled v4: " << v4 << ", waitForRoutingDisabled v6: " << v6);
       return;
    }
    if (urpfConfigured()) {
-      TRACE5(" urpfConfigured, skip segment security setup");
+      TRACE5_FN("setupSegmentSecurity", " urpfConfigured, skip segment security setup");
       return;
    }
    // A routing side that is not ready turns the feature off until the next
    // enable decision, which its readiness change runs.
    if (routingStatusHelper_ && !routingStatusHelper_->routingStatusReady(status_->enabled())) {
-      TRACE5(" unable to complete stage 1 init");
+      TRACE5_FN("setupSegmentSecurity", " unable to complete stage 1 init");
       status_->enabledIs(false);
       return;
    }
@@ -950,9 +962,9 @@ void KivSegmentSecurityRootSm::doSegmentSecuritySetup() {
    if (!initialized_) {
       return;
    }
-   TRACE8("");
+   TRACE8_FN("doSegmentSecuritySetup");
    if (urpfRoutingDisableDone()) {
-      TRACE5(" waiting for urpfRoutingDisableDone to complete");
+      TRACE5_FN("doSegmentSecuritySetup", " waiting for urpfRoutingDisableDone to complete");
       return;
    }
    bool busy = l3Status_->waitForRoutingDisabledInVrfs() ||
@@ -960,12 +972,13 @@ void KivSegmentSecurityRootSm::doSegmentSecuritySetup() {
                l3Status_->routing6EnabledInAnyVrf() ||
                (multicastHwStatus_ && multicastHwStatus_->hwRouting());
    if (busy) {
-      TRACE5(" Segment Security routing setting not modified "
-             << "(routing still enabled). RefCount: " << routingDisabledRefCnt());
+      TRACE5_FN("doSegmentSecuritySetup", " Segment Security routing setting not modified "
+                                              << "(routing still enabled). RefCount: "
+                                              << routingDisabledRefCnt());
       return;
    }
    if (urpfConfigured()) {
-      TRACE5(" Segment Security conflicting with URPF enable");
+      TRACE5_FN("doSegmentSecuritySetup", " Segment Security conflicting with URPF enable");
       // Routing was disabled at this feature's request: it goes back on
       // (flags cleared, setup not complete) rather than staying suspended for
       // as long as uRPF stays configured.
@@ -974,16 +987,17 @@ void KivSegmentSecurityRootSm::doSegmentSecuritySetup() {
       return;
    }
    if (routingStatusHelper_ && !routingStatusHelper_->routingStatusReady(status_->enabled())) {
-      TRACE5(" RoutingStatusHelper not ready");
+      TRACE5_FN("doSegmentSecuritySetup", " RoutingStatusHelper not ready");
       return;
    }
-   TRACE5(" RoutingStatusHelper OK");
-   TRACE5(" SegmentSecurity setup: " << status_->enabled()
-                                     << " refCount: " << routingDisabledRefCnt());
+   TRACE5_FN("doSegmentSecuritySetup", " RoutingStatusHelper OK");
+   TRACE5_FN("doSegmentSecuritySetup",
+             " SegmentSecurity setup: " << status_->enabled()
+                                        << " refCount: " << routingDisabledRefCnt());
    // Only a stage 2 without an outstanding routing disable has nothing to do:
    // otherwise routing is always turned back on.
    if (!status_->segmentSecurityRoutingDisableDone()) {
-      TRACE5(" SegmentSecurity skipping doSegmentSecurityInitStage2");
+      TRACE5_FN("doSegmentSecuritySetup", " SegmentSecurity skipping doSegmentSecurityInitStage2");
       return;
    }
    segmentSecurityEnableRouting(status_->enabled());
@@ -1003,7 +1017,7 @@ void KivSegmentSecurityRootSm::decideAgainIfOff() {
 }
 
 void KivSegmentSecurityRootSm::segmentSecurityEnableRouting(bool setupComplete) {
-   TRACE5(" " << setupComplete);
+   TRACE5_FN("segmentSecurityEnableRouting", " " << setupComplete);
    status_->segmentSecurityRoutingDisableDoneIs(false);
    status_->segmentSecuritySetupCompleteIs(setupComplete);
    status_->segmentSecurityRoutingEnableInc();
@@ -1015,9 +1029,9 @@ void KivSegmentSecurityRootSm::segmentSecurityEnableRouting(bool setupComplete) 
 
 void KivSegmentSecurityRootSm::handleSegmentSecuritySetupComplete() {
    bool complete = status_->segmentSecuritySetupComplete();
-   TRACE5(" segmentSecuritySetupComplete: " << complete);
+   TRACE5_FN("handleSegmentSecuritySetupComplete", " segmentSecuritySetupComplete: " << complete);
    if (complete) {
-      TRACE5(" Processfing VRF Now ");
+      TRACE5_FN("handleSegmentSecuritySetupComplete", " Processfing VRF Now ");
       status_->waitForRoutesCleanupIs(false);
       handleVrf();
       return;
@@ -1027,13 +1041,14 @@ void KivSegmentSecurityRootSm::handleSegmentSecuritySetupComplete() {
 
 void KivSegmentSecurityRootSm::handleUrpfRoutingDisableDone() {
    bool done = urpfRoutingDisableDone();
-   TRACE5(" urpfRoutingDisableDone: " << done);
+   TRACE5_FN("handleUrpfRoutingDisableDone", " urpfRoutingDisableDone: " << done);
    if (done) {
-      TRACE5(" wait for urpfRoutingDisableDone to be false");
+      TRACE5_FN("handleUrpfRoutingDisableDone", " wait for urpfRoutingDisableDone to be false");
       return;
    }
    if (status_->segmentSecurityRoutingDisableDone()) {
-      TRACE5(" segment securiry routing disable already requested");
+      TRACE5_FN("handleUrpfRoutingDisableDone",
+                " segment securiry routing disable already requested");
       doSegmentSecuritySetup();
       return;
    }
@@ -1062,38 +1077,38 @@ void KivSegmentSecurityRootSm::handleVrf(const L3::VrfName& name) {
    }
    bool fwActive = fwConfig_->fwActive();
    if (!fwActive || status_->waitForRoutesCleanup()) {
-      TRACE5(" Skipping. fwActive: " << fwActive << " waitForRoutesCleanup: "
-                                     << status_->waitForRoutesCleanup());
+      TRACE5_FN("handleVrf", " Skipping. fwActive: " << fwActive << " waitForRoutesCleanup: "
+                                                     << status_->waitForRoutesCleanup());
       return;
    }
    // A teardown between its cleanup wait and its stage 2 still has the setup
    // complete, but the feature is no longer enabled: a VRF (re)appearing then
    // gets no reactor, or it would outlive the teardown.
    if (!status_->segmentSecuritySetupComplete() || !status_->enabled()) {
-      TRACE5(" Segment security setup not complete. Skipping");
+      TRACE5_FN("handleVrf", " Segment security setup not complete. Skipping");
       return;
    }
    Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(name);
    if (vrfSm(name)) {
       if (fwVrf) {
-         TRACE8(" VrfSm for vrf: " << name << " already created");
+         TRACE8_FN("handleVrf", " VrfSm for vrf: " << name << " already created");
          return;
       }
-      TRACE5(" Deleting VrfSm for: " << name);
+      TRACE5_FN("handleVrf", " Deleting VrfSm for: " << name);
       vrfSmDel(name);
       return;
    }
    if (!fwVrf) {
       // An L3 VRF without firewall configuration has nothing to segment.
-      TRACE5(" Skipping. No firewall configuration for Vrf: " << name);
+      TRACE5_FN("handleVrf", " Skipping. No firewall configuration for Vrf: " << name);
       return;
    }
    const VrfId* vrfId = l3Status_->vrfId(name);
    if (!vrfId) {
-      TRACE5(" VrfId not allocated yet for VrfName: " << name);
+      TRACE5_FN("handleVrf", " VrfId not allocated yet for VrfName: " << name);
       return;
    }
-   TRACE5(" Creating VrfSm for: " << name);
+   TRACE5_FN("handleVrf", " Creating VrfSm for: " << name);
    Zop::Ptr<KivSegmentSecurityVrfSm> sm = kivSegmentSecurityVrfSmFactory(
        name, fwVrf, fwVrf->segmentDir(), fwConfig_, reviewList_, segmentIdRequest_,
        segmentIdResponse_, *vrfId, prefixCount_, segmentRoutesList_, counters_);
@@ -1112,7 +1127,7 @@ void KivSegmentSecurityRootSm::handleVrfCreation(const L3::VrfName& name) {
       return;
    }
    if (vrfSm(name)) {
-      TRACE5(" Deleting VrfSm for Vrf: " << name);
+      TRACE5_FN("handleVrfCreation", " Deleting VrfSm for Vrf: " << name);
       vrfSmDel(name);
    }
 }

@@ -4,8 +4,8 @@
 
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorSm.h"
 #include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
-#include "Trace/Trace.h"
-#include "Zop/Assert.h"
+
+#include "KivSegmentSecurity/KivSegmentSecurityTrace.h"
 
 namespace Kiv {
 
@@ -46,7 +46,7 @@ void KivSegmentPrefixProcessorSm::removeWatchedIp6Prefix(VrfId vrfId,
 }
 
 void KivSegmentPrefixProcessorSm::handleResolvedPrefix(const VrfAndIpGenPrefix& vrfPrefix) {
-   TRACE8(" vrfAndIpGenPrefix: " << vrfPrefix);
+   TRACE8_FN("handleResolvedPrefix", " vrfAndIpGenPrefix: " << vrfPrefix);
    const NextHopEntryList* entries =
        routeStatus_->resolvedEntry(VrfAndPrefix(vrfPrefix.vrfId(), vrfPrefix.prefix().v4()));
    if (entries) {
@@ -58,7 +58,7 @@ void KivSegmentPrefixProcessorSm::handleResolvedPrefix(const VrfAndIpGenPrefix& 
 }
 
 void KivSegmentPrefixProcessorSm::handleResolvedIp6Prefix(const VrfAndIpGenPrefix& vrfPrefix) {
-   TRACE8(" vrfAndIpGenPrefix: " << vrfPrefix);
+   TRACE8_FN("handleResolvedIp6Prefix", " vrfAndIpGenPrefix: " << vrfPrefix);
    const NextHopEntryList* entries =
        route6Status_->resolvedEntry(VrfAndIp6Prefix(vrfPrefix.vrfId(), vrfPrefix.prefix().v6()));
    if (entries) {
@@ -84,9 +84,10 @@ void KivSegmentPrefixProcessorSm::handleResolvedEntryWithdrawn(const VrfAndIpGen
    // The route was programmed from an answer that no longer stands: the
    // prefix waits for the next one, as it did before the first.
    const KivSegmentRouteInfo routeInfo = *recorded;
-   TRACE5(" RouteResolver withdrew its answer. Removing " << vrfPrefix.prefix() << " from Hw");
+   TRACE5_FN("handleResolvedEntryWithdrawn",
+             " RouteResolver withdrew its answer. Removing " << vrfPrefix.prefix() << " from Hw");
    if (!programRoute(vrfPrefix, routeInfo.routeInfo(), RouteInfo())) {
-      TRACE5(" Failed to remove prefix from Hw");
+      TRACE5_FN("handleResolvedEntryWithdrawn", " Failed to remove prefix from Hw");
       return;
    }
    segmentRoutesList_->routeInfoIs(KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), RouteInfo()));
@@ -110,16 +111,18 @@ void KivSegmentPrefixProcessorSm::handleResolvedPrefixCommon(const VrfAndIpGenPr
        l3Status_->vrfTableStatus()->fibTableId(l3Status_->vrfName(vrfPrefix.vrfId()));
    bool noNextHop = entryList.empty() || !entryList.front().resolved || !fibTableId;
    if (noNextHop) {
-      TRACE5(" RouteResolver could not find NH. "
-             << "Adding Drop NH to prefix again ");
+      TRACE5_FN("handleResolvedPrefixCommon", " RouteResolver could not find NH. "
+                                                  << "Adding Drop NH to prefix again ");
       KivSegmentRouteInfo routeInfo = *recorded;
       if (isFibRoute(vrfPrefix, l3Status_)) {
          // Never a drop route over a FIB route: it only carries the id.
          Zop::Ptr<AdjEntry> adj = getAdjacencyInfo(vrfPrefix, l3Status_);
          KivSegmentRouteInfo fibRoute(vrfPrefix, routeInfo.hwId(), adj->routeInfo());
-         TRACE5(" " << vrfPrefix.prefix() << " is also a fib route. ");
+         TRACE5_FN("handleResolvedPrefixCommon",
+                   " " << vrfPrefix.prefix() << " is also a fib route. ");
          if (!segmentRouteHelper_->updateHardwareId(fibRoute)) {
-            TRACE5(" updateHardwareId failed for " << vrfPrefix.prefix());
+            TRACE5_FN("handleResolvedPrefixCommon",
+                      " updateHardwareId failed for " << vrfPrefix.prefix());
          }
          segmentRoutesList_->routeInfoIs(fibRoute);
          return;
@@ -131,10 +134,12 @@ void KivSegmentPrefixProcessorSm::handleResolvedPrefixCommon(const VrfAndIpGenPr
    const Routing::NextHopEntry& nextHop = entryList.front();
    Quarn::Fib::GlobalFecId fecId(Quarn::Fib::GlobalFecId::kForward, *fibTableId, nextHop.fecIndex);
    fecId.doInit();
-   TRACE5(" New fecId: " << fecId);
+   TRACE5_FN("handleResolvedPrefixCommon", " New fecId: " << fecId);
    Zop::Ptr<AdjEntry> adjInfo = l3Status_->adjacency(fecId);
-   ZOP_ASSERT(adjInfo, "adjInfo && \"Adjacency Info is NULL\"", kSource);
-   TRACE5(" NH update for segment prefix. AdjIndex: " << adjInfo->l2Adj().index());
+   ZOP_ASSERT_FN(adjInfo, "adjInfo && \"Adjacency Info is NULL\"", kSource,
+                 "handleResolvedPrefixCommon");
+   TRACE5_FN("handleResolvedPrefixCommon",
+             " NH update for segment prefix. AdjIndex: " << adjInfo->l2Adj().index());
    processResolvedEntry(vrfPrefix, nextHop.routeType, fecId.value());
 }
 
@@ -150,35 +155,36 @@ void KivSegmentPrefixProcessorSm::processResolvedEntry(const VrfAndIpGenPrefix& 
    segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), vrfPrefix.prefix().af())
        ->routeIs(vrfPrefix.prefix(), true);
    Zop::Ptr<AdjEntry> adjInfo = l3Status_->adjacency(Quarn::Fib::GlobalFecId::fromValue(fecId));
-   ZOP_ASSERT(adjInfo, "adjInfo && \"Adjacency Info is NULL\"", kSource);
+   ZOP_ASSERT_FN(adjInfo, "adjInfo && \"Adjacency Info is NULL\"", kSource, "processResolvedEntry");
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
-   TRACE5(" Received NH update for segment prefix."
-          << " Existing VrfId: " << vrfPrefix.vrfId() << " Prefix: " << prefix
-          << " RouteType: " << routeType << " AdjIndex: " << adjInfo->l2Adj().index());
+   TRACE5_FN("processResolvedEntry", " Received NH update for segment prefix."
+                                         << " Existing VrfId: " << vrfPrefix.vrfId()
+                                         << " Prefix: " << prefix << " RouteType: " << routeType
+                                         << " AdjIndex: " << adjInfo->l2Adj().index());
 
    RouteInfo newRouteInfo;
    if (isFibRoute(vrfPrefix, l3Status_)) {
       // The FIB route keeps its own forwarding and takes the id.
-      TRACE5(" Resolved prefix is also a Fib route"
-             << ". Updating hwId");
+      TRACE5_FN("processResolvedEntry", " Resolved prefix is also a Fib route"
+                                            << ". Updating hwId");
       newRouteInfo = getAdjacencyInfo(vrfPrefix, l3Status_)->routeInfo();
       if (!segmentRouteHelper_->updateHardwareId(
               KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), newRouteInfo))) {
-         TRACE5(" updateHardwareId failed for " << prefix);
+         TRACE5_FN("processResolvedEntry", " updateHardwareId failed for " << prefix);
       }
    } else {
-      TRACE5(" Resolved prefix is not in FIB."
-             << " Insert it now");
+      TRACE5_FN("processResolvedEntry", " Resolved prefix is not in FIB."
+                                            << " Insert it now");
       newRouteInfo = RouteInfo(routeType, adjInfo->l2Adj().index());
       if (!programRoute(vrfPrefix, routeInfo.routeInfo(), newRouteInfo)) {
-         TRACE5(" Failed to add prefix in Hw");
+         TRACE5_FN("processResolvedEntry", " Failed to add prefix in Hw");
          return;
       }
-      TRACE5(" Prefix added successfully ");
+      TRACE5_FN("processResolvedEntry", " Prefix added successfully ");
       // A route programmed anew carries no id yet.
       if (!segmentRouteHelper_->updateHardwareId(
               KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), newRouteInfo))) {
-         TRACE5(" updateHardwareId failed for " << prefix);
+         TRACE5_FN("processResolvedEntry", " updateHardwareId failed for " << prefix);
       }
    }
    segmentRoutesList_->routeInfoIs(KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), newRouteInfo));

@@ -7,8 +7,8 @@
 #include <algorithm>
 
 #include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
-#include "Trace/Trace.h"
-#include "Zop/Assert.h"
+
+#include "KivSegmentSecurity/KivSegmentSecurityTrace.h"
 
 namespace Kiv {
 
@@ -154,7 +154,7 @@ KivSegmentPrefixProcessorSm::~KivSegmentPrefixProcessorSm() {
 }
 
 void KivSegmentPrefixProcessorSm::handleInitialized() {
-   TRACE8("");
+   TRACE8_FN("handleInitialized");
    // Idempotent: a second call keeps what exists.
    if (!segmentPrefixTrie_) {
       segmentPrefixTrieIs();
@@ -247,11 +247,11 @@ KivSegmentRouteOperationType KivSegmentPrefixProcessorSm::getPrefixRequiredActio
    bool configured = segmentName && validSegmentPrefix(vrfPrefix.prefix());
    bool installed = segmentRoutesList_->routeInfoHas(vrfPrefix);
    if (!configured || status_->waitForRoutesCleanup()) {
-      TRACE5(" Prefix remove request");
+      TRACE5_FN("getPrefixRequiredAction", " Prefix remove request");
       return segmentRouteDelete;
    }
    if (!fwVrf->segment(*segmentName)) {
-      TRACE5(" Segment removed. Clearing prefix");
+      TRACE5_FN("getPrefixRequiredAction", " Segment removed. Clearing prefix");
       return segmentRouteDelete;
    }
    // The review decides from the configuration as it is now: a segment whose
@@ -261,19 +261,19 @@ KivSegmentRouteOperationType KivSegmentPrefixProcessorSm::getPrefixRequiredActio
    const SegmentIdRequestKey segKey(vrfPrefix.vrfId(), *segmentName);
    const SegmentIdStatus* idStatus = segmentIdResponse_->status(segKey);
    if (!idStatus || !idStatus->hwId.isValid() || !segmentIdRequest_->requestHas(segKey)) {
-      TRACE5(" Segment HwId not allocated. Clearing prefix");
+      TRACE5_FN("getPrefixRequiredAction", " Segment HwId not allocated. Clearing prefix");
       return segmentRouteDelete;
    }
    if (!installed) {
-      TRACE5(" Prefix add request");
+      TRACE5_FN("getPrefixRequiredAction", " Prefix add request");
       return segmentRouteAdd;
    }
-   TRACE5(" Prefix HwId update request ");
+   TRACE5_FN("getPrefixRequiredAction", " Prefix HwId update request ");
    return segmentRouteHwIdUpdate;
 }
 
 void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
-   TRACE8("");
+   TRACE8_FN("doReviewConfiguredSegmentSubnets");
    queueRoutingChanges();
    // Every member processed leaves the list, so the walk always takes the
    // list's first member; a member removed meanwhile is simply not met.
@@ -286,12 +286,14 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
       L3::VrfName vrfName = l3Status_->vrfName(member.vrfId());
       KivSegmentRouteOperationType action = getPrefixRequiredAction(member);
       segmentReviewList_->vrfIpGenPrefixDel(member);
-      TRACE5(" vrf: " << vrfName << " prefix: " << member.prefix());
+      TRACE5_FN("doReviewConfiguredSegmentSubnets",
+                " vrf: " << vrfName << " prefix: " << member.prefix());
 
       if (const KivSegmentRouteInfo* installed = segmentRoutesList_->routeInfoFind(member)) {
          oldHwId = installed->hwId();
          int32_t prefCnt = updatePrefixCount(oldHwId, false);
-         TRACE5(" installedHwId: " << oldHwId << " prefCnt: " << prefCnt);
+         TRACE5_FN("doReviewConfiguredSegmentSubnets",
+                   " installedHwId: " << oldHwId << " prefCnt: " << prefCnt);
       }
 
       if (action != segmentRouteDelete && !removalFailures_.empty()) {
@@ -313,17 +315,19 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
             const Zop::String* segmentName = fwVrf->prefixList(member.prefix());
             SegmentIdRequestKey segIdKey(member.vrfId(), *segmentName);
             const SegmentIdStatus* idStatus = segmentIdResponse_->status(segIdKey);
-            ZOP_ASSERT(idStatus, "segmentIdStatus()->statusHas( segIdKey )", kSource);
+            ZOP_ASSERT_FN(idStatus, "segmentIdStatus()->statusHas( segIdKey )", kSource,
+                          "doReviewConfiguredSegmentSubnets");
             hwId = idStatus->hwId;
          }
-         TRACE5(" Effective hwId: " << hwId);
+         TRACE5_FN("doReviewConfiguredSegmentSubnets", " Effective hwId: " << hwId);
          processPrefix(KivSegmentHwInfo(member, action, hwId));
       }
 
       if (const KivSegmentRouteInfo* now = segmentRoutesList_->routeInfoFind(member)) {
          SegmentHwId installedHwId = now->hwId();
          int32_t prefCnt = updatePrefixCount(installedHwId, true);
-         TRACE5(" Installed Route hwId: " << installedHwId << " prefCnt: " << prefCnt);
+         TRACE5_FN("doReviewConfiguredSegmentSubnets",
+                   " Installed Route hwId: " << installedHwId << " prefCnt: " << prefCnt);
       }
       if (oldHwId.isValid()) {
          maybeReleaseSegmentHwId(member, oldHwId);
@@ -342,7 +346,7 @@ bool KivSegmentPrefixProcessorSm::validatePrefixAction(const KivSegmentHwInfo& i
    if (segmentRoutesList_->routeInfoHas(info.vrfPrefix())) {
       return true;
    }
-   TRACE5(" Ignoring remove for non-existing prefix");
+   TRACE5_FN("validatePrefixAction", " Ignoring remove for non-existing prefix");
    return false;
 }
 
@@ -355,7 +359,7 @@ void KivSegmentPrefixProcessorSm::processPrefix(const KivSegmentHwInfo& info) {
 }
 
 void KivSegmentPrefixProcessorSm::processIpPrefix(const KivSegmentHwInfo& info) {
-   TRACE8(" " << info);
+   TRACE8_FN("processIpPrefix", " " << info);
    switch (info.operation()) {
       case segmentRouteAdd:
          addIpPrefix(info);
@@ -364,12 +368,12 @@ void KivSegmentPrefixProcessorSm::processIpPrefix(const KivSegmentHwInfo& info) 
          removeIpPrefix(info);
          break;
       default:
-         ZOP_ASSERT(false, "false && \"Operation not supported\"", kSource);
+         ZOP_ASSERT_FN(false, "false && \"Operation not supported\"", kSource, "processIpPrefix");
    }
 }
 
 void KivSegmentPrefixProcessorSm::processIp6Prefix(const KivSegmentHwInfo& info) {
-   TRACE8(" " << info);
+   TRACE8_FN("processIp6Prefix", " " << info);
    switch (info.operation()) {
       case segmentRouteAdd:
          addIp6Prefix(info);
@@ -378,7 +382,7 @@ void KivSegmentPrefixProcessorSm::processIp6Prefix(const KivSegmentHwInfo& info)
          removeIp6Prefix(info);
          break;
       default:
-         ZOP_ASSERT(false, "false && \"Operation not supported\"", kSource);
+         ZOP_ASSERT_FN(false, "false && \"Operation not supported\"", kSource, "processIp6Prefix");
    }
 }
 
@@ -404,12 +408,12 @@ bool KivSegmentPrefixProcessorSm::programRoute(const VrfAndIpGenPrefix& vrfPrefi
 }
 
 void KivSegmentPrefixProcessorSm::addIpPrefix(const KivSegmentHwInfo& info) {
-   TRACE8("");
+   TRACE8_FN("addIpPrefix");
    addPrefix(info);
 }
 
 void KivSegmentPrefixProcessorSm::addIp6Prefix(const KivSegmentHwInfo& info) {
-   TRACE8("");
+   TRACE8_FN("addIp6Prefix");
    addPrefix(info);
 }
 
@@ -417,9 +421,10 @@ void KivSegmentPrefixProcessorSm::addPrefix(const KivSegmentHwInfo& info) {
    const VrfAndIpGenPrefix& vrfPrefix = info.vrfPrefix();
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
    bool prefixInstalled = segmentRoutesList_->routeInfoHas(vrfPrefix);
-   ZOP_ASSERT(!prefixInstalled, "Another add request for already installed prefix", kSource);
+   ZOP_ASSERT_FN(!prefixInstalled, "Another add request for already installed prefix", kSource,
+                 "addPrefix");
    Zop::Ptr<L3::VrfStatus> vrfStatus = vrfL3Status(vrfPrefix.vrfId());
-   ZOP_ASSERT(vrfStatus, "VRF L3 Status is NULL", kSource);
+   ZOP_ASSERT_FN(vrfStatus, "VRF L3 Status is NULL", kSource, "addPrefix");
    segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), prefix.af())->routeIs(prefix, true);
 
    bool routingEnabled = vrfStatus->routingEnabled(prefix.af());
@@ -427,17 +432,17 @@ void KivSegmentPrefixProcessorSm::addPrefix(const KivSegmentHwInfo& info) {
    if (isFibRoute(vrfPrefix, l3Status_)) {
       // The FIB route keeps its forwarding; it only takes the segment's id.
       KivSegmentRouteInfo routeInfo(vrfPrefix, info.hwId(), fibRouteInfo(vrfPrefix));
-      TRACE5(" " << prefix << " is also a fib route. ");
+      TRACE5_FN("addPrefix", " " << prefix << " is also a fib route. ");
       if (!segmentRouteHelper_->updateHardwareId(routeInfo)) {
-         TRACE5(" updateHardwareId failed for " << prefix);
+         TRACE5_FN("addPrefix", " updateHardwareId failed for " << prefix);
       }
       segmentRoutesList_->routeInfoIs(routeInfo);
    } else if (!routingEnabled) {
-      TRACE5(" Adding prefix in Hw. routingEnabled: " << routingEnabled);
+      TRACE5_FN("addPrefix", " Adding prefix in Hw. routingEnabled: " << routingEnabled);
       recorded = addPrefixToHwWithDropNh(info, RouteInfo());
    } else {
       segmentRoutesList_->routeInfoIs(KivSegmentRouteInfo(vrfPrefix, info.hwId(), RouteInfo()));
-      TRACE5(" Saved prefix with invalid RouteType");
+      TRACE5_FN("addPrefix", " Saved prefix with invalid RouteType");
    }
    // FIB routes beneath the new prefix take its id, whatever the VRF's
    // routing flag. A host prefix covers nothing.
@@ -461,30 +466,33 @@ bool KivSegmentPrefixProcessorSm::addPrefixToHwWithDropNh(const KivSegmentHwInfo
                                                           const RouteInfo& oldRouteInfo) {
    const VrfAndIpGenPrefix& vrfPrefix = info.vrfPrefix();
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
-   TRACE5(" Old RouteInfo: routeType: " << oldRouteInfo.routeType()
-                                        << " adjIndex: " << oldRouteInfo.adjIndex());
+   TRACE5_FN("addPrefixToHwWithDropNh",
+             " Old RouteInfo: routeType: " << oldRouteInfo.routeType()
+                                           << " adjIndex: " << oldRouteInfo.adjIndex());
    Zop::Ptr<Routing::TrieGen> trie =
        segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), prefix.af());
    trie->routeIs(prefix, true);
    Zop::Ptr<AdjEntry> adjInfo = getDropAdjacencyInfo(vrfPrefix.vrfId(), prefix.af(), l3Status_);
    if (prefix.isIpv4()) {
-      ZOP_ASSERT(adjInfo, "Adjacency info for v4Drop not found", kSource);
+      ZOP_ASSERT_FN(adjInfo, "Adjacency info for v4Drop not found", kSource,
+                    "addPrefixToHwWithDropNh");
    } else {
-      ZOP_ASSERT(adjInfo, "Adjacency info for v6Drop not found", kSource);
+      ZOP_ASSERT_FN(adjInfo, "Adjacency info for v6Drop not found", kSource,
+                    "addPrefixToHwWithDropNh");
    }
    RouteInfo dropRouteInfo(adjInfo->routeType(), adjInfo->l2Adj().index());
    if (!programRoute(vrfPrefix, oldRouteInfo, dropRouteInfo)) {
-      TRACE5(" " << prefix << " could not be programmed in Hw");
+      TRACE5_FN("addPrefixToHwWithDropNh", " " << prefix << " could not be programmed in Hw");
       // The trie holds exactly the recorded prefixes: a saved prefix stays.
       if (!segmentRoutesList_->routeInfoHas(vrfPrefix)) {
          trie->routeDel(prefix);
       }
       return false;
    }
-   TRACE5(" " << prefix << " programmed successfully");
+   TRACE5_FN("addPrefixToHwWithDropNh", " " << prefix << " programmed successfully");
    KivSegmentRouteInfo routeInfo(vrfPrefix, info.hwId(), dropRouteInfo);
    if (!segmentRouteHelper_->updateHardwareId(routeInfo)) {
-      TRACE5(" updateHardwareId failed for " << prefix);
+      TRACE5_FN("addPrefixToHwWithDropNh", " updateHardwareId failed for " << prefix);
    }
    segmentRoutesList_->routeInfoIs(routeInfo);
    return true;
@@ -493,12 +501,12 @@ bool KivSegmentPrefixProcessorSm::addPrefixToHwWithDropNh(const KivSegmentHwInfo
 // ---- Remove ----
 
 void KivSegmentPrefixProcessorSm::removeIpPrefix(const KivSegmentHwInfo& info) {
-   TRACE8("");
+   TRACE8_FN("removeIpPrefix");
    removePrefix(info);
 }
 
 void KivSegmentPrefixProcessorSm::removeIp6Prefix(const KivSegmentHwInfo& info) {
-   TRACE8("");
+   TRACE8_FN("removeIp6Prefix");
    removePrefix(info);
 }
 
@@ -516,7 +524,7 @@ void KivSegmentPrefixProcessorSm::removePrefix(const KivSegmentHwInfo& info) {
    }
    if (!vrfL3Status(vrfPrefix.vrfId())) {
       // The VRF was deleted: its routes still have to go.
-      TRACE5(" VRF L3 Status is NULL");
+      TRACE5_FN("removePrefix", " VRF L3 Status is NULL");
    }
    if (!removePrefixCommon(info, saved)) {
       // The route is still in hardware, so it stays recorded: in the trie,
@@ -550,13 +558,15 @@ void KivSegmentPrefixProcessorSm::retryRemoval(const VrfAndIpGenPrefix& vrfPrefi
       // Hardware that refuses the same removal again and again will not be
       // argued with; the prefix stays recorded as it is, and a later review
       // (a configuration change, a teardown) tries afresh.
-      TRACE5(" Giving up on segment-only prefix: " << vrfPrefix.prefix() << " after " << failures
-                                                   << " failed removals");
+      TRACE5_FN("retryRemoval", " Giving up on segment-only prefix: " << vrfPrefix.prefix()
+                                                                      << " after " << failures
+                                                                      << " failed removals");
       removalFailures_.erase(vrfPrefix);
       return;
    }
-   TRACE5(" Segment-only prefix: " << vrfPrefix.prefix() << " queued again for removal, attempt "
-                                   << failures + 1 << " of " << kRemovalAttempts);
+   TRACE5_FN("retryRemoval",
+             " Segment-only prefix: " << vrfPrefix.prefix() << " queued again for removal, attempt "
+                                      << failures + 1 << " of " << kRemovalAttempts);
    segmentReviewList_->vrfIpGenPrefixIs(vrfPrefix);
 }
 
@@ -567,16 +577,17 @@ bool KivSegmentPrefixProcessorSm::removePrefixCommon(const KivSegmentHwInfo& inf
    if (!isFibRoute(vrfPrefix, l3Status_)) {
       if (saved.routeInfo().routeType() != RouteType::routeTypeInvalid) {
          if (!programRoute(vrfPrefix, saved.routeInfo(), RouteInfo())) {
-            TRACE5(" Segment-only prefix: " << prefix << " could not be removed from hw");
+            TRACE5_FN("removePrefixCommon",
+                      " Segment-only prefix: " << prefix << " could not be removed from hw");
             return false;
          }
       }
-      TRACE5(" Segment-only prefix: " << prefix << " removed from hw ");
+      TRACE5_FN("removePrefixCommon", " Segment-only prefix: " << prefix << " removed from hw ");
       return true;
    }
    Zop::Ptr<AdjEntry> adjInfo = getAdjacencyInfo(vrfPrefix, l3Status_);
-   ZOP_ASSERT(adjInfo, "Adjacency Info not found", kSource);
-   TRACE5(" " << prefix << " is already in Fib. Clearing hwId");
+   ZOP_ASSERT_FN(adjInfo, "Adjacency Info not found", kSource, "removePrefixCommon");
+   TRACE5_FN("removePrefixCommon", " " << prefix << " is already in Fib. Clearing hwId");
    // The FIB route stays; it takes the id of the longest segment prefix still
    // covering it (the removed one has left the trie), or 0.
    SegmentHwId coveringHwId(0);
@@ -593,7 +604,7 @@ bool KivSegmentPrefixProcessorSm::removePrefixCommon(const KivSegmentHwInfo& inf
    RouteInfo refreshed(adjInfo->routeType(), adjInfo->l2Adj().index(), saved.routeInfo().flag());
    if (!segmentRouteHelper_->updateHardwareId(
            KivSegmentRouteInfo(vrfPrefix, coveringHwId, refreshed))) {
-      TRACE5(" updateHardwareId failed for " << prefix);
+      TRACE5_FN("removePrefixCommon", " updateHardwareId failed for " << prefix);
    }
    return true;
 }
@@ -602,18 +613,21 @@ bool KivSegmentPrefixProcessorSm::removePrefixCommon(const KivSegmentHwInfo& inf
 
 void KivSegmentPrefixProcessorSm::updateInstalledPrefixHwId(const VrfAndIpGenPrefix& vrfPrefix) {
    const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
-   ZOP_ASSERT(recorded, "segmentRoutesList()->routeInfoHas( vrfPrefix )", kSource);
+   ZOP_ASSERT_FN(recorded, "segmentRoutesList()->routeInfoHas( vrfPrefix )", kSource,
+                 "updateInstalledPrefixHwId");
    KivSegmentRouteInfo routeInfo = *recorded;
    L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
    Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(vrfName);
-   ZOP_ASSERT(fwVrf, "fwConfig()->vrfHas( vrfName )", kSource);
+   ZOP_ASSERT_FN(fwVrf, "fwConfig()->vrfHas( vrfName )", kSource, "updateInstalledPrefixHwId");
    const Zop::String* segmentName = fwVrf->prefixList(vrfPrefix.prefix());
    SegmentIdRequestKey segIdKey(vrfPrefix.vrfId(), segmentName ? *segmentName : Zop::String());
    const SegmentIdStatus* idStatus = segmentIdResponse_->status(segIdKey);
-   ZOP_ASSERT(idStatus, "segmentIdStatus()->statusHas( segIdKey )", kSource);
+   ZOP_ASSERT_FN(idStatus, "segmentIdStatus()->statusHas( segIdKey )", kSource,
+                 "updateInstalledPrefixHwId");
    SegmentHwId newHwId = idStatus->hwId;
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
-   TRACE5(" " << prefix << " oldHwId: " << routeInfo.hwId() << " newHwId: " << newHwId);
+   TRACE5_FN("updateInstalledPrefixHwId",
+             " " << prefix << " oldHwId: " << routeInfo.hwId() << " newHwId: " << newHwId);
    if (routeInfo.hwId() == newHwId) {
       return;
    }
@@ -629,7 +643,7 @@ void KivSegmentPrefixProcessorSm::updateInstalledPrefixHwId(const VrfAndIpGenPre
       written = segmentRouteHelper_->updateHardwareId(routeInfo);
    }
    if (!written) {
-      TRACE5(" updateHardwareId failed for " << prefix);
+      TRACE5_FN("updateInstalledPrefixHwId", " updateHardwareId failed for " << prefix);
    }
    if (!prefix.isHost()) {
       syncFibRouteHwId(vrfPrefix, newHwId);
@@ -681,8 +695,9 @@ void KivSegmentPrefixProcessorSm::queueRoutingChanges() {
          }
       }
       if (keys.size() != before) {
-         TRACE5(" Routing changed. Vrf: " << name << " " << af
-                                          << " prefixes to review: " << keys.size() - before);
+         TRACE5_FN("queueRoutingChanges",
+                   " Routing changed. Vrf: " << name << " " << af
+                                             << " prefixes to review: " << keys.size() - before);
       }
    }
    routingChanges_.clear();
@@ -705,14 +720,15 @@ void KivSegmentPrefixProcessorSm::followRoutingFlag(const VrfAndIpGenPrefix& vrf
       if (drop && routeInfo.routeInfo() == RouteInfo(drop->routeType(), drop->l2Adj().index())) {
          return;
       }
-      TRACE5(" Routing disabled. " << prefix << " goes back to the drop next hop");
+      TRACE5_FN("followRoutingFlag",
+                " Routing disabled. " << prefix << " goes back to the drop next hop");
       addPrefixToHwWithDropNh(KivSegmentHwInfo(vrfPrefix, segmentRouteAdd, routeInfo.hwId()),
                               routeInfo.routeInfo());
       return;
    }
    // Routing on: the resolver's answer decides; without one the prefix is
    // only saved.
-   TRACE5(" Routing enabled. " << prefix << " follows the RouteResolver");
+   TRACE5_FN("followRoutingFlag", " Routing enabled. " << prefix << " follows the RouteResolver");
    if (prefix.isIpv4()) {
       handleResolvedPrefix(vrfPrefix);
    } else {
@@ -724,28 +740,31 @@ void KivSegmentPrefixProcessorSm::followRoutingFlag(const VrfAndIpGenPrefix& vrf
 
 int32_t KivSegmentPrefixProcessorSm::updatePrefixCount(SegmentHwId hwId, bool increment) {
    Zop::Ptr<SegmentPrefixCount> counter = prefixCount_->segmentPrefixCount(hwId);
-   ZOP_ASSERT(counter, "prefixCount()->segmentPrefixCountHas( hwId )", kSource);
+   ZOP_ASSERT_FN(counter, "prefixCount()->segmentPrefixCountHas( hwId )", kSource,
+                 "updatePrefixCount");
    if (increment) {
       counter->prefixCountInc(1);
    } else {
       counter->prefixCountDec(1);
    }
    int32_t prefCnt = counter->prefixCount();
-   ZOP_ASSERT(prefCnt >= 0, "prefCnt >= 0", kSource);
+   ZOP_ASSERT_FN(prefCnt >= 0, "prefCnt >= 0", kSource, "updatePrefixCount");
    return prefCnt;
 }
 
 void KivSegmentPrefixProcessorSm::maybeReleaseSegmentHwId(const VrfAndIpGenPrefix& vrfPrefix,
                                                           SegmentHwId hwId) {
    Zop::Ptr<SegmentPrefixCount> counter = prefixCount_->segmentPrefixCount(hwId);
-   ZOP_ASSERT(counter, "prefixCount()->segmentPrefixCountHas( hwId )", kSource);
+   ZOP_ASSERT_FN(counter, "prefixCount()->segmentPrefixCountHas( hwId )", kSource,
+                 "maybeReleaseSegmentHwId");
    if (counter->prefixCount() != 0) {
       return;
    }
    L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
    const SegmentIdRequestKey* hwIdToSegName = segmentIdResponse_->hwIdKey(hwId);
    Zop::String segmentName = hwIdToSegName ? hwIdToSegName->segment() : Zop::String();
-   TRACE5(" Freeing HwId. Vrf: " << vrfName << " Segment: " << segmentName << " " << hwId);
+   TRACE5_FN("maybeReleaseSegmentHwId",
+             " Freeing HwId. Vrf: " << vrfName << " Segment: " << segmentName << " " << hwId);
    if (!hwIdToSegName) {
       // The allocator took the id back while its prefixes were counted: no
       // grant names its segment, so only its counter goes (a later grant of
@@ -759,13 +778,14 @@ void KivSegmentPrefixProcessorSm::maybeReleaseSegmentHwId(const VrfAndIpGenPrefi
    // During a teardown every id goes with its last prefix, configured or not.
    if (!vrfName.empty() && !status_->waitForRoutesCleanup()) {
       if (Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(vrfName)) {
-         ZOP_ASSERT(hwIdToSegName, " Missing entry in Segment HwId Status ", kSource);
+         ZOP_ASSERT_FN(hwIdToSegName, " Missing entry in Segment HwId Status ", kSource,
+                       "maybeReleaseSegmentHwId");
          if (fwVrf->segment(segmentName)) {
             return;
          }
       }
    }
-   TRACE5(" Processing release request for Vrf: " << vrfName);
+   TRACE5_FN("maybeReleaseSegmentHwId", " Processing release request for Vrf: " << vrfName);
    segmentIdRequest_->requestDel(SegmentIdRequestKey(vrfPrefix.vrfId(), segmentName));
    // The counter goes with the request: a later grant of the id starts anew.
    prefixCount_->segmentPrefixCountDel(hwId);
@@ -794,7 +814,8 @@ void KivSegmentPrefixProcessorSm::releaseRequestsOfGoneSegments(VrfId vrfId) {
    }
    std::sort(gone.begin(), gone.end());
    for (const auto& key : gone) {
-      TRACE5(" Processing release request for Vrf: " << vrfName);
+      TRACE5_FN("releaseRequestsOfGoneSegments",
+                " Processing release request for Vrf: " << vrfName);
       const SegmentIdStatus* status = segmentIdResponse_->status(key);
       if (status && prefixCount_->segmentPrefixCountHas(status->hwId)) {
          prefixCount_->segmentPrefixCountDel(status->hwId);

@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
-#include "Trace/Trace.h"
-#include "Zop/Assert.h"
 #include "Zop/Error.h"
+
+#include "KivSegmentSecurity/KivSegmentSecurityTrace.h"
 
 namespace Kiv {
 
@@ -224,7 +224,8 @@ Zop::Ptr<SortedSegmentPrefix> getSortedPrefixListForSegment(
     const Zop::Ptr<const SegmentIdResponse>& hwIdStatus, VrfId vrfId, SegmentHwId hwId) {
    const SegmentIdRequestKey* key = hwIdStatus->hwIdKey(hwId);
    Zop::Ptr<SortedVrfRouteInfo> vrfRoutes = sorted->sortedVrf(vrfId);
-   ZOP_ASSERT(vrfRoutes, "VRF entry for sorted routes not found", kSource);
+   ZOP_ASSERT_FN(vrfRoutes, "VRF entry for sorted routes not found", kSource,
+                 "getSortedPrefixListForSegment");
    if (!key) {
       return nullptr;
    }
@@ -425,7 +426,7 @@ void reconcileSnapshotCounters(const Zop::Ptr<const Firewall::Counters>& fwCount
    for (const L3::VrfName& vrfName : vrfs) {
       Zop::Ptr<Firewall::VrfCounters> liveVrf = fwCounters->vrf(vrfName);
       if (!liveVrf) {
-         TRACE5(" Removing vrf: " << vrfName);
+         TRACE5_FN("reconcileSnapshotCounters", " Removing vrf: " << vrfName);
          snapshot->vrfDel(vrfName);
          continue;
       }
@@ -439,7 +440,7 @@ void reconcileSnapshotCounters(const Zop::Ptr<const Firewall::Counters>& fwCount
       for (const Zop::String& name : policies) {
          Zop::Ptr<Firewall::PolicyCounters> livePolicy = live->policy(name);
          if (!livePolicy) {
-            TRACE5(" Removing policy: " << name);
+            TRACE5_FN("reconcileSnapshotCounters", " Removing policy: " << name);
             dir->policyDel(name);
          } else if (reset) {
             Zop::Ptr<Firewall::PolicyCounters> p = dir->policy(name);
@@ -455,7 +456,7 @@ void reconcileSnapshotCounters(const Zop::Ptr<const Firewall::Counters>& fwCount
       for (const Zop::String& dst : groups) {
          Zop::Ptr<Firewall::SegmentCountersGroup> liveGroup = live->segment(dst);
          if (!liveGroup) {
-            TRACE5(" Removing segment: " << dst);
+            TRACE5_FN("reconcileSnapshotCounters", " Removing segment: " << dst);
             dir->segmentDel(dst);
             continue;
          }
@@ -470,7 +471,7 @@ void reconcileSnapshotCounters(const Zop::Ptr<const Firewall::Counters>& fwCount
          for (const Zop::String& src : sources) {
             Zop::Ptr<Firewall::SegmentCounters> liveSrc = liveGroup->segmentCounters(src);
             if (!liveSrc) {
-               TRACE5(" Removing source segment: " << src);
+               TRACE5_FN("reconcileSnapshotCounters", " Removing source segment: " << src);
                group->segmentCountersDel(src);
             } else if (reset) {
                Zop::Ptr<Firewall::SegmentCounters> s = group->segmentCounters(src);
@@ -793,14 +794,14 @@ void ShowSegmentHardwareRoutesSm::getSortedRoutes(const Zop::Ptr<SortedSegmentRo
          if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
             continue;  // The VRF is gone, and its FIB routes with it.
          }
-         ZOP_ASSERT(fibTrie, " Fib trie does not exist ", kSource);
+         ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
          getV4FibRoutes(vrfId, key.prefix(), key.prefix(), routeInfo_, routes, fibTrie);
       } else {
          Zop::Ptr<const Routing6::Trie> fibTrie = route6Status_->fibTrie(vrfId);
          if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
             continue;
          }
-         ZOP_ASSERT(fibTrie, " Fib trie does not exist ", kSource);
+         ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
          getV6FibRoutes(vrfId, key.prefix(), key.prefix(), routeInfo_, routes, fibTrie);
       }
       for (const VrfAndIpGenPrefix& route : routes->vrfIpGenPrefix()) {

@@ -1,6 +1,6 @@
 #include "KivSegmentSecurity/KivSegmentSecurityTrieHelper.h"
 
-#include "Trace/Trace.h"
+#include "KivSegmentSecurity/KivSegmentSecurityTrace.h"
 
 namespace Kiv {
 
@@ -71,7 +71,7 @@ NextSpecifcPrefixCallback::NextSpecifcPrefixCallback(const Pexo::IpGenPrefix& pr
     : prefix_(prefix), nextPrefix_(prefix) {}
 
 bool NextSpecifcPrefixCallback::handlePrefix(const Pexo::IpGenPrefix& prefix) {
-   TRACE8(" " << prefix);
+   TRACE8_FN("handlePrefix", " " << prefix);
    if (prefix.isHost()) {
       return true;
    }

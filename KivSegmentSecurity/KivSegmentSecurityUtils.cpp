@@ -1,7 +1,8 @@
 #include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
 
 #include "KivSegmentSecurity/KivSegmentSecurityTrieHelper.h"
-#include "Zop/Assert.h"
+
+#include "KivSegmentSecurity/KivSegmentSecurityTrace.h"
 
 namespace Kiv {
 
@@ -30,10 +31,10 @@ KivSegmentRouteInfo getSegmentRouteInfo(
     const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfoColl) {
    VrfAndIpGenPrefix vrfPrefix(vrfId, prefix);
    const KivSegmentRouteInfo* info = routeInfoColl->routeInfoFind(vrfPrefix);
-   ZOP_ASSERT(info,
-              "routeInfoColl->routeInfoHas( vrfPrefix ) && \"RouteInfo for segment prefix not "
-              "found\"",
-              kSource);
+   ZOP_ASSERT_FN(info,
+                 "routeInfoColl->routeInfoHas( vrfPrefix ) && \"RouteInfo for segment prefix not "
+                 "found\"",
+                 kSource, "getSegmentRouteInfo");
    return *info;
 }
 

@@ -20,9 +20,13 @@ namespace Zop {
 
 }  // namespace Zop
 
-#define ZOP_ASSERT(cond, text, source)                    \
-   do {                                                   \
-      if (!(cond)) [[unlikely]] {                         \
-         ::Zop::assertFailed((text), (source), __func__); \
-      }                                                   \
+#define ZOP_ASSERT(cond, text, source) ZOP_ASSERT_FN(cond, text, source, __func__)
+
+// The same, naming the function explicitly: for code whose reports must keep
+// a fixed name whatever C++ function the check happens to sit in.
+#define ZOP_ASSERT_FN(cond, text, source, function)         \
+   do {                                                     \
+      if (!(cond)) [[unlikely]] {                           \
+         ::Zop::assertFailed((text), (source), (function)); \
+      }                                                     \
    } while (0)
