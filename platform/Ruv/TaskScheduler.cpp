@@ -1,5 +1,6 @@
 #include "Ruv/TaskScheduler.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -298,7 +299,7 @@ size_t TaskScheduler::runUntilIdle(size_t maxSlices) {
          ++slices;
          continue;
       }
-      if (heap_.empty() || !clock_->isVirtual()) {
+      if (!clock_->isVirtual() || onlyBackgroundScheduled()) {
          break;
       }
       clock_->advanceTo(heap_.front()->due_);
@@ -306,11 +307,25 @@ size_t TaskScheduler::runUntilIdle(size_t maxSlices) {
    return slices;
 }
 
+bool TaskScheduler::onlyBackgroundScheduled() const {
+   // The heap holds a handful of tasks: a scan is cheaper than a count kept
+   // in step with every schedule and cancel.
+   return std::all_of(heap_.begin(), heap_.end(), [](const Task* t) { return t->background_; });
+}
+
 size_t TaskScheduler::settle() {
    size_t slices = runUntilIdle(kSettleLimit);
-   ZOP_ASSERT(!hasReadyTask() && (heap_.empty() || !clock_->isVirtual()),
+   ZOP_ASSERT(!hasReadyTask() && (onlyBackgroundScheduled() || !clock_->isVirtual()),
               "settle: the tasks kept rescheduling and never became idle", kSource);
    return slices;
+}
+
+size_t TaskScheduler::runBackgroundRound() {
+   if (heap_.empty() || !clock_->isVirtual() || !onlyBackgroundScheduled()) {
+      return 0;
+   }
+   clock_->advanceTo(heap_.front()->due_);
+   return settle();
 }
 
 size_t TaskScheduler::runUntil(Zop::Time deadline, size_t maxSlices) {

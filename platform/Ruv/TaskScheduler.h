@@ -182,6 +182,13 @@ public:
    // Leave the queue; a run in progress finishes.
    void cancel();
 
+   // A background task (a retry timer, a periodic poll) does not keep the
+   // scheduler busy: runUntilIdle() stops when only background tasks are
+   // scheduled, and runs one only on the way to other work, or when asked to
+   // (runBackgroundRound). Default: false.
+   bool background() const { return background_; }
+   void backgroundIs(bool background) { background_ = background; }
+
    bool isScheduled() const { return heapIndex_ != kNotQueued; }
    // When the task is due; meaningful only while isScheduled().
    Zop::Time dueTime() const { return due_; }
@@ -206,6 +213,7 @@ private:
    uint64_t sequence_ = 0;
    // This task's entry in the scheduler's statistics, found on first run.
    TaskStatistics* statistics_ = nullptr;
+   bool background_ = false;
 };
 
 // A task that runs a callable. A callable that reschedules its own task
@@ -249,14 +257,22 @@ public:
    // Runs due tasks (including those they make due) until none is due or
    // `maxSlices` ran. Never moves the clock. Returns the slices run.
    size_t runReady(size_t maxSlices = kNoLimit);
-   // Runs until nothing is scheduled. When nothing is due, a virtual clock is
-   // advanced to the next due time; a real clock is not waited for: the call
-   // returns with future tasks still pending (use runUntil/runFor). Stops
-   // after `maxSlices` as well. Returns the slices run.
+   // Runs until nothing but background tasks is scheduled. When nothing is
+   // due, a virtual clock is advanced to the next due time; a real clock is
+   // not waited for: the call returns with future tasks still pending (use
+   // runUntil/runFor). Stops after `maxSlices` as well. Returns the slices
+   // run.
    size_t runUntilIdle(size_t maxSlices = kNoLimit);
    // runUntilIdle() for tests: asserts that the scheduler really became idle
    // (with a real clock: that nothing is due), and that within kSettleLimit.
    size_t settle();
+   // With only background tasks scheduled: a virtual clock is advanced to the
+   // first one's due time and settle() runs (so each background task due by
+   // then gets its run, and whatever it starts runs to the end). Returns the
+   // slices run; none when other work is scheduled or the clock is real.
+   size_t runBackgroundRound();
+   // Whether everything scheduled is a background task (true when nothing is).
+   bool onlyBackgroundScheduled() const;
    // Runs every task due up to `deadline`. A virtual clock is advanced from
    // due time to due time and finally to `deadline`. A real clock is polled
    // (the scheduler has no wait primitive; a loop that waits on descriptors

@@ -155,6 +155,43 @@ TEST_F(RuvTaskSchedulerTest, LowestDelayKeepsTheEarliestTimeAndSettleAdvancesVir
    v->cancel();
 }
 
+// A background task (a retry timer) never keeps settle() going: settle stops
+// with only background tasks left, leaving the clock where the work ended;
+// runBackgroundRound() moves the clock to the first one and settles again,
+// including whatever that run schedules in the foreground.
+TEST_F(RuvTaskSchedulerTest, BackgroundTasksWaitForTheirOwnRound) {
+   auto fg = logging("fg");
+   Zop::Ptr<Task> retry = Ruv::makeTask(scheduler, "retry", [&] {
+      log.push_back("retry");
+      fg->scheduleTask();
+      retry->scheduleTaskLowestDelay(10.0);  // and again, much later
+   });
+   retry->backgroundIs(true);
+   retry->scheduleTaskLowestDelay(1.0);
+   auto other = logging("other");
+   other->scheduleTaskLowestDelay(0.5);
+   EXPECT_EQ(scheduler->settle(), 1u);
+   EXPECT_EQ(log, Log{"other"});
+   EXPECT_EQ(clock->now(), kSecond / 2);
+   EXPECT_TRUE(scheduler->onlyBackgroundScheduled());
+   EXPECT_EQ(scheduler->runUntilIdle(100), 0u);
+
+   EXPECT_EQ(scheduler->runBackgroundRound(), 2u);
+   EXPECT_EQ(log, (Log{"other", "retry", "fg"}));
+   EXPECT_EQ(clock->now(), kSecond);
+   EXPECT_EQ(scheduler->nextDueTime(), 11 * kSecond);
+   // A foreground task scheduled meanwhile: no background round is taken.
+   other->scheduleTaskLowestDelay(20.0);
+   EXPECT_FALSE(scheduler->onlyBackgroundScheduled());
+   EXPECT_EQ(scheduler->runBackgroundRound(), 0u);
+   // Background tasks due before the foreground one run on the way: retry
+   // and fg at 11 s; other, retry and fg at 21 s.
+   EXPECT_EQ(scheduler->settle(), 5u);
+   EXPECT_EQ(clock->now(), 21 * kSecond);
+   retry->cancel();
+   EXPECT_EQ(scheduler->runBackgroundRound(), 0u);
+}
+
 TEST_F(RuvTaskSchedulerTest, RescheduleFromInsideRunNeverDuplicates) {
    int runs = 0;
    Zop::Ptr<Task> self;
