@@ -83,7 +83,8 @@ FibRouteReactorSm::FibRouteReactorSm(const Zop::Ptr<Ruv::TaskScheduler>& schedul
       segmentRouteHelper_(segmentRouteHelper),
       routeHelper_(routeHelper),
       route6Helper_(route6Helper),
-      status_(status) {
+      status_(status),
+      hwWriter_(l3Status, segmentRoutesList, segmentRouteHelper, routeHelper, route6Helper) {
    fibRouteNotifiee_ = std::make_unique<FibRouteNotifiee>(*this);
    fibRouteNotifiee_->notifierIs(fibRoutes_);
    fibRoute6Notifiee_ = std::make_unique<FibRoute6Notifiee>(*this);
@@ -135,7 +136,8 @@ const RouteInfo* FibRouteReactorSm::fibRouteInfo(const VrfAndIpGenPrefix& vrfPre
 }
 
 void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
-   TRACE8_FN("handleFibRoute", " VrfPrefix: " << vrfPrefix);
+   constexpr char fn[] = "handleFibRoute";
+   TRACE8_FN(fn, " VrfPrefix: " << vrfPrefix);
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
    const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
    if (!recorded) {
@@ -144,79 +146,35 @@ void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
       // beneath are queued from the FIB itself. So a FIB download into such
       // a VRF (a start-up with the feature off) costs no review at all.
       if (!segmentPrefixTrie_->vrfTrie(vrfPrefix.vrfId())) {
-         TRACE8_FN("handleFibRoute",
-                   " " << prefix << " no segment prefixes in its VRF, nothing to review");
+         TRACE8_FN(fn, " " << prefix << " no segment prefixes in its VRF, nothing to review");
          return;
       }
       fibRouteReviewList_->vrfIpGenPrefixIs(vrfPrefix);
-      TRACE8_FN("handleFibRoute", " " << prefix << " not existing segment route added to review");
+      TRACE5_FN(fn, " " << prefix << " not existing segment route added to review");
       return;
    }
-   KivSegmentRouteInfo routeInfo = *recorded;
    if (isFibRoute(vrfPrefix, l3Status_)) {
-      Zop::Ptr<AdjEntry> adjInfo = getAdjacencyInfo(vrfPrefix, l3Status_);
-      ZOP_ASSERT_FN(adjInfo, "Adjacency Info not found", kSource, "handleFibRoute");
-      TRACE5_FN("handleFibRoute", " " << prefix << " is also a fib route. "
-                                      << " Updating HW Id: " << routeInfo.hwId());
-      KivSegmentRouteInfo fibRoute(vrfPrefix, routeInfo.hwId(), adjInfo->routeInfo());
-      if (!segmentRouteHelper_->updateHardwareId(fibRoute)) {
-         TRACE5_FN("handleFibRoute", " updateHardwareId failed for " << prefix);
-      }
+      TRACE5_FN(fn, " " << prefix << " is also a fib route. "
+                        << " Updating HW Id: " << recorded->hwId());
       // The FIB route owns the hardware entry now; the record follows, so
       // that its withdrawal is known to leave nothing behind.
-      segmentRoutesList_->routeInfoIs(fibRoute);
+      hwWriter_.fibRouteHwIdIs({fn, kSource}, vrfPrefix, recorded->hwId(), true);
       return;
    }
-
-   // One withdrawal is reported twice (the route's adjacency and the FIB
-   // collection). The routing layer takes the FIB route's entry out of
-   // hardware before it reports the withdrawal, so an entry found now is the
-   // segment route already put back.
-   if (segmentRouteHelper_->getHardwareId(vrfPrefix).isValid()) {
-      TRACE8_FN("handleFibRoute", " " << prefix << " already back in hardware");
-      return;
-   }
-   L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
-   Zop::Ptr<L3::VrfStatus> vrfStatus = l3Status_->vrfStatus(vrfName);
-   if (vrfStatus && vrfStatus->routingEnabled(prefix.af())) {
-      // Where the VRF routes the family the prefix belongs on the next hop the
-      // resolver finds: it is saved again (nothing of it is in hardware now)
-      // and the resolver's current answer, if any, is applied.
-      TRACE5_FN("handleFibRoute", " Fib route is removed."
-                                      << " Segment prefix waits for its next hop.");
+   // The segment prefix's own FIB route went: the record says at once that
+   // nothing of the prefix is in hardware (the entry was the routing
+   // layer's), so a removal reviewed meanwhile removes nothing. Whether the
+   // routing layer has taken its entry out yet depends on the order it
+   // reports and removes in, so the prefix is put back from the review task,
+   // which runs once the withdrawal is over. The withdrawal is reported twice
+   // (adjacency and FIB collection), within the same operation.
+   if (recorded->routeInfo().routeType() != RouteType::routeTypeInvalid) {
       segmentRoutesList_->routeInfoIs(
-          KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), RouteInfo()));
-      if (segmentRouteSaved_) {
-         segmentRouteSaved_(vrfPrefix);
-      }
-      return;
+          KivSegmentRouteInfo(vrfPrefix, recorded->hwId(), RouteInfo()));
    }
-   TRACE5_FN("handleFibRoute", " Fib route is removed."
-                                   << " Segment prefix is to be inserted again.");
-   // The FIB entry is gone, so the hardware holds nothing for the prefix: the
-   // drop route goes in from an empty route info, and the record holds it.
-   Zop::Ptr<AdjEntry> dropAdj = getDropAdjacencyInfo(vrfPrefix.vrfId(), prefix.af(), l3Status_);
-   bool installed = false;
-   RouteInfo dropRouteInfo;
-   if (dropAdj) {
-      dropRouteInfo = RouteInfo(dropAdj->routeType(), dropAdj->l2Adj().index());
-      installed = prefix.isIpv4() ? routeHelper_->programRoute(prefix.v4(), vrfPrefix.vrfId(),
-                                                               RouteInfo(), dropRouteInfo)
-                                  : route6Helper_->programRoute(prefix.v6(), vrfPrefix.vrfId(),
-                                                                RouteInfo(), dropRouteInfo);
-   }
-   if (!installed) {
-      TRACE5_FN("handleFibRoute",
-                " Failed to install prefix back after " << prefix << " entry was removed from FIB");
-      return;
-   }
-   KivSegmentRouteInfo dropRoute(vrfPrefix, routeInfo.hwId(), dropRouteInfo);
-   if (!segmentRouteHelper_->updateHardwareId(dropRoute)) {
-      TRACE5_FN("handleFibRoute", " updateHardwareId failed for " << prefix);
-   }
-   segmentRoutesList_->routeInfoIs(dropRoute);
-   TRACE5_FN("handleFibRoute", " Successfully installed prefix back after "
-                                   << prefix << " entry was removed from FIB");
+   withdrawnSegmentRoutes_.insert(vrfPrefix);
+   fibRouteReviewList_->vrfIpGenPrefixIs(vrfPrefix);
+   TRACE8_FN(fn, " " << prefix << " segment prefix added to review");
 }
 
 void FibRouteReactorSm::handleV4AdjUpdate(const VrfAndPrefix& key) {
@@ -238,44 +196,47 @@ void FibRouteReactorSm::handleV6AdjUpdate(const VrfAndIp6Prefix& key) {
 }
 
 void FibRouteReactorSm::doReviewFibRouteUpdates() {
-   TRACE8_FN("doReviewFibRouteUpdates");
+   constexpr char fn[] = "doReviewFibRouteUpdates";
+   TRACE8_FN(fn);
    while (fibRouteReviewList_->vrfIpGenPrefixCount() != 0) {
       const VrfAndIpGenPrefix key = fibRouteReviewList_->vrfIpGenPrefixFront();
-      const Pexo::IpGenPrefix& prefix = key.prefix();
-      TRACE8_FN("doReviewFibRouteUpdates", " Reviewing: " << key);
-      const RouteInfo* fibRoute = fibRouteInfo(key);
-
-      // Only a VRF that has segment tries has ids to hand out; nothing is
-      // created here.
-      Zop::Ptr<Routing::TrieGen> segmentTrie;
-      if (Zop::Ptr<VrfTrieGen> vrfTrie = segmentPrefixTrie_->vrfTrie(key.vrfId())) {
-         segmentTrie = vrfTrie->prefixTrie(prefix.af());
-      }
-      SegmentHwId hwId(0);
-      if (segmentTrie) {
-         if (std::optional<Pexo::IpGenPrefix> match = segmentTrie->longestMatch(prefix)) {
-            VrfAndIpGenPrefix matchKey(key.vrfId(), *match);
-            if (const KivSegmentRouteInfo* covering = segmentRoutesList_->routeInfoFind(matchKey)) {
-               hwId = covering->hwId();
-            } else {
-               TRACE5_FN("doReviewFibRouteUpdates",
-                         " Segment Prefix " << *match << " no route in RouteInfo collection");
-            }
-         }
-      }
-      if (fibRoute && segmentTrie) {
-         TRACE8_FN("doReviewFibRouteUpdates",
-                   " Updating Vrf: " << key.vrfId() << " " << prefix << " with HwId: " << hwId);
-         if (!segmentRouteHelper_->updateHardwareId(KivSegmentRouteInfo(key, hwId, *fibRoute))) {
-            TRACE5_FN("doReviewFibRouteUpdates", " updateHardwareId failed for " << prefix);
-         }
-      }
+      TRACE8_FN(fn, " Reviewing: " << key);
+      reviewFibRoute(key);
       fibRouteReviewList_->vrfIpGenPrefixDel(key);
       if (Ruv::taskShouldYield()) {
          routeUpdateTask_->scheduleTask();
          return;
       }
    }
+}
+
+void FibRouteReactorSm::reviewFibRoute(const VrfAndIpGenPrefix& key) {
+   constexpr char fn[] = "doReviewFibRouteUpdates";
+   const Pexo::IpGenPrefix& prefix = key.prefix();
+   const RouteInfo* fibRoute = fibRouteInfo(key);
+   const bool withdrawn =
+       !withdrawnSegmentRoutes_.empty() && withdrawnSegmentRoutes_.erase(key) != 0;
+   if (!fibRoute) {
+      // A segment prefix whose FIB route was withdrawn goes back into
+      // hardware, unless it was removed meanwhile, or something holds its
+      // entry already.
+      const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(key);
+      if (withdrawn && recorded &&
+          recorded->routeInfo().routeType() == RouteType::routeTypeInvalid &&
+          !segmentRouteHelper_->getHardwareId(key).isValid() && segmentRouteWithdrawn_) {
+         segmentRouteWithdrawn_(key);
+      }
+      return;  // any other key whose FIB route left: nothing to write
+   }
+   // Only a VRF that has segment tries has ids to hand out; nothing is
+   // created here.
+   Zop::Ptr<VrfTrieGen> vrfTrie = segmentPrefixTrie_->vrfTrie(key.vrfId());
+   if (!vrfTrie || !vrfTrie->prefixTrie(prefix.af())) {
+      return;
+   }
+   const SegmentHwId hwId = coveringHwId(fn, key, *segmentPrefixTrie_, *segmentRoutesList_);
+   TRACE5_FN(fn, " Updating Vrf: " << key.vrfId() << " " << prefix << " with HwId: " << hwId);
+   hwWriter_.hwIdIs({fn, kSource}, KivSegmentRouteInfo(key, hwId, *fibRoute));
 }
 
 Zop::Ptr<FibRouteReactorSm> fibRouteReactorSmFactory(

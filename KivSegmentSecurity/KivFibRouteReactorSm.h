@@ -14,8 +14,10 @@
 
 #include <functional>
 #include <memory>
+#include <set>
 
 #include "Kiv/KivExport.h"
+#include "KivSegmentSecurity/KivSegmentHwWriter.h"
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
 #include "KivSegmentSecurity/KivSegmentRouteHelper.h"
 #include "Routing/FibRoute.h"
@@ -54,11 +56,11 @@ public:
    void handleV4AdjUpdate(const VrfAndPrefix& key);
    void handleV6AdjUpdate(const VrfAndIp6Prefix& key);
 
-   // Called when a segment prefix whose FIB route went away, in a VRF that
-   // routes its family, is saved again: the owner applies the resolver's
-   // current answer for it (the resolver reports only changes).
-   void segmentRouteSavedIs(std::function<void(const VrfAndIpGenPrefix&)> f) {
-      segmentRouteSaved_ = std::move(f);
+   // Called from the review task for a segment prefix whose own FIB route
+   // was withdrawn and whose hardware entry is gone: the owner puts it back
+   // (the drop route, or the resolver's answer where the VRF routes).
+   void segmentRouteWithdrawnIs(std::function<void(const VrfAndIpGenPrefix&)> f) {
+      segmentRouteWithdrawn_ = std::move(f);
    }
 
    // Turns all notifications of the reactor on or off.
@@ -71,6 +73,8 @@ private:
    class ReviewListNotifiee;
 
    const RouteInfo* fibRouteInfo(const VrfAndIpGenPrefix& vrfPrefix) const;
+   // One key of the review list.
+   void reviewFibRoute(const VrfAndIpGenPrefix& key);
 
    Zop::Ptr<Ruv::TaskScheduler> scheduler_;
    Zop::Ptr<L3Status> l3Status_;
@@ -88,7 +92,11 @@ private:
    std::unique_ptr<FibRoute6Notifiee> fibRoute6Notifiee_;
    std::unique_ptr<L3StatusNotifiee> l3StatusNotifiee_;
    std::unique_ptr<ReviewListNotifiee> reviewListNotifiee_;
-   std::function<void(const VrfAndIpGenPrefix&)> segmentRouteSaved_;
+   std::function<void(const VrfAndIpGenPrefix&)> segmentRouteWithdrawn_;
+   KivSegmentHwWriter hwWriter_;
+   // Segment prefixes whose own FIB route was withdrawn, queued to go back
+   // into hardware.
+   std::set<VrfAndIpGenPrefix> withdrawnSegmentRoutes_;
 };
 
 KIV_EXPORT Zop::Ptr<FibRouteReactorSm> fibRouteReactorSmFactory(

@@ -53,7 +53,7 @@ void KivSegmentPrefixProcessorSm::handleResolvedPrefix(const VrfAndIpGenPrefix& 
       NextHopEntryList copy = *entries;  // programming may change the status
       handleResolvedPrefixCommon(vrfPrefix, copy);
    } else {
-      handleResolvedEntryWithdrawn(vrfPrefix);
+      handleResolvedEntryWithdrawn("handleResolvedPrefix", vrfPrefix);
    }
 }
 
@@ -65,11 +65,12 @@ void KivSegmentPrefixProcessorSm::handleResolvedIp6Prefix(const VrfAndIpGenPrefi
       NextHopEntryList copy = *entries;
       handleResolvedPrefixCommon(vrfPrefix, copy);
    } else {
-      handleResolvedEntryWithdrawn(vrfPrefix);
+      handleResolvedEntryWithdrawn("handleResolvedIp6Prefix", vrfPrefix);
    }
 }
 
-void KivSegmentPrefixProcessorSm::handleResolvedEntryWithdrawn(const VrfAndIpGenPrefix& vrfPrefix) {
+void KivSegmentPrefixProcessorSm::handleResolvedEntryWithdrawn(const char* fn,
+                                                               const VrfAndIpGenPrefix& vrfPrefix) {
    // A watch the processor dropped takes its answer with it after the record
    // went; only a prefix still recorded, in hardware by an answer, is ours.
    const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
@@ -84,10 +85,10 @@ void KivSegmentPrefixProcessorSm::handleResolvedEntryWithdrawn(const VrfAndIpGen
    // The route was programmed from an answer that no longer stands: the
    // prefix waits for the next one, as it did before the first.
    const KivSegmentRouteInfo routeInfo = *recorded;
-   TRACE5_FN("handleResolvedEntryWithdrawn",
+   TRACE5_FN(fn,
              " RouteResolver withdrew its answer. Removing " << vrfPrefix.prefix() << " from Hw");
-   if (!programRoute(vrfPrefix, routeInfo.routeInfo(), RouteInfo())) {
-      TRACE5_FN("handleResolvedEntryWithdrawn", " Failed to remove prefix from Hw");
+   if (!hwWriter_.programRoute(vrfPrefix, routeInfo.routeInfo(), RouteInfo())) {
+      TRACE5_FN(fn, " Failed to remove prefix from Hw");
       return;
    }
    segmentRoutesList_->routeInfoIs(KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), RouteInfo()));
@@ -95,6 +96,7 @@ void KivSegmentPrefixProcessorSm::handleResolvedEntryWithdrawn(const VrfAndIpGen
 
 void KivSegmentPrefixProcessorSm::handleResolvedPrefixCommon(const VrfAndIpGenPrefix& vrfPrefix,
                                                              const NextHopEntryList& entryList) {
+   constexpr char fn[] = "handleResolvedPrefixCommon";
    // Reports for anything but a segment prefix are not ours.
    const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
    if (!recorded) {
@@ -111,20 +113,13 @@ void KivSegmentPrefixProcessorSm::handleResolvedPrefixCommon(const VrfAndIpGenPr
        l3Status_->vrfTableStatus()->fibTableId(l3Status_->vrfName(vrfPrefix.vrfId()));
    bool noNextHop = entryList.empty() || !entryList.front().resolved || !fibTableId;
    if (noNextHop) {
-      TRACE5_FN("handleResolvedPrefixCommon", " RouteResolver could not find NH. "
-                                                  << "Adding Drop NH to prefix again ");
+      TRACE5_FN(fn, " RouteResolver could not find NH. "
+                        << "Adding Drop NH to prefix again ");
       KivSegmentRouteInfo routeInfo = *recorded;
       if (isFibRoute(vrfPrefix, l3Status_)) {
          // Never a drop route over a FIB route: it only carries the id.
-         Zop::Ptr<AdjEntry> adj = getAdjacencyInfo(vrfPrefix, l3Status_);
-         KivSegmentRouteInfo fibRoute(vrfPrefix, routeInfo.hwId(), adj->routeInfo());
-         TRACE5_FN("handleResolvedPrefixCommon",
-                   " " << vrfPrefix.prefix() << " is also a fib route. ");
-         if (!segmentRouteHelper_->updateHardwareId(fibRoute)) {
-            TRACE5_FN("handleResolvedPrefixCommon",
-                      " updateHardwareId failed for " << vrfPrefix.prefix());
-         }
-         segmentRoutesList_->routeInfoIs(fibRoute);
+         TRACE5_FN(fn, " " << vrfPrefix.prefix() << " is also a fib route. ");
+         hwWriter_.fibRouteHwIdIs({fn, kSource}, vrfPrefix, routeInfo.hwId(), true);
          return;
       }
       addPrefixToHwWithDropNh(KivSegmentHwInfo(vrfPrefix, segmentRouteAdd, routeInfo.hwId()),
@@ -134,17 +129,16 @@ void KivSegmentPrefixProcessorSm::handleResolvedPrefixCommon(const VrfAndIpGenPr
    const Routing::NextHopEntry& nextHop = entryList.front();
    Quarn::Fib::GlobalFecId fecId(Quarn::Fib::GlobalFecId::kForward, *fibTableId, nextHop.fecIndex);
    fecId.doInit();
-   TRACE5_FN("handleResolvedPrefixCommon", " New fecId: " << fecId);
+   TRACE5_FN(fn, " New fecId: " << fecId);
    Zop::Ptr<AdjEntry> adjInfo = l3Status_->adjacency(fecId);
-   ZOP_ASSERT_FN(adjInfo, "adjInfo && \"Adjacency Info is NULL\"", kSource,
-                 "handleResolvedPrefixCommon");
-   TRACE5_FN("handleResolvedPrefixCommon",
-             " NH update for segment prefix. AdjIndex: " << adjInfo->l2Adj().index());
+   ZOP_ASSERT_FN(adjInfo, "adjInfo && \"Adjacency Info is NULL\"", kSource, fn);
+   TRACE5_FN(fn, " NH update for segment prefix. AdjIndex: " << adjInfo->l2Adj().index());
    processResolvedEntry(vrfPrefix, nextHop.routeType, fecId.value());
 }
 
 void KivSegmentPrefixProcessorSm::processResolvedEntry(const VrfAndIpGenPrefix& vrfPrefix,
                                                        RouteType routeType, uint64_t fecId) {
+   constexpr char fn[] = "processResolvedEntry";
    const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
    if (!recorded) {
       return;
@@ -155,39 +149,30 @@ void KivSegmentPrefixProcessorSm::processResolvedEntry(const VrfAndIpGenPrefix& 
    segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), vrfPrefix.prefix().af())
        ->routeIs(vrfPrefix.prefix(), true);
    Zop::Ptr<AdjEntry> adjInfo = l3Status_->adjacency(Quarn::Fib::GlobalFecId::fromValue(fecId));
-   ZOP_ASSERT_FN(adjInfo, "adjInfo && \"Adjacency Info is NULL\"", kSource, "processResolvedEntry");
+   ZOP_ASSERT_FN(adjInfo, "adjInfo && \"Adjacency Info is NULL\"", kSource, fn);
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
-   TRACE5_FN("processResolvedEntry", " Received NH update for segment prefix."
-                                         << " Existing VrfId: " << vrfPrefix.vrfId()
-                                         << " Prefix: " << prefix << " RouteType: " << routeType
-                                         << " AdjIndex: " << adjInfo->l2Adj().index());
+   TRACE5_FN(fn, " Received NH update for segment prefix."
+                     << " Existing VrfId: " << vrfPrefix.vrfId() << " Prefix: " << prefix
+                     << " RouteType: " << routeType << " AdjIndex: " << adjInfo->l2Adj().index());
 
-   RouteInfo newRouteInfo;
    if (isFibRoute(vrfPrefix, l3Status_)) {
       // The FIB route keeps its own forwarding and takes the id.
-      TRACE5_FN("processResolvedEntry", " Resolved prefix is also a Fib route"
-                                            << ". Updating hwId");
-      newRouteInfo = getAdjacencyInfo(vrfPrefix, l3Status_)->routeInfo();
-      if (!segmentRouteHelper_->updateHardwareId(
-              KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), newRouteInfo))) {
-         TRACE5_FN("processResolvedEntry", " updateHardwareId failed for " << prefix);
-      }
+      TRACE5_FN(fn, " Resolved prefix is also a Fib route"
+                        << ". Updating hwId");
+      hwWriter_.fibRouteHwIdIs({fn, kSource}, vrfPrefix, routeInfo.hwId(), true);
    } else {
-      TRACE5_FN("processResolvedEntry", " Resolved prefix is not in FIB."
-                                            << " Insert it now");
-      newRouteInfo = RouteInfo(routeType, adjInfo->l2Adj().index());
-      if (!programRoute(vrfPrefix, routeInfo.routeInfo(), newRouteInfo)) {
-         TRACE5_FN("processResolvedEntry", " Failed to add prefix in Hw");
+      TRACE5_FN(fn, " Resolved prefix is not in FIB."
+                        << " Insert it now");
+      const RouteInfo newRouteInfo(routeType, adjInfo->l2Adj().index());
+      if (!hwWriter_.programRoute(vrfPrefix, routeInfo.routeInfo(), newRouteInfo)) {
+         TRACE5_FN(fn, " Failed to add prefix in Hw");
          return;
       }
-      TRACE5_FN("processResolvedEntry", " Prefix added successfully ");
+      TRACE5_FN(fn, " Prefix added successfully ");
       // A route programmed anew carries no id yet.
-      if (!segmentRouteHelper_->updateHardwareId(
-              KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), newRouteInfo))) {
-         TRACE5_FN("processResolvedEntry", " updateHardwareId failed for " << prefix);
-      }
+      hwWriter_.installedIs({fn, kSource},
+                            KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), newRouteInfo));
    }
-   segmentRoutesList_->routeInfoIs(KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), newRouteInfo));
    if (prefix.isHost()) {
       return;
    }

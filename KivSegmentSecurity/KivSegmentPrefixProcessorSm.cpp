@@ -15,9 +15,10 @@ namespace Kiv {
 namespace {
 constexpr char kSource[] = "KivSegmentSecurity/KivSegmentPrefixProcessorSm";
 constexpr int kSegmentSubnetTaskPriority = 2;
-// Reviews of a segment-only prefix whose removal the hardware refused, the
-// first one included, before the processor gives up on it.
-constexpr uint32_t kRemovalAttempts = 3;
+// A refused removal is tried again after 0.1 s, then after twice as long
+// each time, but never more than 6.4 s apart.
+constexpr Zop::Time kRemovalRetryDelay = 100 * Zop::kMillisecond;
+constexpr Zop::Time kRemovalRetryDelayMax = 6400 * Zop::kMillisecond;
 }  // namespace
 
 // ---- Observers ----
@@ -126,7 +127,8 @@ KivSegmentPrefixProcessorSm::KivSegmentPrefixProcessorSm(
       segmentReviewList_(segmentReviewList),
       prefixCount_(prefixCount),
       segmentRoutesList_(segmentRoutesList),
-      status_(status) {
+      status_(status),
+      hwWriter_(l3Status, segmentRoutesList, segmentRouteHelper, routeHelper, route6Helper) {
    routeStatusNotifiee_ = std::make_unique<RouteStatusNotifiee>(*this);
    routeStatusNotifiee_->notifierIs(routeStatus_);
    route6StatusNotifiee_ = std::make_unique<Route6StatusNotifiee>(*this);
@@ -138,6 +140,10 @@ KivSegmentPrefixProcessorSm::KivSegmentPrefixProcessorSm(
    for (const auto& [name, vrfStatus] : l3Status_->vrfStatus()) {
       vrfStatusChanged(name);
    }
+   removalRetryTask_ = Ruv::makeTask(
+       scheduler_, "SegRemovalRetryTask", [this] { retryRefusedRemovals(); },
+       kSegmentSubnetTaskPriority);
+   removalRetryTask_->backgroundIs(true);
    handleInitialized();
    segmentSubnetTaskIs(scheduler_, kSegmentSubnetTaskPriority, "SegSubnetTask");
 }
@@ -146,6 +152,7 @@ KivSegmentPrefixProcessorSm::~KivSegmentPrefixProcessorSm() {
    fibRouteSmDel();
    segmentPrefixTrieDel();
    segmentSubnetTaskDel();
+   removalRetryTask_->cancel();
    reviewListNotifiee_->notificationActiveIs(false);
    routeStatusNotifiee_->notificationActiveIs(false);
    route6StatusNotifiee_->notificationActiveIs(false);
@@ -217,13 +224,8 @@ void KivSegmentPrefixProcessorSm::fibRouteSmIs(
                                           fibRouteReviewList, segmentRoutesList, segmentPrefixTrie,
                                           segmentRouteHelper, routeHelper, route6Helper, status);
    fibRouteSm_->routeUpdateTaskIs(scheduler, kSegmentSubnetTaskPriority, "SegSecRouteTask");
-   fibRouteSm_->segmentRouteSavedIs([this](const VrfAndIpGenPrefix& vrfPrefix) {
-      if (vrfPrefix.prefix().isIpv4()) {
-         handleResolvedPrefix(vrfPrefix);
-      } else {
-         handleResolvedIp6Prefix(vrfPrefix);
-      }
-   });
+   fibRouteSm_->segmentRouteWithdrawnIs(
+       [this](const VrfAndIpGenPrefix& vrfPrefix) { reinstallSegmentPrefix(vrfPrefix); });
    fibRouteSm_->notificationActiveIs(true);
    fibRouteSm_->handleInitialized();
 }
@@ -329,6 +331,9 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
          TRACE5_FN("doReviewConfiguredSegmentSubnets",
                    " Installed Route hwId: " << installedHwId << " prefCnt: " << prefCnt);
       }
+      if (!removalFailures_.empty() && !segmentRoutesList_->routeInfoHas(member)) {
+         removalFailures_.erase(member);  // gone: nothing left to retry
+      }
       if (oldHwId.isValid()) {
          maybeReleaseSegmentHwId(member, oldHwId);
       }
@@ -392,57 +397,36 @@ Zop::Ptr<L3::VrfStatus> KivSegmentPrefixProcessorSm::vrfL3Status(VrfId vrfId) co
    return l3Status_->vrfStatus(l3Status_->vrfName(vrfId));
 }
 
-RouteInfo KivSegmentPrefixProcessorSm::fibRouteInfo(const VrfAndIpGenPrefix& vrfPrefix) const {
-   Zop::Ptr<AdjEntry> adj = getAdjacencyInfo(vrfPrefix, l3Status_);
-   return adj ? adj->routeInfo() : RouteInfo();
-}
-
-bool KivSegmentPrefixProcessorSm::programRoute(const VrfAndIpGenPrefix& vrfPrefix,
-                                               const RouteInfo& oldRouteInfo,
-                                               const RouteInfo& newRouteInfo) {
-   const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
-   if (prefix.isIpv4()) {
-      return routeHelper_->programRoute(prefix.v4(), vrfPrefix.vrfId(), oldRouteInfo, newRouteInfo);
-   }
-   return route6Helper_->programRoute(prefix.v6(), vrfPrefix.vrfId(), oldRouteInfo, newRouteInfo);
-}
-
 void KivSegmentPrefixProcessorSm::addIpPrefix(const KivSegmentHwInfo& info) {
-   TRACE8_FN("addIpPrefix");
-   addPrefix(info);
+   addPrefix("addIpPrefix", info);
 }
 
 void KivSegmentPrefixProcessorSm::addIp6Prefix(const KivSegmentHwInfo& info) {
-   TRACE8_FN("addIp6Prefix");
-   addPrefix(info);
+   addPrefix("addIp6Prefix", info);
 }
 
-void KivSegmentPrefixProcessorSm::addPrefix(const KivSegmentHwInfo& info) {
+void KivSegmentPrefixProcessorSm::addPrefix(const char* fn, const KivSegmentHwInfo& info) {
+   TRACE8_FN(fn);
    const VrfAndIpGenPrefix& vrfPrefix = info.vrfPrefix();
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
    bool prefixInstalled = segmentRoutesList_->routeInfoHas(vrfPrefix);
-   ZOP_ASSERT_FN(!prefixInstalled, "Another add request for already installed prefix", kSource,
-                 "addPrefix");
+   ZOP_ASSERT_FN(!prefixInstalled, "Another add request for already installed prefix", kSource, fn);
    Zop::Ptr<L3::VrfStatus> vrfStatus = vrfL3Status(vrfPrefix.vrfId());
-   ZOP_ASSERT_FN(vrfStatus, "VRF L3 Status is NULL", kSource, "addPrefix");
+   ZOP_ASSERT_FN(vrfStatus, "VRF L3 Status is NULL", kSource, fn);
    segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), prefix.af())->routeIs(prefix, true);
 
    bool routingEnabled = vrfStatus->routingEnabled(prefix.af());
    bool recorded = true;
    if (isFibRoute(vrfPrefix, l3Status_)) {
       // The FIB route keeps its forwarding; it only takes the segment's id.
-      KivSegmentRouteInfo routeInfo(vrfPrefix, info.hwId(), fibRouteInfo(vrfPrefix));
-      TRACE5_FN("addPrefix", " " << prefix << " is also a fib route. ");
-      if (!segmentRouteHelper_->updateHardwareId(routeInfo)) {
-         TRACE5_FN("addPrefix", " updateHardwareId failed for " << prefix);
-      }
-      segmentRoutesList_->routeInfoIs(routeInfo);
+      TRACE5_FN(fn, " " << prefix << " is also a fib route. ");
+      hwWriter_.fibRouteHwIdIs({fn, kSource}, vrfPrefix, info.hwId(), true);
    } else if (!routingEnabled) {
-      TRACE5_FN("addPrefix", " Adding prefix in Hw. routingEnabled: " << routingEnabled);
+      TRACE5_FN(fn, " Adding prefix in Hw. routingEnabled: " << routingEnabled);
       recorded = addPrefixToHwWithDropNh(info, RouteInfo());
    } else {
       segmentRoutesList_->routeInfoIs(KivSegmentRouteInfo(vrfPrefix, info.hwId(), RouteInfo()));
-      TRACE5_FN("addPrefix", " Saved prefix with invalid RouteType");
+      TRACE5_FN(fn, " Saved prefix with invalid RouteType");
    }
    // FIB routes beneath the new prefix take its id, whatever the VRF's
    // routing flag. A host prefix covers nothing.
@@ -464,53 +448,46 @@ void KivSegmentPrefixProcessorSm::addPrefix(const KivSegmentHwInfo& info) {
 
 bool KivSegmentPrefixProcessorSm::addPrefixToHwWithDropNh(const KivSegmentHwInfo& info,
                                                           const RouteInfo& oldRouteInfo) {
+   constexpr char fn[] = "addPrefixToHwWithDropNh";
    const VrfAndIpGenPrefix& vrfPrefix = info.vrfPrefix();
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
-   TRACE5_FN("addPrefixToHwWithDropNh",
-             " Old RouteInfo: routeType: " << oldRouteInfo.routeType()
-                                           << " adjIndex: " << oldRouteInfo.adjIndex());
+   TRACE5_FN(fn, " Old RouteInfo: routeType: " << oldRouteInfo.routeType()
+                                               << " adjIndex: " << oldRouteInfo.adjIndex());
    Zop::Ptr<Routing::TrieGen> trie =
        segmentPrefixTrie_->getPrefixTrie(vrfPrefix.vrfId(), prefix.af());
    trie->routeIs(prefix, true);
    Zop::Ptr<AdjEntry> adjInfo = getDropAdjacencyInfo(vrfPrefix.vrfId(), prefix.af(), l3Status_);
    if (prefix.isIpv4()) {
-      ZOP_ASSERT_FN(adjInfo, "Adjacency info for v4Drop not found", kSource,
-                    "addPrefixToHwWithDropNh");
+      ZOP_ASSERT_FN(adjInfo, "Adjacency info for v4Drop not found", kSource, fn);
    } else {
-      ZOP_ASSERT_FN(adjInfo, "Adjacency info for v6Drop not found", kSource,
-                    "addPrefixToHwWithDropNh");
+      ZOP_ASSERT_FN(adjInfo, "Adjacency info for v6Drop not found", kSource, fn);
    }
    RouteInfo dropRouteInfo(adjInfo->routeType(), adjInfo->l2Adj().index());
-   if (!programRoute(vrfPrefix, oldRouteInfo, dropRouteInfo)) {
-      TRACE5_FN("addPrefixToHwWithDropNh", " " << prefix << " could not be programmed in Hw");
+   if (!hwWriter_.programRoute(vrfPrefix, oldRouteInfo, dropRouteInfo)) {
+      TRACE5_FN(fn, " " << prefix << " could not be programmed in Hw");
       // The trie holds exactly the recorded prefixes: a saved prefix stays.
       if (!segmentRoutesList_->routeInfoHas(vrfPrefix)) {
          trie->routeDel(prefix);
       }
       return false;
    }
-   TRACE5_FN("addPrefixToHwWithDropNh", " " << prefix << " programmed successfully");
-   KivSegmentRouteInfo routeInfo(vrfPrefix, info.hwId(), dropRouteInfo);
-   if (!segmentRouteHelper_->updateHardwareId(routeInfo)) {
-      TRACE5_FN("addPrefixToHwWithDropNh", " updateHardwareId failed for " << prefix);
-   }
-   segmentRoutesList_->routeInfoIs(routeInfo);
+   TRACE5_FN(fn, " " << prefix << " programmed successfully");
+   hwWriter_.installedIs({fn, kSource}, KivSegmentRouteInfo(vrfPrefix, info.hwId(), dropRouteInfo));
    return true;
 }
 
 // ---- Remove ----
 
 void KivSegmentPrefixProcessorSm::removeIpPrefix(const KivSegmentHwInfo& info) {
-   TRACE8_FN("removeIpPrefix");
-   removePrefix(info);
+   removePrefix("removeIpPrefix", info);
 }
 
 void KivSegmentPrefixProcessorSm::removeIp6Prefix(const KivSegmentHwInfo& info) {
-   TRACE8_FN("removeIp6Prefix");
-   removePrefix(info);
+   removePrefix("removeIp6Prefix", info);
 }
 
-void KivSegmentPrefixProcessorSm::removePrefix(const KivSegmentHwInfo& info) {
+void KivSegmentPrefixProcessorSm::removePrefix(const char* fn, const KivSegmentHwInfo& info) {
+   TRACE8_FN(fn);
    if (!validatePrefixAction(info)) {
       return;
    }
@@ -524,7 +501,7 @@ void KivSegmentPrefixProcessorSm::removePrefix(const KivSegmentHwInfo& info) {
    }
    if (!vrfL3Status(vrfPrefix.vrfId())) {
       // The VRF was deleted: its routes still have to go.
-      TRACE5_FN("removePrefix", " VRF L3 Status is NULL");
+      TRACE5_FN(fn, " VRF L3 Status is NULL");
    }
    if (!removePrefixCommon(info, saved)) {
       // The route is still in hardware, so it stays recorded: in the trie,
@@ -536,7 +513,7 @@ void KivSegmentPrefixProcessorSm::removePrefix(const KivSegmentHwInfo& info) {
       if (trie) {
          trie->routeIs(prefix, true);
       }
-      retryRemoval(vrfPrefix);
+      retryRemoval(fn, vrfPrefix);
       return;
    }
    removalFailures_.erase(vrfPrefix);
@@ -552,82 +529,95 @@ void KivSegmentPrefixProcessorSm::removePrefix(const KivSegmentHwInfo& info) {
    syncFibRouteHwId(vrfPrefix, info.hwId());
 }
 
-void KivSegmentPrefixProcessorSm::retryRemoval(const VrfAndIpGenPrefix& vrfPrefix) {
-   uint32_t failures = ++removalFailures_[vrfPrefix];
-   if (failures >= kRemovalAttempts) {
-      // Hardware that refuses the same removal again and again will not be
-      // argued with; the prefix stays recorded as it is, and a later review
-      // (a configuration change, a teardown) tries afresh.
-      TRACE5_FN("retryRemoval", " Giving up on segment-only prefix: " << vrfPrefix.prefix()
-                                                                      << " after " << failures
-                                                                      << " failed removals");
-      removalFailures_.erase(vrfPrefix);
-      return;
+void KivSegmentPrefixProcessorSm::retryRemoval(const char* fn, const VrfAndIpGenPrefix& vrfPrefix) {
+   RefusedRemoval& refused = removalFailures_[vrfPrefix];
+   ++refused.refusals;
+   // Never again in this run: hardware that refused a moment ago would most
+   // likely refuse again at once. A teardown waits for the route meanwhile.
+   Zop::Time delay = kRemovalRetryDelay;
+   for (uint32_t i = 1; i < refused.refusals && delay < kRemovalRetryDelayMax; ++i) {
+      delay *= 2;
    }
-   TRACE5_FN("retryRemoval",
-             " Segment-only prefix: " << vrfPrefix.prefix() << " queued again for removal, attempt "
-                                      << failures + 1 << " of " << kRemovalAttempts);
-   segmentReviewList_->vrfIpGenPrefixIs(vrfPrefix);
+   delay = std::min(delay, kRemovalRetryDelayMax);
+   refused.due = scheduler_->clock()->now() + delay;
+   TRACE5_FN(fn, " Segment-only prefix: " << vrfPrefix.prefix() << " removal refused "
+                                          << refused.refusals << " times, next attempt in "
+                                          << delay / Zop::kMillisecond << " ms");
+   scheduleRemovalRetry();
+}
+
+void KivSegmentPrefixProcessorSm::scheduleRemovalRetry() {
+   // The timer fires when the first refused removal is due, not earlier: a
+   // prefix refused again moves its own time later.
+   std::optional<Zop::Time> first;
+   for (const auto& [key, refused] : removalFailures_) {
+      if (refused.due && (!first || *refused.due < *first)) {
+         first = refused.due;
+      }
+   }
+   removalRetryTask_->cancel();
+   if (first) {
+      removalRetryTask_->scheduleTaskNoLaterThan(*first);
+   }
+}
+
+void KivSegmentPrefixProcessorSm::retryRefusedRemovals() {
+   const Zop::Time now = scheduler_->clock()->now();
+   std::vector<VrfAndIpGenPrefix> due;
+   for (auto& [key, refused] : removalFailures_) {
+      if (refused.due && *refused.due <= now) {
+         refused.due.reset();  // on the review list until reviewed
+         due.push_back(key);
+      }
+   }
+   scheduleRemovalRetry();
+   for (const auto& key : due) {
+      segmentReviewList_->vrfIpGenPrefixIs(key);
+   }
 }
 
 bool KivSegmentPrefixProcessorSm::removePrefixCommon(const KivSegmentHwInfo& info,
                                                      const KivSegmentRouteInfo& saved) {
+   constexpr char fn[] = "removePrefixCommon";
    const VrfAndIpGenPrefix& vrfPrefix = info.vrfPrefix();
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
    if (!isFibRoute(vrfPrefix, l3Status_)) {
       if (saved.routeInfo().routeType() != RouteType::routeTypeInvalid) {
-         if (!programRoute(vrfPrefix, saved.routeInfo(), RouteInfo())) {
-            TRACE5_FN("removePrefixCommon",
-                      " Segment-only prefix: " << prefix << " could not be removed from hw");
+         if (!hwWriter_.programRoute(vrfPrefix, saved.routeInfo(), RouteInfo())) {
+            TRACE5_FN(fn, " Segment-only prefix: " << prefix << " could not be removed from hw");
             return false;
          }
       }
-      TRACE5_FN("removePrefixCommon", " Segment-only prefix: " << prefix << " removed from hw ");
+      TRACE5_FN(fn, " Segment-only prefix: " << prefix << " removed from hw ");
       return true;
    }
-   Zop::Ptr<AdjEntry> adjInfo = getAdjacencyInfo(vrfPrefix, l3Status_);
-   ZOP_ASSERT_FN(adjInfo, "Adjacency Info not found", kSource, "removePrefixCommon");
-   TRACE5_FN("removePrefixCommon", " " << prefix << " is already in Fib. Clearing hwId");
+   TRACE5_FN(fn, " " << prefix << " is already in Fib. Clearing hwId");
    // The FIB route stays; it takes the id of the longest segment prefix still
-   // covering it (the removed one has left the trie), or 0.
-   SegmentHwId coveringHwId(0);
-   if (Zop::Ptr<VrfTrieGen> vrfTrie = segmentPrefixTrie_->vrfTrie(vrfPrefix.vrfId())) {
-      if (Zop::Ptr<Routing::TrieGen> trie = vrfTrie->prefixTrie(prefix.af())) {
-         if (auto match = trie->longestMatch(prefix)) {
-            if (const KivSegmentRouteInfo* covering = segmentRoutesList_->routeInfoFind(
-                    VrfAndIpGenPrefix(vrfPrefix.vrfId(), *match))) {
-               coveringHwId = covering->hwId();
-            }
-         }
-      }
-   }
-   RouteInfo refreshed(adjInfo->routeType(), adjInfo->l2Adj().index(), saved.routeInfo().flag());
-   if (!segmentRouteHelper_->updateHardwareId(
-           KivSegmentRouteInfo(vrfPrefix, coveringHwId, refreshed))) {
-      TRACE5_FN("removePrefixCommon", " updateHardwareId failed for " << prefix);
-   }
+   // covering it (the removed one has left the trie), or 0. Its route info is
+   // refreshed from its adjacency, which must be there.
+   hwWriter_.fibRouteHwIdIs({fn, kSource}, vrfPrefix,
+                            coveringHwId(fn, vrfPrefix, *segmentPrefixTrie_, *segmentRoutesList_),
+                            false);
    return true;
 }
 
 // ---- Re-id ----
 
 void KivSegmentPrefixProcessorSm::updateInstalledPrefixHwId(const VrfAndIpGenPrefix& vrfPrefix) {
+   constexpr char fn[] = "updateInstalledPrefixHwId";
    const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
-   ZOP_ASSERT_FN(recorded, "segmentRoutesList()->routeInfoHas( vrfPrefix )", kSource,
-                 "updateInstalledPrefixHwId");
+   ZOP_ASSERT_FN(recorded, "segmentRoutesList()->routeInfoHas( vrfPrefix )", kSource, fn);
    KivSegmentRouteInfo routeInfo = *recorded;
    L3::VrfName vrfName = l3Status_->vrfName(vrfPrefix.vrfId());
    Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(vrfName);
-   ZOP_ASSERT_FN(fwVrf, "fwConfig()->vrfHas( vrfName )", kSource, "updateInstalledPrefixHwId");
+   ZOP_ASSERT_FN(fwVrf, "fwConfig()->vrfHas( vrfName )", kSource, fn);
    const Zop::String* segmentName = fwVrf->prefixList(vrfPrefix.prefix());
    SegmentIdRequestKey segIdKey(vrfPrefix.vrfId(), segmentName ? *segmentName : Zop::String());
    const SegmentIdStatus* idStatus = segmentIdResponse_->status(segIdKey);
-   ZOP_ASSERT_FN(idStatus, "segmentIdStatus()->statusHas( segIdKey )", kSource,
-                 "updateInstalledPrefixHwId");
+   ZOP_ASSERT_FN(idStatus, "segmentIdStatus()->statusHas( segIdKey )", kSource, fn);
    SegmentHwId newHwId = idStatus->hwId;
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
-   TRACE5_FN("updateInstalledPrefixHwId",
-             " " << prefix << " oldHwId: " << routeInfo.hwId() << " newHwId: " << newHwId);
+   TRACE5_FN(fn, " " << prefix << " oldHwId: " << routeInfo.hwId() << " newHwId: " << newHwId);
    if (routeInfo.hwId() == newHwId) {
       return;
    }
@@ -635,15 +625,10 @@ void KivSegmentPrefixProcessorSm::updateInstalledPrefixHwId(const VrfAndIpGenPre
    segmentRoutesList_->routeInfoIs(routeInfo);
    // A FIB route takes the id with its own current forwarding; a saved prefix
    // that is not in hardware has nothing to write yet.
-   bool written = true;
    if (isFibRoute(vrfPrefix, l3Status_)) {
-      written = segmentRouteHelper_->updateHardwareId(
-          KivSegmentRouteInfo(vrfPrefix, newHwId, fibRouteInfo(vrfPrefix)));
+      hwWriter_.fibRouteHwIdIs({fn, kSource}, vrfPrefix, newHwId, false);
    } else if (routeInfo.routeInfo().routeType() != RouteType::routeTypeInvalid) {
-      written = segmentRouteHelper_->updateHardwareId(routeInfo);
-   }
-   if (!written) {
-      TRACE5_FN("updateInstalledPrefixHwId", " updateHardwareId failed for " << prefix);
+      hwWriter_.hwIdIs({fn, kSource}, routeInfo);
    }
    if (!prefix.isHost()) {
       syncFibRouteHwId(vrfPrefix, newHwId);
@@ -734,6 +719,54 @@ void KivSegmentPrefixProcessorSm::followRoutingFlag(const VrfAndIpGenPrefix& vrf
    } else {
       handleResolvedIp6Prefix(vrfPrefix);
    }
+}
+
+// ---- A segment prefix's FIB route withdrawn ----
+
+void KivSegmentPrefixProcessorSm::reinstallSegmentPrefix(const VrfAndIpGenPrefix& vrfPrefix) {
+   // Written for the FIB route reactor's handleFibRoute, whose decision this
+   // is; it runs from the reactor's task, once the routing layer has both
+   // reported the withdrawal and taken its entry out of hardware, whichever
+   // it did first.
+   constexpr char fn[] = "handleFibRoute";
+   const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
+   Zop::Ptr<L3::VrfStatus> vrfStatus = vrfL3Status(vrfPrefix.vrfId());
+   if (!recorded || !vrfStatus) {
+      return;  // its VRF went: it stays saved and leaves with the VRF
+   }
+   const KivSegmentRouteInfo routeInfo = *recorded;
+   const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
+   const bool answered =
+       prefix.isIpv4()
+           ? routeStatus_->resolvedEntry(VrfAndPrefix(vrfPrefix.vrfId(), prefix.v4())) != nullptr
+           : route6Status_->resolvedEntry(VrfAndIp6Prefix(vrfPrefix.vrfId(), prefix.v6())) !=
+                 nullptr;
+   if (vrfStatus->routingEnabled(prefix.af()) && answered) {
+      // The resolver's standing answer decides, as for a prefix just added:
+      // it is saved (nothing of it is in hardware) and the answer applied.
+      TRACE5_FN(fn, " Fib route is removed."
+                        << " Segment prefix follows the RouteResolver.");
+      segmentRoutesList_->routeInfoIs(
+          KivSegmentRouteInfo(vrfPrefix, routeInfo.hwId(), RouteInfo()));
+      if (prefix.isIpv4()) {
+         handleResolvedPrefix(vrfPrefix);
+      } else {
+         handleResolvedIp6Prefix(vrfPrefix);
+      }
+      return;
+   }
+   // Routing off, or no answer yet: the drop route with the segment's id
+   // keeps the id in force for the prefix's traffic.
+   TRACE5_FN(fn, " Fib route is removed."
+                     << " Segment prefix is to be inserted again.");
+   if (!addPrefixToHwWithDropNh(KivSegmentHwInfo(vrfPrefix, segmentRouteAdd, routeInfo.hwId()),
+                                RouteInfo())) {
+      TRACE5_FN(fn,
+                " Failed to install prefix back after " << prefix << " entry was removed from FIB");
+      return;
+   }
+   TRACE5_FN(
+       fn, " Successfully installed prefix back after " << prefix << " entry was removed from FIB");
 }
 
 // ---- Counting and release ----

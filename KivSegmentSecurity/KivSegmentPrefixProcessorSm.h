@@ -19,12 +19,14 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <utility>
 
 #include "Firewall/HwConfig.h"
 #include "Kiv/KivExport.h"
 #include "KivSegmentSecurity/KivFibRouteReactorSm.h"
+#include "KivSegmentSecurity/KivSegmentHwWriter.h"
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
 #include "KivSegmentSecurity/KivSegmentRouteHelper.h"
 #include "Routing/FibRoute.h"
@@ -116,7 +118,8 @@ public:
    // The resolver has no answer any more for a watched prefix: a route
    // programmed from its last answer leaves hardware, and the prefix is saved
    // until the next answer.
-   void handleResolvedEntryWithdrawn(const VrfAndIpGenPrefix& vrfPrefix);
+   // `fn`: the handler it traces for.
+   void handleResolvedEntryWithdrawn(const char* fn, const VrfAndIpGenPrefix& vrfPrefix);
    void processResolvedEntry(const VrfAndIpGenPrefix& vrfPrefix, RouteType routeType,
                              uint64_t fecId);
 
@@ -160,15 +163,22 @@ private:
    void queueRoutingChanges();
 
    Zop::Ptr<L3::VrfStatus> vrfL3Status(VrfId vrfId) const;
-   // The route info of the FIB route of `vrfPrefix`, from its adjacency.
-   RouteInfo fibRouteInfo(const VrfAndIpGenPrefix& vrfPrefix) const;
-   bool programRoute(const VrfAndIpGenPrefix& vrfPrefix, const RouteInfo& oldRouteInfo,
-                     const RouteInfo& newRouteInfo);
-   void addPrefix(const KivSegmentHwInfo& info);
-   void removePrefix(const KivSegmentHwInfo& info);
-   // A removal the hardware refused: the prefix is queued for review again,
-   // up to a bounded number of attempts.
-   void retryRemoval(const VrfAndIpGenPrefix& vrfPrefix);
+   // addIpPrefix/addIp6Prefix and removeIpPrefix/removeIp6Prefix, which
+   // differ only in their name.
+   void addPrefix(const char* fn, const KivSegmentHwInfo& info);
+   void removePrefix(const char* fn, const KivSegmentHwInfo& info);
+   // A removal the hardware refused: the prefix is reviewed again on a later
+   // run of the review task, after a delay that doubles with each refusal up
+   // to a bound, for as long as its review still removes it.
+   void retryRemoval(const char* fn, const VrfAndIpGenPrefix& vrfPrefix);
+   // The retry timer: puts the refused removals whose time has come back on
+   // the review list.
+   void retryRefusedRemovals();
+   void scheduleRemovalRetry();
+   // A segment prefix's own FIB route was withdrawn and the hardware holds
+   // nothing for it: it goes back in with the drop next hop, or, where the
+   // VRF routes its family and the resolver has an answer, on that answer.
+   void reinstallSegmentPrefix(const VrfAndIpGenPrefix& vrfPrefix);
 
    Zop::Ptr<Ruv::TaskScheduler> scheduler_;
    Zop::Ptr<RouteReactorConfig> routeConfig_;
@@ -193,8 +203,17 @@ private:
    Zop::Ptr<VrfPrefixCollection> fibRouteReivewList_;
    Zop::Ptr<FibRouteReactorSm> fibRouteSm_;
    Zop::Ptr<Ruv::Task> segmentSubnetTask_;
-   // Refused removals of each prefix still being retried.
-   std::map<VrfAndIpGenPrefix, uint32_t> removalFailures_;
+   KivSegmentHwWriter hwWriter_;
+   struct RefusedRemoval {
+      uint32_t refusals = 0;
+      // When it goes back on the review list; unset once it is there.
+      std::optional<Zop::Time> due;
+   };
+   // Removals the hardware refused, still being retried.
+   std::map<VrfAndIpGenPrefix, RefusedRemoval> removalFailures_;
+   // A background task: a removal the hardware keeps refusing does not keep
+   // the scheduler busy.
+   Zop::Ptr<Ruv::Task> removalRetryTask_;
    // VRFs and families whose routing flag changed, not yet queued.
    std::set<std::pair<L3::VrfName, Pexo::AddressFamily>> routingChanges_;
    // Prefixes queued for review because their VRF's routing flag changed.

@@ -164,6 +164,11 @@ public:
    // published state; check() compares this with the real one.
    struct Expected {
       std::map<HardwareRouteTable::Key, HardwareRouteTable::Entry> entries;
+      // Entries hardware may hold where `entries` has none: a segment prefix
+      // in a VRF that routes its family, the resolver not having answered
+      // for it, is either not in hardware yet or, once its own FIB route was
+      // withdrawn, on the drop route with its id.
+      std::map<HardwareRouteTable::Key, HardwareRouteTable::Entry> allowed;
       std::vector<std::pair<HardwareRouteTable::Key, Zop::String>> problems;
    };
    Expected expected() const;

@@ -110,7 +110,12 @@ void Switch::cliServiceSettingsIs(const Agent::AgentCommandServiceSettings& s) {
 }
 
 size_t Switch::settle() {
-   return scheduler_->settle();
+   // Work left only to background tasks (a removal the hardware refused,
+   // waiting for its next attempt) gets one round: a settle after the
+   // hardware takes writes again sees it through, one while the hardware
+   // still refuses ends with it pending again.
+   size_t slices = scheduler_->settle();
+   return slices + scheduler_->runBackgroundRound();
 }
 
 Oracle Switch::oracle() const {

@@ -71,7 +71,9 @@ public:
    Switch(const Switch&) = delete;
    Switch& operator=(const Switch&) = delete;
 
-   // Runs the scheduler until nothing is scheduled; returns the slices run.
+   // Runs the scheduler until nothing but background tasks is scheduled,
+   // then gives those one round (see Ruv::TaskScheduler::runBackgroundRound);
+   // returns the slices run.
    size_t settle();
    // The oracle's differences; empty when the hardware is as it must be.
    std::vector<Zop::String> check() const;

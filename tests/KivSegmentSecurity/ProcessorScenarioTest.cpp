@@ -334,20 +334,24 @@ size_t countLines(const Trace::Duolog& log, const std::string& text) {
    return n;
 }
 
-// A segment route whose removal the hardware refuses once is removed by the
-// next review; nothing is left behind, and the FIB route beneath follows.
-TEST(ProcessorScenario, RefusedRemovalIsRetriedAndSucceeds) {
+// A removal the hardware refuses is not tried again in the same run: it is
+// retried on a later one (100 ms later, then doubling), and the prefix keeps
+// its record, its count and its id until the hardware takes the write, so
+// the id cannot reach another segment while hardware still carries it.
+TEST(ProcessorScenario, RefusedRemovalIsRetriedOnALaterRunKeepingItsId) {
    Trace::Duolog log(Trace::kDecisions, 100000);
    Trace::ScopedDuolog guard(log);
    Scenario s(Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(1));
    s.vrf("red", 1);
    s.segment("red", "web");
+   s.segment("red", "db");
    s.fib("red", "10.20.1.0/24", 61);
    s.prefix("red", "10.20.0.0/16", "web");
    s.settleAndCheck();
    SegmentHwId web = s.idOf("red", "web");
    ASSERT_EQ(s.hwId("red", "10.20.1.0/24"), web);
 
+   // Refused once: the settle's own run is refused, the retry round removes.
    s.sw.hardware().faultIs({VrfId(1), pfx("10.20.0.0/16")}, sim::HardwareRouteTable::Fault::once);
    s.unprefix("red", "10.20.0.0/16");
    s.settleAndCheck();
@@ -362,56 +366,46 @@ TEST(ProcessorScenario, RefusedRemovalIsRetriedAndSucceeds) {
                         "removed from hw"),
              1u);
    EXPECT_EQ(countLines(log,
-                        "retryRemoval Segment-only prefix: 10.20.0.0/16 queued again for "
-                        "removal, attempt 2 of 3"),
+                        "removeIpPrefix Segment-only prefix: 10.20.0.0/16 removal refused 1 "
+                        "times, next attempt in 100 ms"),
              1u);
    EXPECT_EQ(countLines(log,
                         "removePrefixCommon Segment-only prefix: 10.20.0.0/16 removed from "
                         "hw "),
              1u);
-}
 
-// A removal the hardware always refuses is tried three times, then given up:
-// the route, its record, its count and its id all stay, so the id cannot go
-// to another segment while hardware still carries it. Once the hardware
-// takes writes again, the next review removes it and releases the id.
-TEST(ProcessorScenario, RefusedRemovalIsGivenUpAfterThreeAttemptsKeepingItsId) {
-   Trace::Duolog log(Trace::kDecisions, 100000);
-   Trace::ScopedDuolog guard(log);
-   Scenario s(Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(1));
-   s.vrf("red", 1, false, true);
-   s.segment("red", "web");
-   s.segment("red", "db");
-   s.fib("red", "2001:db8:20:1::/64", 62);
+   // Always refused: one attempt per retry round, each further apart, and
+   // meanwhile everything stays as it was, other work included.
    s.prefix("red", "2001:db8:20::/48", "web");
-   s.prefix("red", "2001:db8:21::/48", "db");
+   s.fib("red", "2001:db8:20:1::/64", 62);
    s.settleAndCheck();
-   SegmentHwId web = s.idOf("red", "web");
+   web = s.idOf("red", "web");
    const VrfAndIpGenPrefix key(VrfId(1), pfx("2001:db8:20::/48"));
-   const auto* before = s.sw.segmentRoutesList()->routeInfoFind(key);
-   ASSERT_TRUE(before);
-   const Kiv::KivSegmentRouteInfo recorded = *before;
+   const Kiv::KivSegmentRouteInfo recorded = *s.sw.segmentRoutesList()->routeInfoFind(key);
    const sim::HardwareRouteTable::Entry installed = *s.entry("red", "2001:db8:20::/48");
-
-   // The segment goes: its last prefix would take the id with it.
    s.sw.hardware().faultIs({VrfId(1), key.prefix()}, sim::HardwareRouteTable::Fault::always);
    ASSERT_TRUE(s.sw.segmentDelete("red", "web").ok());
    ASSERT_TRUE(s.sw.review("red", key.prefix()).ok());
-   s.prefix("red", "2001:db8:22::/48", "db");  // other work goes on meanwhile
-   s.sw.settle();
-   EXPECT_EQ(s.sw.hardware().counters().refusals, 3u);
+   s.prefix("red", "2001:db8:22::/48", "db");
+   for (int i = 0; i < 4; ++i) {
+      s.sw.settle();
+   }
+   EXPECT_EQ(s.sw.hardware().counters().refusals, 1u + 5u);
    EXPECT_EQ(countLines(log,
                         "removePrefixCommon Segment-only prefix: 2001:db8:20::/48 could not "
                         "be removed from hw"),
-             3u);
-   EXPECT_EQ(countLines(log,
-                        "retryRemoval Giving up on segment-only prefix: 2001:db8:20::/48 "
-                        "after 3 failed removals"),
-             1u);
-   EXPECT_EQ(s.sw.segmentReviewList()->vrfIpGenPrefixCount(), 0u);
-   ASSERT_TRUE(s.entry("red", "2001:db8:20::/48"));
+             5u);
+   const std::pair<int, int> waits[] = {{1, 100}, {2, 200}, {3, 400}, {4, 800}, {5, 1600}};
+   for (const auto& [refusals, ms] : waits) {
+      EXPECT_EQ(countLines(log,
+                           "removeIp6Prefix Segment-only prefix: 2001:db8:20::/48 removal "
+                           "refused " +
+                               std::to_string(refusals) + " times, next attempt in " +
+                               std::to_string(ms) + " ms"),
+                1u)
+          << refusals;
+   }
    EXPECT_EQ(*s.entry("red", "2001:db8:20::/48"), installed);
-   ASSERT_TRUE(s.sw.segmentRoutesList()->routeInfoHas(key));
    EXPECT_EQ(*s.sw.segmentRoutesList()->routeInfoFind(key), recorded);
    EXPECT_EQ(s.count(web), 1);
    EXPECT_TRUE(s.sw.segmentIdRequest()->requestHas(SegmentIdRequestKey(VrfId(1), "web")));
@@ -424,9 +418,9 @@ TEST(ProcessorScenario, RefusedRemovalIsGivenUpAfterThreeAttemptsKeepingItsId) {
                                "red 2001:db8:20:1::/64: expected routeTypeForward adj 62 id 0 "
                                "(FIB route), found routeTypeForward adj 62 id 1 (FIB route)"}));
 
-   // Reviewed again once the hardware takes writes: a fresh set of attempts.
+   // Once the hardware takes writes, the next retry round removes it and
+   // releases the id; no review is needed from outside.
    s.sw.hardware().faultIs({VrfId(1), key.prefix()}, sim::HardwareRouteTable::Fault::none);
-   ASSERT_TRUE(s.sw.review("red", key.prefix()).ok());
    s.settleAndCheck();
    EXPECT_FALSE(s.entry("red", "2001:db8:20::/48"));
    EXPECT_FALSE(s.sw.segmentIdRequest()->requestHas(SegmentIdRequestKey(VrfId(1), "web")));
