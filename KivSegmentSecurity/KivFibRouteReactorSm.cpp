@@ -14,6 +14,10 @@ namespace {
 constexpr char kSource[] = "KivSegmentSecurity/KivFibRouteReactorSm";
 // A burst of queued routes is handled by one task run.
 constexpr double kRouteUpdateDelay = 0.025;
+// How long a withdrawn segment prefix first waits for the routing layer to
+// take its entry out of hardware, and the longest wait once it doubles.
+constexpr Zop::Time kEntryWaitDelay = 10 * Zop::kMillisecond;
+constexpr Zop::Time kEntryWaitDelayMax = 1000 * Zop::kMillisecond;
 
 }  // namespace
 
@@ -93,6 +97,11 @@ FibRouteReactorSm::FibRouteReactorSm(const Zop::Ptr<Ruv::TaskScheduler>& schedul
    l3StatusNotifiee_->notifierIs(l3Status_);
    reviewListNotifiee_ = std::make_unique<ReviewListNotifiee>(*this);
    reviewListNotifiee_->notifierIs(fibRouteReviewList_);
+   // A background task: a routing layer that is slow to take its entry out
+   // must not keep the switch from settling, and nothing else waits on it.
+   entryWaitTask_ = Ruv::makeTask(scheduler_, "SegSecFibEntryWaitTask",
+                                  [this] { requeueAwaitingEntryRemoval(); });
+   entryWaitTask_->backgroundIs(true);
    // Off until the owner has wired the reactor.
    notificationActiveIs(false);
 }
@@ -102,6 +111,7 @@ FibRouteReactorSm::~FibRouteReactorSm() {
    if (routeUpdateTask_) {
       routeUpdateTask_->cancel();
    }
+   entryWaitTask_->cancel();
 }
 
 void FibRouteReactorSm::notificationActiveIs(bool active) {
@@ -221,12 +231,24 @@ void FibRouteReactorSm::reviewFibRoute(const VrfAndIpGenPrefix& key) {
       // hardware, unless it was removed meanwhile, or something holds its
       // entry already.
       const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(key);
-      if (withdrawn && recorded &&
-          recorded->routeInfo().routeType() == RouteType::routeTypeInvalid &&
-          !segmentRouteHelper_->getHardwareId(key).isValid() && segmentRouteWithdrawn_) {
-         segmentRouteWithdrawn_(key);
+      if (!withdrawn || !recorded ||
+          recorded->routeInfo().routeType() != RouteType::routeTypeInvalid ||
+          !segmentRouteWithdrawn_) {
+         return;  // any other key whose FIB route left: nothing to write
       }
-      return;  // any other key whose FIB route left: nothing to write
+      if (segmentRouteHelper_->getHardwareId(key).isValid()) {
+         // The routing layer reported the withdrawal before taking its entry
+         // out of hardware. Writing the drop route over its entry would
+         // rewrite a FIB route's forwarding, and its removal would then take
+         // the segment prefix with it: wait until the entry is gone.
+         awaitEntryRemoval(fn, key);
+         return;
+      }
+      if (awaitingEntryRemoval_.empty()) {
+         entryWaitDelay_ = 0;  // the routing layer keeps up: wait briefly again
+      }
+      segmentRouteWithdrawn_(key);
+      return;
    }
    // Only a VRF that has segment tries has ids to hand out; nothing is
    // created here.
@@ -237,6 +259,26 @@ void FibRouteReactorSm::reviewFibRoute(const VrfAndIpGenPrefix& key) {
    const SegmentHwId hwId = coveringHwId(fn, key, *segmentPrefixTrie_, *segmentRoutesList_);
    TRACE5_FN(fn, " Updating Vrf: " << key.vrfId() << " " << prefix << " with HwId: " << hwId);
    hwWriter_.hwIdIs({fn, kSource}, KivSegmentRouteInfo(key, hwId, *fibRoute));
+}
+
+void FibRouteReactorSm::awaitEntryRemoval(const char* fn, const VrfAndIpGenPrefix& key) {
+   awaitingEntryRemoval_.insert(key);
+   if (!entryWaitTask_->isScheduled()) {
+      entryWaitDelay_ = entryWaitDelay_ == 0 ? kEntryWaitDelay
+                                             : std::min(2 * entryWaitDelay_, kEntryWaitDelayMax);
+      entryWaitTask_->scheduleTaskNoLaterThan(scheduler_->clock()->now() + entryWaitDelay_);
+   }
+   TRACE5_FN(fn, " " << key.prefix() << " Fib route is removed, its hw entry is still there. "
+                     << "Checking again in " << entryWaitDelay_ / Zop::kMillisecond << " ms");
+}
+
+void FibRouteReactorSm::requeueAwaitingEntryRemoval() {
+   std::set<VrfAndIpGenPrefix> keys;
+   keys.swap(awaitingEntryRemoval_);
+   for (const auto& key : keys) {
+      withdrawnSegmentRoutes_.insert(key);
+      fibRouteReviewList_->vrfIpGenPrefixIs(key);
+   }
 }
 
 Zop::Ptr<FibRouteReactorSm> fibRouteReactorSmFactory(

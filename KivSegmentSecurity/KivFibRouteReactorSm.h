@@ -75,6 +75,11 @@ private:
    const RouteInfo* fibRouteInfo(const VrfAndIpGenPrefix& vrfPrefix) const;
    // One key of the review list.
    void reviewFibRoute(const VrfAndIpGenPrefix& key);
+   // A withdrawn segment prefix whose hardware entry the routing layer still
+   // holds is reviewed again on a later run (10 ms, doubling while it keeps
+   // waiting, at most 1 s).
+   void awaitEntryRemoval(const char* fn, const VrfAndIpGenPrefix& key);
+   void requeueAwaitingEntryRemoval();
 
    Zop::Ptr<Ruv::TaskScheduler> scheduler_;
    Zop::Ptr<L3Status> l3Status_;
@@ -97,6 +102,10 @@ private:
    // Segment prefixes whose own FIB route was withdrawn, queued to go back
    // into hardware.
    std::set<VrfAndIpGenPrefix> withdrawnSegmentRoutes_;
+   // Of those, the ones whose entry the routing layer had not yet removed.
+   std::set<VrfAndIpGenPrefix> awaitingEntryRemoval_;
+   Zop::Ptr<Ruv::Task> entryWaitTask_;
+   Zop::Time entryWaitDelay_ = 0;
 };
 
 KIV_EXPORT Zop::Ptr<FibRouteReactorSm> fibRouteReactorSmFactory(
