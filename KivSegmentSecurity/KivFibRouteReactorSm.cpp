@@ -184,7 +184,7 @@ void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
    }
    withdrawnSegmentRoutes_.insert(vrfPrefix);
    fibRouteReviewList_->vrfIpGenPrefixIs(vrfPrefix);
-   TRACE8_FN(fn, " " << prefix << " segment prefix added to review");
+   TRACE5_FN(fn, " " << prefix << " segment prefix added to review");
 }
 
 void FibRouteReactorSm::handleV4AdjUpdate(const VrfAndPrefix& key) {

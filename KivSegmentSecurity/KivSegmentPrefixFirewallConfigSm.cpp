@@ -200,7 +200,7 @@ Zop::Ptr<KivDestinationSegmentSm> KivSegmentSecurityVrfSm::dstSegmentSm(
    return it == dstSegmentSm_.end() ? nullptr : it->second;
 }
 
-bool KivSegmentSecurityVrfSm::validPrefix(const Pexo::IpGenPrefix& prefix) {
+bool KivSegmentSecurityVrfSm::validPrefix(const char* fn, const Pexo::IpGenPrefix& prefix) {
    if (validSegmentPrefix(prefix)) {
       return true;
    }
@@ -209,7 +209,7 @@ bool KivSegmentSecurityVrfSm::validPrefix(const Pexo::IpGenPrefix& prefix) {
       const KivSegmentSecuritySyslog& syslog = kivSegmentSecuritySyslog();
       syslog.registry->raise(syslog.invalidPrefix, Pexo::valueToStrep(prefix));
    }
-   TRACE5_FN("validPrefix", " Skipping invalid prefix: " << prefix);
+   TRACE5_FN(fn, " Skipping invalid prefix: " << prefix);
    return false;
 }
 
@@ -405,7 +405,7 @@ void KivSegmentSecurityVrfSm::processSegmentPrefix(const Zop::String& segment, b
    }
    std::sort(prefixes.begin(), prefixes.end());
    for (const auto& prefix : prefixes) {
-      if (validPrefix(prefix)) {
+      if (validPrefix("processSegmentPrefix", prefix)) {
          processPrefix(VrfAndIpGenPrefix(vrfId_, prefix));
       }
    }
@@ -437,7 +437,7 @@ void KivSegmentSecurityVrfSm::handleGlobalPrefix(const Pexo::IpGenPrefix& prefix
       processPrefix(key);
       return;
    }
-   if (!validPrefix(prefix)) {
+   if (!validPrefix("handleGlobalPrefix", prefix)) {
       return;
    }
    TRACE5_FN("handleGlobalPrefix",
@@ -612,10 +612,10 @@ public:
       }
    }
    void handleWaitForRoutingWrapper() override {
-      sm_.waitWrapperNotifiee_->notifierIs(notifier()->waitForRoutingWrapper());
+      sm_.zop_WaitForRoutingWrapperInIs(notifier()->waitForRoutingWrapper());
    }
    void handleUrpfRoutingDisableDoneWrapper() override {
-      sm_.urpfWrapperNotifiee_->notifierIs(notifier()->urpfRoutingDisableDoneWrapper());
+      sm_.zop_UrpfRoutingDisableDoneWrapperInIs(notifier()->urpfRoutingDisableDoneWrapper());
    }
    void handleWaitForRoutingDisabledInVrfs() override { sm_.retrySetup(); }
    void handleWaitForRouting6DisabledInVrfs() override { sm_.retrySetup(); }
@@ -714,8 +714,8 @@ KivSegmentSecurityRootSm::KivSegmentSecurityRootSm(
    urpfWrapperNotifiee_ = std::make_unique<UrpfWrapperNotifiee>(*this);
    l3Notifiee_ = std::make_unique<L3Notifiee>(*this);
    l3Notifiee_->notifierIs(l3Status_);
-   waitWrapperNotifiee_->notifierIs(l3Status_->waitForRoutingWrapper());
-   urpfWrapperNotifiee_->notifierIs(l3Status_->urpfRoutingDisableDoneWrapper());
+   zop_WaitForRoutingWrapperInIs(l3Status_->waitForRoutingWrapper());
+   zop_UrpfRoutingDisableDoneWrapperInIs(l3Status_->urpfRoutingDisableDoneWrapper());
    multicastNotifiee_ = std::make_unique<MulticastNotifiee>(*this);
    if (multicastHwStatus_) {
       multicastNotifiee_->notifierIs(multicastHwStatus_);
@@ -733,6 +733,16 @@ KivSegmentSecurityRootSm::KivSegmentSecurityRootSm(
 KivSegmentSecurityRootSm::~KivSegmentSecurityRootSm() {
    initialized_ = false;
    vrfSm_.clear();
+}
+
+void KivSegmentSecurityRootSm::zop_WaitForRoutingWrapperInIs(
+    const Zop::Ptr<L3::WaitForRoutingWrapper>& wrapper) {
+   waitWrapperNotifiee_->notifierIs(wrapper);
+}
+
+void KivSegmentSecurityRootSm::zop_UrpfRoutingDisableDoneWrapperInIs(
+    const Zop::Ptr<L3::UrpfRoutingDisableDoneWrapper>& wrapper) {
+   urpfWrapperNotifiee_->notifierIs(wrapper);
 }
 
 void KivSegmentSecurityRootSm::initializedIs(bool v) {
@@ -845,13 +855,13 @@ void KivSegmentSecurityRootSm::waitForSegmentRouteRemoval() {
       return;
    }
    if (!status_->waitForRoutesCleanup()) {
-      TRACE8_FN("waitForSegmentRouteRemoval", " Not in progress. Skipping");
+      TRACE5_FN("waitForSegmentRouteRemoval", " Not in progress. Skipping");
       return;
    }
    size_t installedRoutes = segmentRoutesList_->routeInfoCount();
    size_t pendingRequests = reviewList_->vrfIpGenPrefixCount();
    if (installedRoutes != 0 || pendingRequests != 0) {
-      TRACE8_FN("waitForSegmentRouteRemoval", " Still waiting for routes to be deleted: "
+      TRACE5_FN("waitForSegmentRouteRemoval", " Still waiting for routes to be deleted: "
                                                   << " installedRoutes: " << installedRoutes
                                                   << " pendingRequests: " << pendingRequests);
       return;
@@ -880,7 +890,7 @@ void KivSegmentSecurityRootSm::releaseRequestsLeft() {
                                          segmentIdRequest_->request().end());
    std::sort(left.begin(), left.end());
    for (const auto& key : left) {
-      TRACE5_FN("releaseRequestsLeft", " Releasing hwId request left: " << key);
+      TRACE5_FN("waitForSegmentRouteRemoval", " Releasing hwId request left: " << key);
       segmentIdRequest_->requestDel(key);
    }
    prefixCount_->segmentPrefixCountDelAll();
@@ -1091,7 +1101,7 @@ void KivSegmentSecurityRootSm::handleVrf(const L3::VrfName& name) {
    Zop::Ptr<Firewall::FwVrf> fwVrf = fwConfig_->vrf(name);
    if (vrfSm(name)) {
       if (fwVrf) {
-         TRACE8_FN("handleVrf", " VrfSm for vrf: " << name << " already created");
+         TRACE5_FN("handleVrf", " VrfSm for vrf: " << name << " already created");
          return;
       }
       TRACE5_FN("handleVrf", " Deleting VrfSm for: " << name);

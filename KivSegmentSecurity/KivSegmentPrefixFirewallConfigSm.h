@@ -134,8 +134,9 @@ private:
    class ResponseNotifiee;
    class RouteNotifiee;
 
-   // Valid, or reported (once per entry) and skipped.
-   bool validPrefix(const Pexo::IpGenPrefix& prefix);
+   // Whether `prefix` may be programmed; an invalid one is reported once and
+   // traced under `fn`, the routine that met it.
+   bool validPrefix(const char* fn, const Pexo::IpGenPrefix& prefix);
    // The key's id while its request stands and its grant is valid; else
    // the invalid id.
    SegmentHwId allocatedHwId(const SegmentIdRequestKey& key) const;
@@ -222,6 +223,11 @@ public:
    // handleVrf for every VRF of the firewall configuration.
    void handleVrf();
    void handleVrfCreation(const L3::VrfName& name);
+   // The L3 status replaced one of its wrappers: the wrapper's notifiee
+   // follows the new one.
+   void zop_WaitForRoutingWrapperInIs(const Zop::Ptr<L3::WaitForRoutingWrapper>& wrapper);
+   void zop_UrpfRoutingDisableDoneWrapperInIs(
+       const Zop::Ptr<L3::UrpfRoutingDisableDoneWrapper>& wrapper);
 
    void vrfSmDel(const L3::VrfName& name);
    void vrfSmDelAll();

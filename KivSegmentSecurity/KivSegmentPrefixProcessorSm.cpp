@@ -680,7 +680,7 @@ void KivSegmentPrefixProcessorSm::queueRoutingChanges() {
          }
       }
       if (keys.size() != before) {
-         TRACE5_FN("queueRoutingChanges",
+         TRACE5_FN("doReviewConfiguredSegmentSubnets",
                    " Routing changed. Vrf: " << name << " " << af
                                              << " prefixes to review: " << keys.size() - before);
       }
@@ -705,7 +705,7 @@ void KivSegmentPrefixProcessorSm::followRoutingFlag(const VrfAndIpGenPrefix& vrf
       if (drop && routeInfo.routeInfo() == RouteInfo(drop->routeType(), drop->l2Adj().index())) {
          return;
       }
-      TRACE5_FN("followRoutingFlag",
+      TRACE5_FN("doReviewConfiguredSegmentSubnets",
                 " Routing disabled. " << prefix << " goes back to the drop next hop");
       addPrefixToHwWithDropNh(KivSegmentHwInfo(vrfPrefix, segmentRouteAdd, routeInfo.hwId()),
                               routeInfo.routeInfo());
@@ -713,7 +713,8 @@ void KivSegmentPrefixProcessorSm::followRoutingFlag(const VrfAndIpGenPrefix& vrf
    }
    // Routing on: the resolver's answer decides; without one the prefix is
    // only saved.
-   TRACE5_FN("followRoutingFlag", " Routing enabled. " << prefix << " follows the RouteResolver");
+   TRACE5_FN("doReviewConfiguredSegmentSubnets",
+             " Routing enabled. " << prefix << " follows the RouteResolver");
    if (prefix.isIpv4()) {
       handleResolvedPrefix(vrfPrefix);
    } else {
@@ -847,8 +848,7 @@ void KivSegmentPrefixProcessorSm::releaseRequestsOfGoneSegments(VrfId vrfId) {
    }
    std::sort(gone.begin(), gone.end());
    for (const auto& key : gone) {
-      TRACE5_FN("releaseRequestsOfGoneSegments",
-                " Processing release request for Vrf: " << vrfName);
+      TRACE5_FN("maybeReleaseSegmentHwId", " Processing release request for Vrf: " << vrfName);
       const SegmentIdStatus* status = segmentIdResponse_->status(key);
       if (status && prefixCount_->segmentPrefixCountHas(status->hwId)) {
          prefixCount_->segmentPrefixCountDel(status->hwId);

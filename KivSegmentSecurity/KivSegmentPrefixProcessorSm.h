@@ -100,7 +100,7 @@ public:
    // route, as the resolver answers where it does (absent until it answers).
    // A flag change, or the VRF's status coming (back), queues the VRF's
    // recorded prefixes of the family for review, and their review brings each
-   // one in line.
+   // one in line. Part of the review task, so it traces under its name.
    void followRoutingFlag(const VrfAndIpGenPrefix& vrfPrefix);
 
    // ---- FIB routes beneath a changed segment prefix ----
@@ -159,7 +159,7 @@ private:
    void vrfStatusChanged(const L3::VrfName& name);
    void routingFlagChanged(const L3::VrfName& name, Pexo::AddressFamily af);
    // Puts the recorded prefixes of every VRF and family whose routing flag
-   // changed on the review list.
+   // changed on the review list (traced under the review task's name).
    void queueRoutingChanges();
 
    Zop::Ptr<L3::VrfStatus> vrfL3Status(VrfId vrfId) const;

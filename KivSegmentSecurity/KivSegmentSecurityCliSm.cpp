@@ -971,7 +971,7 @@ KivSegmentCliCallbackWithFormat::KivSegmentCliCallbackWithFormat(
 Zop::Ptr<Agent::AgentAsyncCommandRequestSm>
 KivSegmentCliCallbackWithFormat::createAgentAsyncCommandRequestSm(
     const Zop::Ptr<Agent::AgentCommandRequest>& request) {
-   TRACE8_FN("createAgentAsyncCommandRequestSm", "Creating Async ACR for specific commands");
+   TRACE8_FN("createAgentAsyncCommandRequestSm", " Creating Async ACR for specific commands");
    const std::vector<Zop::String> fields = splitStr(request->command(), "#");
    const Zop::String command = field(fields, 0);
    // The time value is the longest a run of the command may take, in seconds
