@@ -37,10 +37,10 @@ void KivSegmentPrefixProcessorSm::syncFibRouteHwId(const VrfAndIpGenPrefix& vrfP
       return;
    }
 
-   NextSpecifcPrefixCallback nextCallback(prefix);
+   Zop::Ptr<NextSpecifcPrefixCallback> nextCallback = nextSpecifcPrefixCallbackFactory(prefix);
    segmentTrie->preOrderWalk(
-       prefix, [&](const Pexo::IpGenPrefix& p) { return nextCallback.handlePrefix(p); });
-   Pexo::IpGenPrefix nextPrefix = nextCallback.nextPrefix();
+       prefix, [&](const Pexo::IpGenPrefix& p) { return nextCallback->handlePrefix(p); });
+   Pexo::IpGenPrefix nextPrefix = nextCallback->nextPrefix();
    if (nextPrefix != prefix) {
       SegmentHwId nextHwId = getSegmentRouteInfo(vrfId, nextPrefix, segmentRoutesList_).hwId();
       TRACE5_FN("syncFibRouteHwId",

@@ -43,9 +43,9 @@ private:
    FibRouteReactorSm& sm_;
 };
 
-class FibRouteReactorSm::L3StatusNotifiee : public L3Status::Notifiee {
+class FibRouteReactorSm::AdjInfoCollNotifiee : public AdjInfoColl::Notifiee {
 public:
-   explicit L3StatusNotifiee(FibRouteReactorSm& sm) : sm_(sm) {}
+   explicit AdjInfoCollNotifiee(FibRouteReactorSm& sm) : sm_(sm) {}
    void handleRouteAdj(const VrfAndPrefix& key) override { sm_.handleV4AdjUpdate(key); }
    void handleRoute6Adj(const VrfAndIp6Prefix& key) override { sm_.handleV6AdjUpdate(key); }
 
@@ -93,8 +93,8 @@ FibRouteReactorSm::FibRouteReactorSm(const Zop::Ptr<Ruv::TaskScheduler>& schedul
    fibRouteNotifiee_->notifierIs(fibRoutes_);
    fibRoute6Notifiee_ = std::make_unique<FibRoute6Notifiee>(*this);
    fibRoute6Notifiee_->notifierIs(fibRoutes6_);
-   l3StatusNotifiee_ = std::make_unique<L3StatusNotifiee>(*this);
-   l3StatusNotifiee_->notifierIs(l3Status_);
+   adjInfoCollNotifiee_ = std::make_unique<AdjInfoCollNotifiee>(*this);
+   newZop_AdjInfoCollIn(l3Status_);
    reviewListNotifiee_ = std::make_unique<ReviewListNotifiee>(*this);
    reviewListNotifiee_->notifierIs(fibRouteReviewList_);
    // A background task: a routing layer that is slow to take its entry out
@@ -114,10 +114,14 @@ FibRouteReactorSm::~FibRouteReactorSm() {
    entryWaitTask_->cancel();
 }
 
+void FibRouteReactorSm::newZop_AdjInfoCollIn(const Zop::Ptr<AdjInfoColl>& adjInfoColl) {
+   adjInfoCollNotifiee_->notifierIs(adjInfoColl);
+}
+
 void FibRouteReactorSm::notificationActiveIs(bool active) {
    fibRouteNotifiee_->notificationActiveIs(active);
    fibRoute6Notifiee_->notificationActiveIs(active);
-   l3StatusNotifiee_->notificationActiveIs(active);
+   adjInfoCollNotifiee_->notificationActiveIs(active);
    reviewListNotifiee_->notificationActiveIs(active);
 }
 

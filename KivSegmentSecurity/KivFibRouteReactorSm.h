@@ -17,6 +17,7 @@
 #include <set>
 
 #include "Kiv/KivExport.h"
+#include "Kiv/KivReactorIs.h"
 #include "KivSegmentSecurity/KivSegmentHwWriter.h"
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
 #include "KivSegmentSecurity/KivSegmentRouteHelper.h"
@@ -30,6 +31,11 @@ namespace Kiv {
 
 class KIV_EXPORT FibRouteReactorSm : public Zop::PtrInterface {
 public:
+   // The adjacency collection: the L3 status publishes every FIB route's
+   // adjacency (routeAdj / route6Adj), so it is the input the reactor watches
+   // for adjacency changes.
+   using AdjInfoColl = L3Status;
+
    FibRouteReactorSm(const Zop::Ptr<Ruv::TaskScheduler>& scheduler,
                      const Zop::Ptr<L3Status>& l3Status,
                      const Zop::Ptr<const KivVrfFibRouteCollection>& fibRoutes,
@@ -63,13 +69,17 @@ public:
       segmentRouteWithdrawn_ = std::move(f);
    }
 
+   // Follows the adjacency changes of `adjInfoColl` (the constructor attaches
+   // the L3 status given to it).
+   void newZop_AdjInfoCollIn(const Zop::Ptr<AdjInfoColl>& adjInfoColl);
+
    // Turns all notifications of the reactor on or off.
    void notificationActiveIs(bool active);
 
 private:
    class FibRouteNotifiee;
    class FibRoute6Notifiee;
-   class L3StatusNotifiee;
+   class AdjInfoCollNotifiee;
    class ReviewListNotifiee;
 
    const RouteInfo* fibRouteInfo(const VrfAndIpGenPrefix& vrfPrefix) const;
@@ -95,7 +105,7 @@ private:
    Zop::Ptr<Ruv::Task> routeUpdateTask_;
    std::unique_ptr<FibRouteNotifiee> fibRouteNotifiee_;
    std::unique_ptr<FibRoute6Notifiee> fibRoute6Notifiee_;
-   std::unique_ptr<L3StatusNotifiee> l3StatusNotifiee_;
+   std::unique_ptr<AdjInfoCollNotifiee> adjInfoCollNotifiee_;
    std::unique_ptr<ReviewListNotifiee> reviewListNotifiee_;
    std::function<void(const VrfAndIpGenPrefix&)> segmentRouteWithdrawn_;
    KivSegmentHwWriter hwWriter_;
@@ -119,5 +129,7 @@ KIV_EXPORT Zop::Ptr<FibRouteReactorSm> fibRouteReactorSmFactory(
     const Zop::Ptr<KivHelper::RouteSmHelper>& routeHelper,
     const Zop::Ptr<KivHelper::Route6SmHelper>& route6Helper,
     const Zop::Ptr<SegmentSecurityStatus>& status);
+// FibRouteReactorSmIs(holder, the factory's arguments): a new reactor in place of the old.
+KIV_REACTOR_IS(FibRouteReactorSm, fibRouteReactorSmFactory)
 
 }  // namespace Kiv

@@ -71,6 +71,103 @@ Zop::Ptr<KivDestinationSegmentSm> kivDestinationSegmentSmFactory(
 
 // ===================== VRF =====================
 
+// ---- Bases ----
+
+VrfBaseSm::VrfBaseSm(const L3::VrfName& vrfName, const Zop::Ptr<const Firewall::FwVrf>& fwVrf,
+                     const Zop::Ptr<const Firewall::FwSegmentDir>& segmentDir)
+    : vrfName_(vrfName), fwVrf_(fwVrf), segmentDir_(segmentDir) {}
+
+VrfBaseSm::~VrfBaseSm() = default;
+
+void VrfBaseSm::initializedIs(bool v) {
+   if (v == initialized_) {
+      return;
+   }
+   initialized_ = v;
+   if (v) {
+      handleInitialized();
+   }
+}
+
+void VrfBaseSm::handleGlobalPrefix() {
+   std::vector<Pexo::IpGenPrefix> prefixes;
+   for (const auto& [prefix, segmentName] : fwVrf_->prefixList()) {
+      prefixes.push_back(prefix);
+   }
+   std::sort(prefixes.begin(), prefixes.end());
+   for (const auto& prefix : prefixes) {
+      handleGlobalPrefix(prefix);
+   }
+}
+
+Zop::Ptr<KivDestinationSegmentSm> VrfBaseSm::dstSegmentSm(const Zop::String& segment) const {
+   auto it = dstSegmentSm_.find(segment);
+   return it == dstSegmentSm_.end() ? nullptr : it->second;
+}
+
+void VrfBaseSm::dstSegmentSmIs(const Zop::String& segment,
+                               const Zop::Ptr<KivDestinationSegmentSm>& sm) {
+   dstSegmentSm_[segment] = sm;
+}
+
+void VrfBaseSm::dstSegmentSmDel(const Zop::String& segment) {
+   dstSegmentSm_.erase(segment);
+}
+
+SegmentSecurityRootBaseSm::SegmentSecurityRootBaseSm(
+    const Zop::Ptr<const Firewall::HwConfig>& fwConfig)
+    : fwConfig_(fwConfig) {}
+
+SegmentSecurityRootBaseSm::~SegmentSecurityRootBaseSm() = default;
+
+void SegmentSecurityRootBaseSm::handleVrf() {
+   std::vector<L3::VrfName> names;
+   for (const auto& [name, fwVrf] : fwConfig_->vrf()) {
+      names.push_back(name);
+   }
+   // VRF reactors of VRFs gone from the configuration go too.
+   for (const auto& [name, sm] : vrfSm_) {
+      if (!fwConfig_->vrfHas(name)) {
+         names.push_back(name);
+      }
+   }
+   for (const auto& name : names) {
+      handleVrf(name);
+   }
+}
+
+Zop::Ptr<KivSegmentSecurityVrfSm> SegmentSecurityRootBaseSm::vrfSm(const L3::VrfName& name) const {
+   auto it = vrfSm_.find(name);
+   return it == vrfSm_.end() ? nullptr : it->second;
+}
+
+void SegmentSecurityRootBaseSm::vrfSmIs(const L3::VrfName& name,
+                                        const Zop::Ptr<KivSegmentSecurityVrfSm>& sm) {
+   vrfSm_[name] = sm;
+}
+
+void SegmentSecurityRootBaseSm::vrfSmDel(const L3::VrfName& name) {
+   auto it = vrfSm_.find(name);
+   if (it == vrfSm_.end()) {
+      return;
+   }
+   // The reactor cleans up as it goes (its last pointer is this one), once it
+   // is out of the collection.
+   Zop::Ptr<KivSegmentSecurityVrfSm> sm = it->second;
+   vrfSm_.erase(it);
+   sm = nullptr;
+}
+
+void SegmentSecurityRootBaseSm::vrfSmDelAll() {
+   std::vector<L3::VrfName> names;
+   for (const auto& [name, sm] : vrfSm_) {
+      names.push_back(name);
+   }
+   for (const auto& name : names) {
+      vrfSmDel(name);
+   }
+}
+
 class KivSegmentSecurityVrfSm::FwVrfNotifiee : public Firewall::FwVrf::Notifiee {
 public:
    explicit FwVrfNotifiee(KivSegmentSecurityVrfSm& sm) : sm_(sm) {}
@@ -133,9 +230,7 @@ KivSegmentSecurityVrfSm::KivSegmentSecurityVrfSm(
     const Zop::Ptr<PrefixCount>& prefixCount,
     const Zop::Ptr<const KivSegmentRouteInfoColl>& segmentRoutesList,
     const Zop::Ptr<Firewall::Counters>& counters)
-    : vrfName_(vrfName),
-      fwVrf_(fwVrf),
-      segmentDir_(segmentDir),
+    : VrfBaseSm(vrfName, fwVrf, segmentDir),
       fwConfig_(fwConfig),
       reviewList_(reviewList),
       segmentIdRequest_(segmentIdRequest),
@@ -164,16 +259,6 @@ KivSegmentSecurityVrfSm::~KivSegmentSecurityVrfSm() {
    }
 }
 
-void KivSegmentSecurityVrfSm::initializedIs(bool v) {
-   if (v == initialized_) {
-      return;
-   }
-   initialized_ = v;
-   if (v) {
-      handleInitialized();
-   }
-}
-
 void KivSegmentSecurityVrfSm::handleInitialized() {
    TRACE8_FN("handleInitialized", " Vrf: " << vrfName_);
    std::vector<Zop::String> segments;
@@ -186,18 +271,8 @@ void KivSegmentSecurityVrfSm::handleInitialized() {
 }
 
 void KivSegmentSecurityVrfSm::dstSegmentSmIs(const Zop::String& segment) {
-   dstSegmentSm_[segment] = kivDestinationSegmentSmFactory(segment, segmentDir_->segment(segment),
-                                                           vrfName_, fwConfig_, counters_);
-}
-
-void KivSegmentSecurityVrfSm::dstSegmentSmDel(const Zop::String& segment) {
-   dstSegmentSm_.erase(segment);
-}
-
-Zop::Ptr<KivDestinationSegmentSm> KivSegmentSecurityVrfSm::dstSegmentSm(
-    const Zop::String& segment) const {
-   auto it = dstSegmentSm_.find(segment);
-   return it == dstSegmentSm_.end() ? nullptr : it->second;
+   dstSegmentSmIs(segment, kivDestinationSegmentSmFactory(segment, segmentDir_->segment(segment),
+                                                          vrfName_, fwConfig_, counters_));
 }
 
 bool KivSegmentSecurityVrfSm::validPrefix(const char* fn, const Pexo::IpGenPrefix& prefix) {
@@ -410,17 +485,6 @@ void KivSegmentSecurityVrfSm::processSegmentPrefix(const Zop::String& segment, b
       }
    }
    queueRoutesWithHwId(hwId);
-}
-
-void KivSegmentSecurityVrfSm::handleGlobalPrefix() {
-   std::vector<Pexo::IpGenPrefix> prefixes;
-   for (const auto& [prefix, segmentName] : fwVrf_->prefixList()) {
-      prefixes.push_back(prefix);
-   }
-   std::sort(prefixes.begin(), prefixes.end());
-   for (const auto& prefix : prefixes) {
-      handleGlobalPrefix(prefix);
-   }
 }
 
 void KivSegmentSecurityVrfSm::handleGlobalPrefix(const Pexo::IpGenPrefix& prefix) {
@@ -687,7 +751,7 @@ KivSegmentSecurityRootSm::KivSegmentSecurityRootSm(
     const Zop::Ptr<SegmentSecurityStatus>& status,
     const Zop::Ptr<KivHelper::RoutingStatusSmHelper>& routingStatusHelper,
     const Zop::Ptr<Firewall::Counters>& counters)
-    : fwConfig_(fwConfig),
+    : SegmentSecurityRootBaseSm(fwConfig),
       ipStatus_(ipStatus),
       ip6Status_(ip6Status),
       reviewList_(reviewList),
@@ -1065,22 +1129,6 @@ void KivSegmentSecurityRootSm::handleUrpfRoutingDisableDone() {
    handleSecuritySegmentEnable();
 }
 
-void KivSegmentSecurityRootSm::handleVrf() {
-   std::vector<L3::VrfName> names;
-   for (const auto& [name, fwVrf] : fwConfig_->vrf()) {
-      names.push_back(name);
-   }
-   // VRF reactors of VRFs gone from the configuration go too.
-   for (const auto& [name, sm] : vrfSm_) {
-      if (!fwConfig_->vrfHas(name)) {
-         names.push_back(name);
-      }
-   }
-   for (const auto& name : names) {
-      handleVrf(name);
-   }
-}
-
 void KivSegmentSecurityRootSm::handleVrf(const L3::VrfName& name) {
    if (!initialized_) {
       return;
@@ -1127,7 +1175,7 @@ void KivSegmentSecurityRootSm::handleVrf(const L3::VrfName& name) {
       known = std::make_shared<KivSegmentSecurityVrfSm::KnownHwIds>();
    }
    sm->knownHwIdsIs(known);
-   vrfSm_[name] = sm;
+   vrfSmIs(name, sm);
    sm->initializedIs(true);
 }
 
@@ -1143,14 +1191,10 @@ void KivSegmentSecurityRootSm::handleVrfCreation(const L3::VrfName& name) {
 }
 
 void KivSegmentSecurityRootSm::vrfSmDel(const L3::VrfName& name) {
-   auto it = vrfSm_.find(name);
-   if (it == vrfSm_.end()) {
+   if (!vrfSm(name)) {
       return;
    }
-   // The reactor cleans up as it goes (its last pointer is this one).
-   Zop::Ptr<KivSegmentSecurityVrfSm> sm = it->second;
-   vrfSm_.erase(it);
-   sm = nullptr;
+   SegmentSecurityRootBaseSm::vrfSmDel(name);
    if (counters_) {
       counters_->vrfDel(name);
    }
@@ -1164,21 +1208,12 @@ void KivSegmentSecurityRootSm::vrfSmDelAll() {
    for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
       byVrf[routeKey.vrfId()].push_back(routeKey);
    }
-   std::vector<L3::VrfName> names;
    for (const auto& [name, sm] : vrfSm_) {
-      names.push_back(name);
       auto it = byVrf.find(sm->vrfId());
       sm->cleanupRoutesIs(it == byVrf.end() ? std::vector<VrfAndIpGenPrefix>()
                                             : std::move(it->second));
    }
-   for (const auto& name : names) {
-      vrfSmDel(name);
-   }
-}
-
-Zop::Ptr<KivSegmentSecurityVrfSm> KivSegmentSecurityRootSm::vrfSm(const L3::VrfName& name) const {
-   auto it = vrfSm_.find(name);
-   return it == vrfSm_.end() ? nullptr : it->second;
+   SegmentSecurityRootBaseSm::vrfSmDelAll();
 }
 
 Zop::Ptr<KivSegmentSecurityRootSm> kivSegmentSecurityRootSmFactory(

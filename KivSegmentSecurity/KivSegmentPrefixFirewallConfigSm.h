@@ -27,6 +27,7 @@
 #include "Firewall/HwConfig.h"
 #include "Ip/Status.h"
 #include "Kiv/KivExport.h"
+#include "Kiv/KivReactorIs.h"
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
 #include "Routing/L3Status.h"
 #include "Routing/MulticastHardwareStatus.h"
@@ -78,10 +79,45 @@ KIV_EXPORT Zop::Ptr<KivDestinationSegmentSm> kivDestinationSegmentSmFactory(
     const Zop::String& segment, const Zop::Ptr<const Firewall::FwSegment>& fwSegment,
     const L3::VrfName& vrfName, const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
     const Zop::Ptr<Firewall::Counters>& counters);
+// KivDestinationSegmentSmIs(holder, the factory's arguments): a new reactor in place of the old.
+KIV_REACTOR_IS(KivDestinationSegmentSm, kivDestinationSegmentSmFactory)
 
 // ---- VRF ----
 
-class KIV_EXPORT KivSegmentSecurityVrfSm : public Zop::PtrInterface {
+// What every VRF reactor of the firewall configuration holds: the VRF's name,
+// its firewall configuration and segment directory, whether it is
+// initialised, and one destination-segment reactor per segment.
+class KIV_EXPORT VrfBaseSm : public Zop::PtrInterface {
+public:
+   const L3::VrfName& vrfName() const { return vrfName_; }
+   const Zop::Ptr<const Firewall::FwVrf>& fwVrf() const { return fwVrf_; }
+   const Zop::Ptr<const Firewall::FwSegmentDir>& segmentDir() const { return segmentDir_; }
+   bool initialized() const { return initialized_; }
+   // Setting it true runs handleInitialized().
+   void initializedIs(bool v);
+   virtual void handleInitialized() = 0;
+   virtual void handleGlobalPrefix(const Pexo::IpGenPrefix& prefix) = 0;
+   // handleGlobalPrefix(prefix) for every prefix of the VRF's prefix list, in
+   // prefix order.
+   void handleGlobalPrefix();
+
+   Zop::Ptr<KivDestinationSegmentSm> dstSegmentSm(const Zop::String& segment) const;
+   void dstSegmentSmIs(const Zop::String& segment, const Zop::Ptr<KivDestinationSegmentSm>& sm);
+   void dstSegmentSmDel(const Zop::String& segment);
+
+protected:
+   VrfBaseSm(const L3::VrfName& vrfName, const Zop::Ptr<const Firewall::FwVrf>& fwVrf,
+             const Zop::Ptr<const Firewall::FwSegmentDir>& segmentDir);
+   ~VrfBaseSm() override;
+
+   L3::VrfName vrfName_;
+   Zop::Ptr<const Firewall::FwVrf> fwVrf_;
+   Zop::Ptr<const Firewall::FwSegmentDir> segmentDir_;
+   bool initialized_ = false;
+   std::map<Zop::String, Zop::Ptr<KivDestinationSegmentSm>> dstSegmentSm_;
+};
+
+class KIV_EXPORT KivSegmentSecurityVrfSm : public VrfBaseSm {
 public:
    KivSegmentSecurityVrfSm(const L3::VrfName& vrfName, const Zop::Ptr<const Firewall::FwVrf>& fwVrf,
                            const Zop::Ptr<const Firewall::FwSegmentDir>& segmentDir,
@@ -94,19 +130,16 @@ public:
                            const Zop::Ptr<Firewall::Counters>& counters);
    ~KivSegmentSecurityVrfSm() override;
 
-   const L3::VrfName& vrfName() const { return vrfName_; }
-   VrfId vrfId() const { return vrfId_; }
-   bool initialized() const { return initialized_; }
-   // Setting it true runs handleInitialized().
-   void initializedIs(bool v);
+   using VrfBaseSm::dstSegmentSmIs;
+   using VrfBaseSm::handleGlobalPrefix;
 
-   void handleInitialized();
+   VrfId vrfId() const { return vrfId_; }
+
+   void handleInitialized() override;
    void handleDestinationSegment(const Zop::String& segment);
    void handleSegmentIdStatus(const SegmentIdRequestKey& key);
    void processSegmentPrefix(const Zop::String& segment, bool install);
-   void handleGlobalPrefix(const Pexo::IpGenPrefix& prefix);
-   // Calls handleGlobalPrefix for every prefix of the VRF's prefix list.
-   void handleGlobalPrefix();
+   void handleGlobalPrefix(const Pexo::IpGenPrefix& prefix) override;
    void processPrefix(const VrfAndIpGenPrefix& vrfPrefix);
    void handleHwRoute(const VrfAndIpGenPrefix& vrfPrefix);
    void doCleanup();
@@ -124,9 +157,8 @@ public:
 
    const Zop::Ptr<const SegmentIdResponse>& segmentIdStatus() const { return segmentIdResponse_; }
    const Zop::Ptr<PrefixCount>& prefixCount() const { return prefixCount_; }
+   // A destination-segment reactor for the segment of the directory.
    void dstSegmentSmIs(const Zop::String& segment);
-   void dstSegmentSmDel(const Zop::String& segment);
-   Zop::Ptr<KivDestinationSegmentSm> dstSegmentSm(const Zop::String& segment) const;
 
 private:
    class FwVrfNotifiee;
@@ -145,9 +177,6 @@ private:
    // Reviews this VRF's recorded routes that carry `hwId`.
    void queueRoutesWithHwId(SegmentHwId hwId);
 
-   L3::VrfName vrfName_;
-   Zop::Ptr<const Firewall::FwVrf> fwVrf_;
-   Zop::Ptr<const Firewall::FwSegmentDir> segmentDir_;
    Zop::Ptr<const Firewall::HwConfig> fwConfig_;
    Zop::Ptr<VrfPrefixCollection> reviewList_;
    Zop::Ptr<SegmentIdRequest> segmentIdRequest_;
@@ -157,8 +186,6 @@ private:
    Zop::Ptr<PrefixCount> prefixCount_;
    Zop::Ptr<const KivSegmentRouteInfoColl> segmentRoutesList_;
    Zop::Ptr<Firewall::Counters> counters_;
-   bool initialized_ = false;
-   std::map<Zop::String, Zop::Ptr<KivDestinationSegmentSm>> dstSegmentSm_;
    // The last valid id seen per segment, to tell a re-notification from a new
    // id; kept while the grant is away, so the same id granted back is known.
    std::shared_ptr<KnownHwIds> knownHwId_ = std::make_shared<KnownHwIds>();
@@ -180,10 +207,40 @@ KIV_EXPORT Zop::Ptr<KivSegmentSecurityVrfSm> kivSegmentSecurityVrfSmFactory(
     const Zop::Ptr<PrefixCount>& prefixCount,
     const Zop::Ptr<const KivSegmentRouteInfoColl>& segmentRoutesList,
     const Zop::Ptr<Firewall::Counters>& counters);
+// KivSegmentSecurityVrfSmIs(holder, the factory's arguments): a new reactor in place of the old.
+KIV_REACTOR_IS(KivSegmentSecurityVrfSm, kivSegmentSecurityVrfSmFactory)
 
 // ---- Root ----
 
-class KIV_EXPORT KivSegmentSecurityRootSm : public Zop::PtrInterface {
+// What the root reactor of the configuration holds: the firewall
+// configuration, whether it is initialised, and one VRF reactor per VRF name.
+class KIV_EXPORT SegmentSecurityRootBaseSm : public Zop::PtrInterface {
+public:
+   const Zop::Ptr<const Firewall::HwConfig>& fwConfig() const { return fwConfig_; }
+   bool initialized() const { return initialized_; }
+   virtual void handleVrf(const L3::VrfName& name) = 0;
+   // handleVrf(name) for every VRF of the firewall configuration, and for
+   // every VRF reactor whose VRF has left it.
+   void handleVrf();
+
+   Zop::Ptr<KivSegmentSecurityVrfSm> vrfSm(const L3::VrfName& name) const;
+   size_t vrfSmCount() const { return vrfSm_.size(); }
+   void vrfSmIs(const L3::VrfName& name, const Zop::Ptr<KivSegmentSecurityVrfSm>& sm);
+   // Drops the VRF's reactor, which cleans up as it goes.
+   virtual void vrfSmDel(const L3::VrfName& name);
+   // vrfSmDel for every VRF reactor.
+   virtual void vrfSmDelAll();
+
+protected:
+   explicit SegmentSecurityRootBaseSm(const Zop::Ptr<const Firewall::HwConfig>& fwConfig);
+   ~SegmentSecurityRootBaseSm() override;
+
+   Zop::Ptr<const Firewall::HwConfig> fwConfig_;
+   bool initialized_ = false;
+   std::map<L3::VrfName, Zop::Ptr<KivSegmentSecurityVrfSm>> vrfSm_;
+};
+
+class KIV_EXPORT KivSegmentSecurityRootSm : public SegmentSecurityRootBaseSm {
 public:
    KivSegmentSecurityRootSm(const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
                             const Zop::Ptr<const Ip::Status>& ipStatus,
@@ -200,7 +257,8 @@ public:
                             const Zop::Ptr<Firewall::Counters>& counters);
    ~KivSegmentSecurityRootSm() override;
 
-   bool initialized() const { return initialized_; }
+   using SegmentSecurityRootBaseSm::handleVrf;
+
    // Setting it true runs handleInitialized().
    void initializedIs(bool v);
 
@@ -219,9 +277,7 @@ public:
    void segmentSecurityEnableRouting(bool setupComplete);
    void handleSegmentSecuritySetupComplete();
    void handleUrpfRoutingDisableDone();
-   void handleVrf(const L3::VrfName& name);
-   // handleVrf for every VRF of the firewall configuration.
-   void handleVrf();
+   void handleVrf(const L3::VrfName& name) override;
    void handleVrfCreation(const L3::VrfName& name);
    // The L3 status replaced one of its wrappers: the wrapper's notifiee
    // follows the new one.
@@ -229,10 +285,10 @@ public:
    void zop_UrpfRoutingDisableDoneWrapperInIs(
        const Zop::Ptr<L3::UrpfRoutingDisableDoneWrapper>& wrapper);
 
-   void vrfSmDel(const L3::VrfName& name);
-   void vrfSmDelAll();
-   Zop::Ptr<KivSegmentSecurityVrfSm> vrfSm(const L3::VrfName& name) const;
-   size_t vrfSmCount() const { return vrfSm_.size(); }
+   // The VRF's counters go with its reactor.
+   void vrfSmDel(const L3::VrfName& name) override;
+   // One walk of the records hands each reactor its routes first.
+   void vrfSmDelAll() override;
    const Zop::Ptr<SegmentSecurityStatus>& status() const { return status_; }
 
 private:
@@ -261,7 +317,6 @@ private:
    // Cleanup wait on: every installed route goes on the review list.
    void startRoutesCleanup();
 
-   Zop::Ptr<const Firewall::HwConfig> fwConfig_;
    Zop::Ptr<const Ip::Status> ipStatus_;
    Zop::Ptr<const Ip6::Status> ip6Status_;
    Zop::Ptr<VrfPrefixCollection> reviewList_;
@@ -275,11 +330,9 @@ private:
    Zop::Ptr<KivHelper::RoutingStatusSmHelper> routingStatusHelper_;
    Zop::Ptr<Firewall::Counters> counters_;
 
-   bool initialized_ = false;
    bool urpf4Configured_ = false;
    bool urpf6Configured_ = false;
    bool urpfConflictSyslogDone_ = false;
-   std::map<L3::VrfName, Zop::Ptr<KivSegmentSecurityVrfSm>> vrfSm_;
    // Per VRF id, the last id granted per segment, shared by the VRF's
    // reactors one after the other.
    std::map<VrfId, std::shared_ptr<KivSegmentSecurityVrfSm::KnownHwIds>> knownHwIds_;
@@ -306,5 +359,7 @@ KIV_EXPORT Zop::Ptr<KivSegmentSecurityRootSm> kivSegmentSecurityRootSmFactory(
     const Zop::Ptr<SegmentSecurityStatus>& status,
     const Zop::Ptr<KivHelper::RoutingStatusSmHelper>& routingStatusHelper,
     const Zop::Ptr<Firewall::Counters>& counters);
+// KivSegmentSecurityRootSmIs(holder, the factory's arguments): a new reactor in place of the old.
+KIV_REACTOR_IS(KivSegmentSecurityRootSm, kivSegmentSecurityRootSmFactory)
 
 }  // namespace Kiv

@@ -220,9 +220,9 @@ void KivSegmentPrefixProcessorSm::fibRouteSmIs(
     const Zop::Ptr<KivHelper::Route6SmHelper>& route6Helper,
     const Zop::Ptr<SegmentSecurityStatus>& status) {
    fibRouteSmDel();
-   fibRouteSm_ = fibRouteReactorSmFactory(scheduler, l3Status, fibRoutes, fibRoutes6,
-                                          fibRouteReviewList, segmentRoutesList, segmentPrefixTrie,
-                                          segmentRouteHelper, routeHelper, route6Helper, status);
+   FibRouteReactorSmIs(fibRouteSm_, scheduler, l3Status, fibRoutes, fibRoutes6, fibRouteReviewList,
+                       segmentRoutesList, segmentPrefixTrie, segmentRouteHelper, routeHelper,
+                       route6Helper, status);
    fibRouteSm_->routeUpdateTaskIs(scheduler, kSegmentSubnetTaskPriority, "SegSecRouteTask");
    fibRouteSm_->segmentRouteWithdrawnIs(
        [this](const VrfAndIpGenPrefix& vrfPrefix) { reinstallSegmentPrefix(vrfPrefix); });

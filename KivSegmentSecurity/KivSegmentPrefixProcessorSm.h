@@ -25,6 +25,7 @@
 
 #include "Firewall/HwConfig.h"
 #include "Kiv/KivExport.h"
+#include "Kiv/KivReactorIs.h"
 #include "KivSegmentSecurity/KivFibRouteReactorSm.h"
 #include "KivSegmentSecurity/KivSegmentHwWriter.h"
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
@@ -242,5 +243,8 @@ KIV_EXPORT Zop::Ptr<KivSegmentPrefixProcessorSm> kivSegmentPrefixProcessorSmFact
     const Zop::Ptr<PrefixCount>& prefixCount,
     const Zop::Ptr<KivSegmentRouteInfoColl>& segmentRoutesList,
     const Zop::Ptr<SegmentSecurityStatus>& status);
+// KivSegmentPrefixProcessorSmIs(holder, the factory's arguments): a new reactor in place of the
+// old.
+KIV_REACTOR_IS(KivSegmentPrefixProcessorSm, kivSegmentPrefixProcessorSmFactory)
 
 }  // namespace Kiv

@@ -30,6 +30,7 @@
 #include "Firewall/Counters.h"
 #include "Firewall/HwConfig.h"
 #include "Kiv/KivExport.h"
+#include "Kiv/KivReactorIs.h"
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
 #include "KivSegmentSecurity/KivSegmentRouteHelper.h"
 #include "Routing/FibRoute.h"
@@ -446,5 +447,7 @@ KIV_EXPORT Zop::Ptr<KivSegmentSecurityCliSm> kivSegmentSecurityCliSmFactory(
     const Zop::Ptr<const Route6ReactorStatus>& route6Status,
     const Zop::Ptr<const KivVrfFibRouteCollection>& vrfFibRouteDb,
     const Zop::Ptr<const KivVrfFibRoute6Collection>& vrfFibRoute6Db);
+// KivSegmentSecurityCliSmIs(holder, the factory's arguments): a new reactor in place of the old.
+KIV_REACTOR_IS(KivSegmentSecurityCliSm, kivSegmentSecurityCliSmFactory)
 
 }  // namespace Kiv

@@ -55,9 +55,9 @@ Switch::Switch(Options options)
 
    // The platform agents are all in place before the library starts, as in
    // a switch where the library is loaded into a running forwarding agent.
-   processor_ = Kiv::kivSegmentPrefixProcessorSmFactory(
-       scheduler_, routeConfig_, route6Config_, routeStatus_, route6Status_, l3Status_, fibRoutes_,
-       fibRoutes6_, hardware_->routeSmHelper(), hardware_->route6SmHelper(),
+   Kiv::KivSegmentPrefixProcessorSmIs(
+       processor_, scheduler_, routeConfig_, route6Config_, routeStatus_, route6Status_, l3Status_,
+       fibRoutes_, fibRoutes6_, hardware_->routeSmHelper(), hardware_->route6SmHelper(),
        hardware_->segmentRouteHelper(), fwConfig_, segmentIdRequest_, segmentIdResponse_,
        segmentReviewList_, prefixCount_, segmentRoutesList_, status_);
    const Kiv::KivSegmentSecuritySyslog& syslog = Kiv::kivSegmentSecuritySyslogInit(syslogRegistry_);
@@ -68,16 +68,16 @@ Switch::Switch(Options options)
       registry->raise(isFull ? full : normal);
    });
    if (!manual_) {
-      root_ = Kiv::kivSegmentSecurityRootSmFactory(
-          fwConfig_, ipStatus_, ip6Status_, segmentReviewList_, segmentIdRequest_,
-          segmentIdResponse_, l3Status_, multicastStatus_, prefixCount_, segmentRoutesList_,
-          status_, routingStatusHelper_, counters_);
+      Kiv::KivSegmentSecurityRootSmIs(root_, fwConfig_, ipStatus_, ip6Status_, segmentReviewList_,
+                                      segmentIdRequest_, segmentIdResponse_, l3Status_,
+                                      multicastStatus_, prefixCount_, segmentRoutesList_, status_,
+                                      routingStatusHelper_, counters_);
       root_->initializedIs(true);
    }
-   cli_ = Kiv::kivSegmentSecurityCliSmFactory(
-       scheduler_, cliRequestDir_, counters_, countersSnapshot_, segmentRoutesList_,
-       segmentIdResponse_, l3Status_, fwConfig_, hardware_->segmentRouteHelper(), routeStatus_,
-       route6Status_, fibRoutes_, fibRoutes6_);
+   Kiv::KivSegmentSecurityCliSmIs(cli_, scheduler_, cliRequestDir_, counters_, countersSnapshot_,
+                                  segmentRoutesList_, segmentIdResponse_, l3Status_, fwConfig_,
+                                  hardware_->segmentRouteHelper(), routeStatus_, route6Status_,
+                                  fibRoutes_, fibRoutes6_);
    cli_->initializedIs(true);
 }
 
