@@ -73,6 +73,12 @@ public:
    // the L3 status given to it).
    void newZop_AdjInfoCollIn(const Zop::Ptr<AdjInfoColl>& adjInfoColl);
 
+   // A segment prefix, recorded as saved, whose withdrawn FIB route's entry
+   // the routing layer still holds in hardware: reviewed again on a later
+   // run (10 ms, doubling while it keeps waiting, at most 1 s) and, once the
+   // entry is gone, handed to segmentRouteWithdrawn. Traced under `fn`.
+   void awaitEntryRemoval(const char* fn, const VrfAndIpGenPrefix& key);
+
    // Turns all notifications of the reactor on or off.
    void notificationActiveIs(bool active);
 
@@ -85,10 +91,6 @@ private:
    const RouteInfo* fibRouteInfo(const VrfAndIpGenPrefix& vrfPrefix) const;
    // One key of the review list.
    void reviewFibRoute(const VrfAndIpGenPrefix& key);
-   // A withdrawn segment prefix whose hardware entry the routing layer still
-   // holds is reviewed again on a later run (10 ms, doubling while it keeps
-   // waiting, at most 1 s).
-   void awaitEntryRemoval(const char* fn, const VrfAndIpGenPrefix& key);
    void requeueAwaitingEntryRemoval();
 
    Zop::Ptr<Ruv::TaskScheduler> scheduler_;

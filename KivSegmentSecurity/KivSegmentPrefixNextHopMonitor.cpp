@@ -164,6 +164,9 @@ void KivSegmentPrefixProcessorSm::processResolvedEntry(const VrfAndIpGenPrefix& 
       TRACE5_FN(fn, " Resolved prefix is not in FIB."
                         << " Insert it now");
       const RouteInfo newRouteInfo(routeType, adjInfo->l2Adj().index());
+      if (awaitFibEntryRemoval(fn, routeInfo)) {
+         return;
+      }
       if (!hwWriter_.programRoute(vrfPrefix, routeInfo.routeInfo(), newRouteInfo)) {
          TRACE5_FN(fn, " Failed to add prefix in Hw");
          return;

@@ -463,6 +463,9 @@ bool KivSegmentPrefixProcessorSm::addPrefixToHwWithDropNh(const KivSegmentHwInfo
       ZOP_ASSERT_FN(adjInfo, "Adjacency info for v6Drop not found", kSource, fn);
    }
    RouteInfo dropRouteInfo(adjInfo->routeType(), adjInfo->l2Adj().index());
+   if (awaitFibEntryRemoval(fn, KivSegmentRouteInfo(vrfPrefix, info.hwId(), oldRouteInfo))) {
+      return true;
+   }
    if (!hwWriter_.programRoute(vrfPrefix, oldRouteInfo, dropRouteInfo)) {
       TRACE5_FN(fn, " " << prefix << " could not be programmed in Hw");
       // The trie holds exactly the recorded prefixes: a saved prefix stays.
@@ -473,6 +476,22 @@ bool KivSegmentPrefixProcessorSm::addPrefixToHwWithDropNh(const KivSegmentHwInfo
    }
    TRACE5_FN(fn, " " << prefix << " programmed successfully");
    hwWriter_.installedIs({fn, kSource}, KivSegmentRouteInfo(vrfPrefix, info.hwId(), dropRouteInfo));
+   return true;
+}
+
+bool KivSegmentPrefixProcessorSm::awaitFibEntryRemoval(const char* fn,
+                                                       const KivSegmentRouteInfo& routeInfo) {
+   const VrfAndIpGenPrefix& vrfPrefix = routeInfo.vrfPrefix();
+   // Nothing of the prefix is in hardware by our records, yet hardware holds
+   // an entry: that of its FIB route, withdrawn but not yet taken out by the
+   // routing layer. A route written over it now would overwrite the FIB
+   // route's forwarding and leave with that entry.
+   if (routeInfo.routeInfo().routeType() != RouteType::routeTypeInvalid || !fibRouteSm_ ||
+       !segmentRouteHelper_->getHardwareId(vrfPrefix).isValid()) {
+      return false;
+   }
+   segmentRoutesList_->routeInfoIs(routeInfo);
+   fibRouteSm_->awaitEntryRemoval(fn, vrfPrefix);
    return true;
 }
 

@@ -82,6 +82,12 @@ public:
    // Programs the prefix with the VRF's drop next hop; `oldRouteInfo` is what
    // the hardware holds for it now. Answers whether the hardware took it.
    bool addPrefixToHwWithDropNh(const KivSegmentHwInfo& info, const RouteInfo& oldRouteInfo);
+   // When hardware still holds the entry of the prefix's withdrawn FIB route
+   // (the routing layer reported the withdrawal before removing it) and
+   // `routeInfo` says nothing of the prefix is in hardware: records the
+   // prefix saved, has the FIB route reactor put it in once the entry is
+   // gone, and answers true. Traced under `fn`.
+   bool awaitFibEntryRemoval(const char* fn, const KivSegmentRouteInfo& routeInfo);
    void removeIpPrefix(const KivSegmentHwInfo& info);
    void removeIp6Prefix(const KivSegmentHwInfo& info);
    // Takes the prefix out of hardware, or gives a FIB route of the same

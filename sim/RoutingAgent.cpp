@@ -30,18 +30,25 @@ Zop::String vrfText(const L3::VrfName& name) {
 
 }  // namespace
 
-RoutingAgent::RoutingAgent(Zop::Ptr<L3Status> l3Status,
+RoutingAgent::RoutingAgent(Zop::Ptr<Ruv::TaskScheduler> scheduler, Zop::Ptr<L3Status> l3Status,
                            Zop::Ptr<KivVrfFibRouteCollection> fibRoutes,
                            Zop::Ptr<KivVrfFibRoute6Collection> fibRoutes6,
                            Zop::Ptr<RouteReactorStatus> routeStatus,
                            Zop::Ptr<Route6ReactorStatus> route6Status,
                            Zop::Ptr<HardwareRouteTable> hardware)
-    : l3Status_(std::move(l3Status)),
+    : scheduler_(std::move(scheduler)),
+      l3Status_(std::move(l3Status)),
       fibRoutes_(std::move(fibRoutes)),
       fibRoutes6_(std::move(fibRoutes6)),
       routeStatus_(std::move(routeStatus)),
       route6Status_(std::move(route6Status)),
-      hardware_(std::move(hardware)) {}
+      hardware_(std::move(hardware)),
+      removalTask_(Ruv::makeTask(scheduler_, "SimRoutingEntryRemovalTask",
+                                 [this] { removePendingEntries(); })) {}
+
+RoutingAgent::~RoutingAgent() {
+   removalTask_->cancel();
+}
 
 Outcome RoutingAgent::vrfAdd(const L3::VrfName& name, VrfId id, bool routing, bool routing6) {
    if (name.empty()) {
@@ -122,6 +129,12 @@ Outcome RoutingAgent::vrfDelete(const L3::VrfName& name) {
    while (!vrf.fib.empty()) {
       fibWithdraw(vrf, vrf.fib.begin()->first);
    }
+   // Whatever the order of a withdrawal, the VRF's entries are out of
+   // hardware before its id is given up: a VRF made with the id next must not
+   // find them.
+   std::erase_if(pendingRemovals_, [&](const HardwareRouteTable::Key& key) {
+      return key.vrfId == vrf.id && (hardware_->fibRouteDel(key), true);
+   });
    withdraw(name, vrf);
    vrfs_.erase(it);
    return Outcome::done();
@@ -159,6 +172,8 @@ Outcome RoutingAgent::fibAdd(const L3::VrfName& vrfName, const Pexo::IpGenPrefix
    }
    const RouteInfo info(RouteType::routeTypeForward, adjIndex);
    const auto adj = Zop::makePtr<AdjEntry>(RouteType::routeTypeForward, adjIndex);
+   // Back before its entry left hardware: the entry is the route's again.
+   pendingRemovals_.erase({vrf.id, prefix});
    hardware_->fibRouteIs({vrf.id, prefix}, info);
    if (prefix.isIpv4()) {
       const VrfAndPrefix key(vrf.id, prefix.v4());
@@ -190,7 +205,14 @@ void RoutingAgent::fibWithdraw(Vrf& vrf, const Pexo::IpGenPrefix& prefix) {
    // `prefix` may refer to the map entry erased here.
    const Pexo::IpGenPrefix p = prefix;
    vrf.fib.erase(p);
-   hardware_->fibRouteDel({vrf.id, p});
+   if (withdrawOrder_ == WithdrawOrder::reportFirst) {
+      pendingRemovals_.insert({vrf.id, p});
+      if (!removalTask_->isScheduled()) {
+         removalTask_->scheduleTaskNoLaterThan(scheduler_->clock()->now() + kEntryRemovalDelay);
+      }
+   } else {
+      hardware_->fibRouteDel({vrf.id, p});
+   }
    if (p.isIpv4()) {
       const VrfAndPrefix key(vrf.id, p.v4());
       vrf.trie->routeDel(p.v4());
@@ -202,6 +224,15 @@ void RoutingAgent::fibWithdraw(Vrf& vrf, const Pexo::IpGenPrefix& prefix) {
       l3Status_->route6AdjDel(key);
       fibRoutes6_->fibRouteDel(key);
    }
+}
+
+void RoutingAgent::removePendingEntries() {
+   // Only an entry the FIB route still owns goes: one the segment library
+   // has taken over since is not the routing layer's to remove.
+   for (const auto& key : pendingRemovals_) {
+      hardware_->fibRouteDel(key);
+   }
+   pendingRemovals_.clear();
 }
 
 std::optional<VrfId> RoutingAgent::vrfId(const L3::VrfName& name) const {

@@ -27,6 +27,14 @@
 // hardware, and asking the L3 status whether the prefix is still a FIB route
 // gets "no".
 //
+// That is the default order (WithdrawOrder::removeFirst). A routing layer may
+// also report a withdrawal first and take the entry out of hardware on a
+// later run of its own (WithdrawOrder::reportFirst): the trie, the adjacency
+// and the collection entry go at once, the hardware entry kEntryRemovalDelay
+// later, unless the route is added back meanwhile. A library that reinstalls
+// a segment prefix over the FIB route's entry before it is gone would have it
+// taken out with that entry.
+//
 // Requests are refused (sim::Outcome) when they do not make sense: a FIB
 // route in a VRF without an id, an invalid prefix, an id another VRF holds.
 // All of it runs synchronously on the reactor thread.
@@ -34,6 +42,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "Pexo/Prefix.h"
@@ -43,6 +52,7 @@
 #include "Routing/L3Status.h"
 #include "Routing/RouteReactor.h"
 #include "Routing/Trie.h"
+#include "Ruv/TaskScheduler.h"
 #include "sim/HardwareRouteTable.h"
 #include "sim/Outcome.h"
 
@@ -57,10 +67,17 @@ public:
       return kDropL2Base + 2 * uint64_t(dropIndex) + (af == Pexo::AddressFamily::ipv6 ? 1 : 0);
    }
 
-   RoutingAgent(Zop::Ptr<L3Status> l3Status, Zop::Ptr<KivVrfFibRouteCollection> fibRoutes,
+   // In which order a FIB route's withdrawal reaches hardware and the
+   // collections; see above.
+   enum class WithdrawOrder { removeFirst, reportFirst };
+   static constexpr Zop::Time kEntryRemovalDelay = 40 * Zop::kMillisecond;
+
+   RoutingAgent(Zop::Ptr<Ruv::TaskScheduler> scheduler, Zop::Ptr<L3Status> l3Status,
+                Zop::Ptr<KivVrfFibRouteCollection> fibRoutes,
                 Zop::Ptr<KivVrfFibRoute6Collection> fibRoutes6,
                 Zop::Ptr<RouteReactorStatus> routeStatus,
                 Zop::Ptr<Route6ReactorStatus> route6Status, Zop::Ptr<HardwareRouteTable> hardware);
+   ~RoutingAgent();
    RoutingAgent(const RoutingAgent&) = delete;
    RoutingAgent& operator=(const RoutingAgent&) = delete;
 
@@ -76,6 +93,11 @@ public:
    // happens). The VRF must have an id; the prefix must be valid.
    Outcome fibAdd(const L3::VrfName& vrf, const Pexo::IpGenPrefix& prefix, uint64_t adjIndex);
    Outcome fibDelete(const L3::VrfName& vrf, const Pexo::IpGenPrefix& prefix);
+
+   WithdrawOrder withdrawOrder() const { return withdrawOrder_; }
+   void withdrawOrderIs(WithdrawOrder order) { withdrawOrder_ = order; }
+   // Withdrawn FIB routes whose hardware entry is still to be removed.
+   size_t entryRemovalsPending() const { return pendingRemovals_.size(); }
 
    // ---- Looking ----
    std::optional<VrfId> vrfId(const L3::VrfName& name) const;
@@ -100,7 +122,10 @@ private:
    void publish(const L3::VrfName& name, Vrf& vrf);
    void withdraw(const L3::VrfName& name, Vrf& vrf);
    void fibWithdraw(Vrf& vrf, const Pexo::IpGenPrefix& prefix);
+   // The hardware entries of routes withdrawn report-first.
+   void removePendingEntries();
 
+   Zop::Ptr<Ruv::TaskScheduler> scheduler_;
    Zop::Ptr<L3Status> l3Status_;
    Zop::Ptr<KivVrfFibRouteCollection> fibRoutes_;
    Zop::Ptr<KivVrfFibRoute6Collection> fibRoutes6_;
@@ -108,6 +133,9 @@ private:
    Zop::Ptr<Route6ReactorStatus> route6Status_;
    Zop::Ptr<HardwareRouteTable> hardware_;
    std::map<L3::VrfName, Vrf> vrfs_;
+   WithdrawOrder withdrawOrder_ = WithdrawOrder::removeFirst;
+   std::set<HardwareRouteTable::Key> pendingRemovals_;
+   Zop::Ptr<Ruv::Task> removalTask_;
 };
 
 }  // namespace sim

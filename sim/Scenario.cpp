@@ -334,7 +334,7 @@ bool Scenario::execute(const Words& w, std::ostream& out) {
    } else if (c == "routing-helper") {
       routingHelper(w);
    } else if (c == "routing") {
-      routingBusy(w);
+      routing(w);
    } else if (c == "hwfail") {
       hwfail(w);
    } else if (c == "hwcapacity") {
@@ -571,12 +571,22 @@ void Scenario::routingHelper(const Words& w) {
    switch_->routingStatusHelper()->readyIs(w[1] == "ready");
 }
 
-void Scenario::routingBusy(const Words& w) {
-   usage(w, 3, 3, "routing busy on/off");
-   if (w[1] != "busy") {
-      bad("unexpected word " + quoted(w[1]) + ": routing busy on/off");
+void Scenario::routing(const Words& w) {
+   static constexpr char kForm[] =
+       "routing busy on/off | routing withdraw remove-first/report-first";
+   usage(w, 3, 3, kForm);
+   if (w[1] == "busy") {
+      switch_->routingLayer().ownBusyIs(onOff(w[2]));
+   } else if (w[1] == "withdraw") {
+      if (w[2] != "remove-first" && w[2] != "report-first") {
+         bad(quoted(w[2]) + " is not remove-first/report-first");
+      }
+      switch_->routing().withdrawOrderIs(w[2] == "report-first"
+                                             ? RoutingAgent::WithdrawOrder::reportFirst
+                                             : RoutingAgent::WithdrawOrder::removeFirst);
+   } else {
+      bad("unexpected word " + quoted(w[1]) + ": " + kForm);
    }
-   switch_->routingLayer().ownBusyIs(onOff(w[2]));
 }
 
 void Scenario::hwfail(const Words& w) {

@@ -115,7 +115,7 @@ private:
    void grant(const Words& w);
    void revoke(const Words& w);
    void routingHelper(const Words& w);
-   void routingBusy(const Words& w);
+   void routing(const Words& w);
    void hwfail(const Words& w);
    void hwcapacity(const Words& w);
    void fwVrf(const Words& w);

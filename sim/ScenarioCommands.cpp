@@ -28,8 +28,9 @@ constexpr std::array kCommands = {
                     "the allocator notifies a grant again, unchanged"},
     ScenarioCommand{"routing-helper", "routing-helper ready/unready",
                     "the routing status helper's answer to the feature's handshake"},
-    ScenarioCommand{"routing", "routing busy on/off",
-                    "the routing layer busy with a routing disable of its own"},
+    ScenarioCommand{
+        "routing", "routing busy on/off | routing withdraw remove-first/report-first",
+        "routing layer busy on its own; a withdrawn FIB route's entry goes first or last"},
     ScenarioCommand{"hwfail", "hwfail VRF PREFIX on/off/once",
                     "make hardware programming of a prefix fail"},
     ScenarioCommand{"hwcapacity", "hwcapacity N/none",

@@ -34,8 +34,8 @@ Switch::Switch(Options options)
       syslogSink_(Zop::makePtr<Syslog::MemorySink>()),
       syslogRegistry_(Zop::makePtr<Syslog::Registry>(syslogSink_)),
       hardware_(Zop::makePtr<HardwareRouteTable>()) {
-   routing_ = std::make_unique<RoutingAgent>(l3Status_, fibRoutes_, fibRoutes6_, routeStatus_,
-                                             route6Status_, hardware_);
+   routing_ = std::make_unique<RoutingAgent>(scheduler_, l3Status_, fibRoutes_, fibRoutes6_,
+                                             routeStatus_, route6Status_, hardware_);
    resolver_ =
        std::make_unique<RouteResolver>(scheduler_, l3Status_, fibRoutes_, fibRoutes6_, routeConfig_,
                                        route6Config_, routeStatus_, route6Status_);

@@ -186,3 +186,33 @@ TEST(SimRoutingAgent, FibCollectionChangesLastBothWays) {
    EXPECT_EQ(p.l3Status->routeAdjCount() + p.l3Status->route6AdjCount(), 0u);
    EXPECT_EQ(p.hardware->size(), 0u);
 }
+
+// A routing layer that reports a withdrawal before its hardware entry goes:
+// the collections change at once, the entry a moment later, unless the route
+// came back meanwhile. The entry of a route that stays withdrawn is removed
+// whatever it carries; a route back in time keeps its entry and its id.
+TEST(SimRoutingAgent, ReportFirstRemovesTheEntryOnALaterRun) {
+   simtest::Platform p;
+   p.routing.withdrawOrderIs(sim::RoutingAgent::WithdrawOrder::reportFirst);
+   ASSERT_TRUE(p.routing.vrfAdd("red", VrfId(1), false, false).ok());
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("10.1.0.0/16"), 5).ok());
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("2001:db8::/32"), 6).ok());
+   ASSERT_TRUE(p.hardware->hardwareIdIs(hwKey(1, "10.1.0.0/16"), SegmentHwId(4)));
+
+   ASSERT_TRUE(p.routing.fibDelete("red", pfx("10.1.0.0/16")).ok());
+   ASSERT_TRUE(p.routing.fibDelete("red", pfx("2001:db8::/32")).ok());
+   EXPECT_FALSE(p.fibRoutes->fibRoute(VrfAndPrefix(VrfId(1), pfx("10.1.0.0/16").v4())));
+   EXPECT_FALSE(p.l3Status->routeAdj(VrfAndPrefix(VrfId(1), pfx("10.1.0.0/16").v4())));
+   EXPECT_EQ(p.hardware->size(), 2u) << "both entries still in hardware";
+   EXPECT_EQ(p.routing.entryRemovalsPending(), 2u);
+
+   // The IPv6 route comes back before its entry went: it keeps the entry.
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("2001:db8::/32"), 7).ok());
+   p.settle();
+   EXPECT_GE(p.clock->now(), sim::RoutingAgent::kEntryRemovalDelay);
+   EXPECT_FALSE(p.hardware->entry(hwKey(1, "10.1.0.0/16")));
+   ASSERT_TRUE(p.hardware->entry(hwKey(1, "2001:db8::/32")));
+   EXPECT_EQ(p.hardware->entry(hwKey(1, "2001:db8::/32"))->routeInfo,
+             RouteInfo(RouteType::routeTypeForward, 7));
+   EXPECT_EQ(p.routing.entryRemovalsPending(), 0u);
+}

@@ -39,7 +39,8 @@ struct Platform {
    Zop::Ptr<Kiv::VrfPrefixCollection> reviewList = Kiv::vrfPrefixCollectionFactory();
    Zop::Ptr<sim::HardwareRouteTable> hardware = Zop::makePtr<sim::HardwareRouteTable>();
 
-   sim::RoutingAgent routing{l3Status, fibRoutes, fibRoutes6, routeStatus, route6Status, hardware};
+   sim::RoutingAgent routing{scheduler,   l3Status,     fibRoutes, fibRoutes6,
+                             routeStatus, route6Status, hardware};
    sim::RouteResolver resolver{scheduler,   l3Status,     fibRoutes,   fibRoutes6,
                                routeConfig, route6Config, routeStatus, route6Status};
    sim::HwIdAllocator allocator{scheduler, requests, responses};

@@ -257,6 +257,11 @@ public:
    // The opening: some VRFs, the firewall on, settled.
    Lines opening() {
       Lines out;
+      // Half the histories run on a routing layer that reports a FIB route's
+      // withdrawal before its entry leaves hardware.
+      if (chance(2)) {
+         out.push_back("routing withdraw report-first");
+      }
       const size_t vrfs = 1 + rng_() % 3;
       for (size_t i = 0; i < vrfs; ++i) {
          out.push_back(vrfLine(kVrfs[i], i + 1));
