@@ -12,11 +12,6 @@ namespace {
 
 constexpr const char* kSource = "Ruv/TaskScheduler";
 
-// The scheduler whose task is running, for the free taskShouldYield(). One
-// reactor thread, so a plain global; saved and restored around each run so
-// that a run driving another scheduler leaves it right.
-TaskScheduler* gRunningScheduler = nullptr;
-
 // Statistics measure real time whatever clock the scheduler runs on.
 Zop::Time monotonicNow() {
    return Zop::monotonicNow();
@@ -238,13 +233,13 @@ bool TaskScheduler::runOnce() {
    struct RunScope {
       TaskScheduler* scheduler;
       TaskScheduler* outer;
-      RunScope(TaskScheduler* s, Task* t) : scheduler(s), outer(gRunningScheduler) {
+      RunScope(TaskScheduler* s, Task* t) : scheduler(s), outer(detail::runningScheduler) {
          scheduler->current_ = t;
-         gRunningScheduler = s;
+         detail::runningScheduler = s;
       }
       ~RunScope() {
          scheduler->current_ = nullptr;
-         gRunningScheduler = outer;
+         detail::runningScheduler = outer;
       }
    };
 
@@ -368,8 +363,13 @@ void TaskScheduler::yieldPolicyIs(Zop::Ptr<YieldPolicy> policy) {
    }
 }
 
+// For the free taskShouldYield(). One reactor thread, so a plain global;
+// saved and restored around each run so that a run driving another scheduler
+// leaves it right.
+TaskScheduler* detail::runningScheduler = nullptr;
+
 bool taskShouldYield() {
-   return gRunningScheduler != nullptr && gRunningScheduler->taskShouldYield();
+   return detail::runningScheduler != nullptr && detail::runningScheduler->taskShouldYield();
 }
 
 }  // namespace Ruv

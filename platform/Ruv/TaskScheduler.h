@@ -333,6 +333,17 @@ private:
 };
 
 // The running task's scheduler's answer; false outside any task run.
-bool taskShouldYield();
+//
+// Process-wide like the trace state: a shared library that embeds this code
+// runs its tasks on the program's scheduler, and must see the run the
+// program's copy started, or its tasks would never yield.
+#define RUV_PROCESS_WIDE __attribute__((visibility("default")))
+
+RUV_PROCESS_WIDE bool taskShouldYield();
+
+namespace detail {
+// The scheduler whose task is running; nullptr between runs.
+extern RUV_PROCESS_WIDE TaskScheduler* runningScheduler;
+}  // namespace detail
 
 }  // namespace Ruv

@@ -1,7 +1,8 @@
 # Runs kivsim with the trace at level 8 on every scenario in DIRS (folders
 # separated by '|'; each run from the scenario's folder) but the scale runs,
-# and fails if a trace line starts with a routine ROUTINES does not list. Every scenario runs; the
-# strange lines are reported together, with the scenario they came from.
+# and fails if a trace line starts with a routine ROUTINES does not list.
+# Every scenario runs; the strange lines are reported together, with the
+# scenario they came from.
 file(STRINGS ${ROUTINES} known REGEX "^[^#]")
 string(REPLACE "|" ";" dirs "${DIRS}")
 set(scenarios "")
