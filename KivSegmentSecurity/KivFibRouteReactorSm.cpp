@@ -1,6 +1,6 @@
 // The FIB route reactor: keeps FIB routes at the id of the longest segment
 // prefix covering them, and puts a segment prefix whose FIB route went away
-// back into hardware with the drop next hop.
+// back into hardware once the FIB route's entry is gone.
 
 #include "KivSegmentSecurity/KivFibRouteReactorSm.h"
 

@@ -5,10 +5,12 @@
 // It reacts to a FIB route appearing, changing or disappearing (either FIB
 // route collection, or the route's adjacency in the L3 status) and drains the
 // FIB route review list that syncFibRouteHwId fills. A FIB route that is a
-// segment prefix gets the segment's id at once (or, when the FIB route went
-// away, the segment prefix goes back into hardware with the drop next hop);
-// any other FIB route is queued, and the review task "SegSecRouteTask" gives
-// it the id of the longest segment prefix covering it, or 0.
+// segment prefix gets the segment's id at once; when such a FIB route goes
+// away, the review task puts the segment prefix back once the routing layer
+// has taken the FIB route's entry out of hardware (the drop route, or the
+// resolver's standing answer where the VRF routes). Any other FIB route is
+// queued, and the review task "SegSecRouteTask" gives it the id of the
+// longest segment prefix covering it, or 0.
 //
 // Notification handlers only queue work; the task yields between keys.
 
