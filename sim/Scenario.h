@@ -23,7 +23,7 @@
 namespace sim {
 
 struct ScenarioOptions {
-   // hw prints JSON without being asked to.
+   // hw, show and request print JSON without being asked to.
    bool json = false;
    // Trace level of the scenario's Duolog (5 decisions, 8 functions).
    Trace::Level traceLevel = Trace::kDecisions;

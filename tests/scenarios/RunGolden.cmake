@@ -2,9 +2,12 @@
 # unless the exit status is STATUS and ACTUAL equals EXPECTED byte for byte;
 # when EXPECTED_ERRORS exists, standard error must equal it too. An empty
 # SCENARIO runs kivsim with no file. Standard input is never a terminal here,
-# so that no run waits at the prompt.
+# so that no run waits at the prompt: it is INPUT when given, else empty.
+if(NOT INPUT)
+  set(INPUT /dev/null)
+endif()
 execute_process(COMMAND ${KIVSIM} ${SCENARIO}
-  INPUT_FILE /dev/null
+  INPUT_FILE ${INPUT}
   OUTPUT_FILE ${ACTUAL}
   ERROR_VARIABLE errors
   RESULT_VARIABLE rc)

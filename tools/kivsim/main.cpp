@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -30,10 +31,13 @@ const char* kUsage =
     "  no FILE            standard input is a terminal: the 'kivsim> ' prompt, with\n"
     "                     line editing, history and completion of the command word\n"
     "                     when built with libedit ('help' lists the commands);\n"
-    "                     otherwise the bundled default scenario (examples/default.kiv)\n"
+    "                     otherwise standard input is the scenario, and an empty one\n"
+    "                     runs the bundled default scenario (examples/default.kiv)\n"
     "Options:\n"
-    "  --json             hw prints JSON\n"
-    "  --trace FILE       write the text trace to FILE\n"
+    "  --default          run the bundled default scenario, whatever the input\n"
+    "  --json             hw, show and request print JSON\n"
+    "  --trace FILE       write the text trace to FILE (never a scenario: a FILE\n"
+    "                     run as a scenario, or an existing .kiv file, is refused)\n"
     "  --trace-level N    trace level (default 5; 8 adds function entries)\n"
     "  --yield-every N    every task yields after N items\n"
     "  --stats            print the run's figures to standard error at exit\n"
@@ -98,6 +102,45 @@ void printStats(sim::Scenario& scenario) {
    }
 }
 
+// Why `file` cannot be run as a scenario; empty when it can be read.
+std::string unreadable(const std::string& file) {
+   if (file == "-") {
+      return "";
+   }
+   std::error_code error;
+   if (std::filesystem::is_directory(file, error)) {
+      return "'" + file + "' is a directory, not a scenario file";
+   }
+   std::ifstream in(file);
+   if (!in) {
+      return "cannot read '" + file + "'";
+   }
+   return "";
+}
+
+// Why the trace may not go to `traceFile`; empty when it may. A trace never
+// overwrites a scenario: one given to run, or an existing .kiv file (the
+// likely meaning of `kivsim --trace scenario.kiv` is a forgotten trace name).
+std::string traceRefused(const std::string& traceFile, const std::vector<std::string>& files) {
+   std::error_code error;
+   for (const auto& file : files) {
+      if (file != "-" && std::filesystem::equivalent(traceFile, file, error)) {
+         return "--trace '" + traceFile + "' would overwrite a scenario it runs";
+      }
+   }
+   if (std::filesystem::path(traceFile).extension() == ".kiv" &&
+       std::filesystem::exists(traceFile, error)) {
+      return "--trace '" + traceFile +
+             "' would overwrite a scenario file (give the trace its own name)";
+   }
+   return "";
+}
+
+// Whether standard input (not a terminal) has nothing to read.
+bool stdinEmpty() {
+   return std::cin.peek() == std::char_traits<char>::eof();
+}
+
 int worse(int a, int b) {
    return a > b ? a : b;
 }
@@ -138,6 +181,7 @@ int interactive(sim::Scenario& scenario) {
 int main(int argc, char** argv) {
    sim::ScenarioOptions options;
    bool stats = false;
+   bool bundled = false;
    const char* traceFile = nullptr;
    std::vector<std::string> files;
    for (int i = 1; i < argc; ++i) {
@@ -160,6 +204,8 @@ int main(int argc, char** argv) {
       } else if (arg == "--version") {
          std::cout << "kivsim " << KIVSIM_VERSION << '\n';
          return kOk;
+      } else if (arg == "--default") {
+         bundled = true;
       } else if (arg == "--json") {
          options.json = true;
       } else if (arg == "--stats") {
@@ -197,8 +243,24 @@ int main(int argc, char** argv) {
       }
    }
 
+   // Nothing runs unless every scenario can be read, and nothing is written
+   // over one.
+   for (const auto& file : files) {
+      if (std::string why = unreadable(file); !why.empty()) {
+         std::cerr << "kivsim: " << why << '\n';
+         return kBad;
+      }
+   }
+   if (bundled && !files.empty()) {
+      std::cerr << "kivsim: --default runs the bundled scenario; give no FILE with it\n";
+      return kBad;
+   }
    std::ofstream trace;
    if (traceFile) {
+      if (std::string why = traceRefused(traceFile, files); !why.empty()) {
+         std::cerr << "kivsim: " << why << '\n';
+         return kBad;
+      }
       trace.open(traceFile);
       if (!trace) {
          std::cerr << "kivsim: cannot write the trace to '" << traceFile << "'\n";
@@ -207,12 +269,16 @@ int main(int argc, char** argv) {
       options.traceStream = &trace;
    }
 
-   bool prompt = files.empty() && isatty(STDIN_FILENO);
+   const bool terminal = isatty(STDIN_FILENO);
+   const bool prompt = !bundled && files.empty() && terminal;
 
    sim::Scenario scenario(options);
    int status = kOk;
    if (prompt) {
       status = interactive(scenario);
+   } else if (files.empty() && !bundled && !terminal && !stdinEmpty()) {
+      // `kivsim < scenario.kiv`, `... | kivsim`: the input is the scenario.
+      status = judged(scenario.run(std::cin, "<stdin>", std::cout));
    } else if (files.empty()) {
       std::istringstream in(kivsim::kDefaultScenario);
       status = judged(scenario.run(in, kivsim::kDefaultScenarioName, std::cout));
@@ -227,7 +293,7 @@ int main(int argc, char** argv) {
             fileStatus = judged(scenario.run(std::cin, "<stdin>", std::cout));
          } else {
             std::ifstream in(file);
-            if (!in) {
+            if (!in) {  // gone since it was checked
                std::cout << std::flush;
                std::cerr << "kivsim: cannot read '" << file << "'\n";
                fileStatus = kBad;
@@ -236,7 +302,7 @@ int main(int argc, char** argv) {
             }
          }
          status = worse(status, fileStatus);
-         // A bad line or an unreadable file stops the run there.
+         // A bad line stops the run there.
          if (fileStatus == kBad) {
             break;
          }
