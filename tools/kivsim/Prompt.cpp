@@ -14,6 +14,34 @@
 
 namespace kivsim {
 
+// Without line editing the terminal hands over what the keys send: an arrow
+// key arrives as ESC [ A. Such sequences (ESC, an optional '[' or 'O', then
+// parameter bytes up to a final letter or '~') and other control characters
+// but the tab are dropped, so that they never reach the parser as words.
+std::string withoutTerminalKeys(const std::string& line) {
+   std::string out;
+   for (size_t i = 0; i < line.size(); ++i) {
+      const unsigned char c = static_cast<unsigned char>(line[i]);
+      if (c == 0x1b) {
+         if (i + 1 < line.size() && (line[i + 1] == '[' || line[i + 1] == 'O')) {
+            ++i;
+         }
+         while (i + 1 < line.size()) {
+            const unsigned char p = static_cast<unsigned char>(line[++i]);
+            if ((p >= 0x40 && p <= 0x7e) && p != '[') {
+               break;
+            }
+         }
+         continue;
+      }
+      if (c < 0x20 && c != '\t') {
+         continue;
+      }
+      out.push_back(static_cast<char>(c));
+   }
+   return out;
+}
+
 #ifdef KIVSIM_LIBEDIT
 
 namespace {
@@ -97,7 +125,7 @@ std::optional<std::string> Prompt::read() {
    if (!std::getline(std::cin, line)) {
       return std::nullopt;
    }
-   return line;
+   return withoutTerminalKeys(line);
 }
 
 #endif

@@ -10,6 +10,10 @@
 
 namespace kivsim {
 
+// `line` without the escape sequences and control characters (but the tab) a
+// terminal sends for keys such as the arrows: what a plain read gets.
+std::string withoutTerminalKeys(const std::string& line);
+
 class Prompt {
 public:
    explicit Prompt(std::string text);
