@@ -4,6 +4,7 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -13,6 +14,8 @@
 #include <optional>
 #include <ostream>
 #include <sstream>
+#include <stdexcept>
+#include <string_view>
 #include <tuple>
 
 #include "Zop/Error.h"
@@ -32,6 +35,15 @@ struct BadWord {
 
 [[noreturn]] void bad(std::string message) {
    throw BadWord{std::move(message)};
+}
+
+// The command `word` names (spelt out or shortened to a prefix only it has).
+const ScenarioCommand& commandNamed(const std::string& word) {
+   try {
+      return scenarioCommandNamed(word);
+   } catch (const std::invalid_argument& e) {
+      bad(e.what());
+   }
 }
 
 std::string quoted(const std::string& word) {
@@ -259,6 +271,9 @@ Scenario::Result Scenario::run(std::istream& in, const std::string& fileName, st
       if (r.kind == Result::Kind::badLine) {
          return r;
       }
+      if (r.stop) {
+         break;
+      }
       if (r.kind == Result::Kind::checkFailed) {
          result.kind = Result::Kind::checkFailed;
       }
@@ -277,6 +292,26 @@ Scenario::Result Scenario::runLine(const std::string& line, const std::string& f
    // Looking commands write to a buffer first, so a bad line prints nothing.
    std::ostringstream buffer;
    try {
+      // "?" alone lists the commands; a line ending in "?" gives its
+      // command's usage, as help COMMAND does.
+      if (w.front() == "?") {
+         help({"help"}, buffer);
+         out << buffer.str();
+         return result;
+      }
+      // A command word may be shortened to any prefix only it has.
+      w[0] = std::string(commandNamed(w[0]).word);
+      result.command = w[0];
+      if (w.size() > 1 && w.back() == "?") {
+         help({"help", w[0]}, buffer);
+         out << buffer.str();
+         return result;
+      }
+      if (w[0] == "exit" || w[0] == "quit") {
+         usage(w, 1, 1, w[0].c_str());
+         result.stop = true;
+         return result;
+      }
       bool passed = true;
       if (w[0] == "echo") {
          // The text as written, from the first word after "echo".
@@ -889,7 +924,14 @@ void Scenario::show(const Words& w, std::ostream& out) {
       json = true;
       args.pop_back();
    }
-   const std::string& what = w[1];
+   static constexpr std::array<std::string_view, 4> kShows = {"routes", "detail", "summary",
+                                                              "counters"};
+   std::string what;
+   try {
+      what = std::string(wordNamed(w[1], kShows, "show"));
+   } catch (const std::invalid_argument& e) {
+      bad(std::string(e.what()) + ": " + form);
+   }
    std::string command;
    if (what == "routes" || what == "detail" || what == "summary") {
       if (args.size() > 2) {
@@ -952,9 +994,11 @@ void Scenario::help(const Words& w, std::ostream& out) {
       }
       return;
    }
-   const ScenarioCommand* c = scenarioCommand(w[1]);
-   if (!c) {
-      bad("unknown command " + quoted(w[1]) + " (help lists the commands)");
+   const ScenarioCommand* c = nullptr;
+   try {
+      c = &scenarioCommandNamed(w[1]);
+   } catch (const std::invalid_argument& e) {
+      bad(std::string(e.what()) + " (help lists the commands)");
    }
    // One alternative a line, aligned under the first.
    const char* lead = "usage: ";

@@ -43,6 +43,10 @@ struct ScenarioResult {
    Kind kind = Kind::ok;
    // For a bad line: "file:line: message".
    std::string message;
+   // The command the line ran, its word spelt out (empty for a blank line).
+   std::string command;
+   // The line was exit or quit: nothing more is to be read.
+   bool stop = false;
    bool ok() const { return kind == Kind::ok; }
 };
 

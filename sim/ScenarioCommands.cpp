@@ -1,6 +1,9 @@
 #include "sim/ScenarioCommands.h"
 
 #include <array>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 namespace sim {
 
@@ -50,23 +53,28 @@ constexpr std::array kCommands = {
     ScenarioCommand{"gen",
                     "gen fib VRF COUNT PREFIX/LEN | gen prefixes VRF SEGMENT COUNT PREFIX/LEN",
                     "bulk-generate consecutive FIB routes or prefix-list entries"},
-    ScenarioCommand{"settle", "settle", "run the event loop until nothing is scheduled"},
-    ScenarioCommand{"step", "step [N]", "run N scheduler slices (default 1)"},
+    ScenarioCommand{"settle", "settle", "run the event loop until nothing is scheduled", true},
+    ScenarioCommand{"step", "step [N]", "run N scheduler slices (default 1)", true},
     ScenarioCommand{"show",
                     "show routes/detail/summary [VRF [SEGMENT]] [json] | show counters [VRF] "
                     "[json]",
-                    "the CLI's show commands (hardware routes, detail, summary, counters)"},
+                    "the CLI's show commands (hardware routes, detail, summary, counters)", true},
     ScenarioCommand{"clear", "clear counters", "the CLI's clear: counters count from now on"},
     ScenarioCommand{"request", "request TEXT [json]",
-                    "a raw CLI request text (COMMAND#VRF#SEGMENT), as the switch's CLI sends it"},
-    ScenarioCommand{"hw", "hw [VRF] [json]", "the simulated hardware table"},
-    ScenarioCommand{"status", "status", "the feature's status fields"},
+                    "a raw CLI request text (COMMAND#VRF#SEGMENT), as the switch's CLI sends it",
+                    true},
+    ScenarioCommand{"hw", "hw [VRF] [json]", "the simulated hardware table", true},
+    ScenarioCommand{"status", "status", "the feature's status fields", true},
     ScenarioCommand{"check", "check",
-                    "compare the hardware with the expected state: check: ok, or the differences"},
-    ScenarioCommand{"syslog", "syslog", "the messages raised so far"},
-    ScenarioCommand{"trace", "trace [N]", "the last N trace lines (default 10)"},
-    ScenarioCommand{"echo", "echo TEXT", "print TEXT on a line of its own"},
-    ScenarioCommand{"help", "help [COMMAND]", "the commands, or the usage of one"},
+                    "compare the hardware with the expected state: check: ok, or the differences",
+                    true},
+    ScenarioCommand{"syslog", "syslog", "the messages raised so far", true},
+    ScenarioCommand{"trace", "trace [N]", "the last N trace lines (default 10)", true},
+    ScenarioCommand{"echo", "echo TEXT", "print TEXT on a line of its own", true},
+    ScenarioCommand{"help", "help [COMMAND]",
+                    "the commands, or the usage of one (also a line ending in ?)", true},
+    ScenarioCommand{"exit", "exit", "leave: the prompt's session, or the rest of a file", true},
+    ScenarioCommand{"quit", "quit", "leave, as exit", true},
 };
 
 }  // namespace
@@ -82,6 +90,41 @@ const ScenarioCommand* scenarioCommand(std::string_view word) {
       }
    }
    return nullptr;
+}
+
+std::string_view wordNamed(std::string_view word, std::span<const std::string_view> choices,
+                           std::string_view what) {
+   std::vector<std::string_view> starting;
+   for (std::string_view choice : choices) {
+      if (choice == word) {
+         return choice;
+      }
+      if (!word.empty() && choice.substr(0, word.size()) == word) {
+         starting.push_back(choice);
+      }
+   }
+   if (starting.size() == 1) {
+      return starting.front();
+   }
+   std::string message = "unknown " + std::string(what) + " '" + std::string(word) + "'";
+   if (!starting.empty()) {
+      message = "ambiguous " + std::string(what) + " '" + std::string(word) + "': ";
+      for (size_t i = 0; i < starting.size(); ++i) {
+         message += (i ? ", " : "") + std::string(starting[i]);
+      }
+   }
+   throw std::invalid_argument(message);
+}
+
+const ScenarioCommand& scenarioCommandNamed(std::string_view word) {
+   static const std::vector<std::string_view> words = [] {
+      std::vector<std::string_view> all;
+      for (const auto& c : kCommands) {
+         all.push_back(c.word);
+      }
+      return all;
+   }();
+   return *scenarioCommand(wordNamed(word, words, "command"));
 }
 
 }  // namespace sim

@@ -14,10 +14,21 @@ struct ScenarioCommand {
    std::string_view word;
    std::string_view usage;
    std::string_view summary;
+   // Only looks (or runs the scheduler itself): the prompt settles after
+   // every other command.
+   bool looksOnly = false;
 };
 
 std::span<const ScenarioCommand> scenarioCommands();
 // The command starting with `word`, or nullptr.
 const ScenarioCommand* scenarioCommand(std::string_view word);
+// The command `word` names: the one it spells, or the only one it starts
+// (`sh` for show). Throws std::invalid_argument naming the word when it names
+// none, or several (naming them).
+const ScenarioCommand& scenarioCommandNamed(std::string_view word);
+// `word` completed among `choices` the same way; `what` names them in the
+// error ("show").
+std::string_view wordNamed(std::string_view word, std::span<const std::string_view> choices,
+                           std::string_view what);
 
 }  // namespace sim

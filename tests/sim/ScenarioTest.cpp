@@ -84,9 +84,10 @@ TEST(Scenario, BadLinesNameTheWordAndChangeNothing) {
    size_t commands = s.stats().commands;
 
    const std::pair<const char*, const char*> cases[] = {
-       {"show route",
-        "unknown show 'route': show routes/detail/summary [VRF [SEGMENT]] [json] | "
+       {"show links",
+        "unknown show 'links': show routes/detail/summary [VRF [SEGMENT]] [json] | "
         "show counters [VRF] [json]"},
+       {"se red web", "ambiguous command 'se': segment, settle"},
        {"show routes red web extra",
         "unexpected word 'extra': show routes/detail/summary [VRF [SEGMENT]] [json] | show "
         "counters [VRF] [json]"},

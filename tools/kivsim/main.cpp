@@ -15,6 +15,7 @@
 #include "DefaultScenario.h"
 #include "Prompt.h"
 #include "sim/Scenario.h"
+#include "sim/ScenarioCommands.h"
 
 namespace {
 
@@ -35,6 +36,7 @@ const char* kUsage =
     "                     runs the bundled default scenario (examples/default.kiv)\n"
     "Options:\n"
     "  --default          run the bundled default scenario, whatever the input\n"
+    "  --no-auto-settle   at the prompt, changes wait for 'settle' as in a file\n"
     "  --json             hw, show and request print JSON\n"
     "  --trace FILE       write the text trace to FILE (never a scenario: a FILE\n"
     "                     run as a scenario, or an existing .kiv file, is refused)\n"
@@ -156,9 +158,18 @@ int judged(const sim::ScenarioResult& result) {
    return result.kind == sim::ScenarioResult::Kind::checkFailed ? kCheckFailed : kOk;
 }
 
-// The prompt: errors are printed and the session goes on.
-int interactive(sim::Scenario& scenario) {
+const char* kBanner =
+    "kivsim: the segment library in a simulated switch. 'help' or '?' lists the\n"
+    "commands, 'COMMAND ?' gives one's usage; 'exit', 'quit' or Ctrl-D leaves.\n"
+    "Here every change settles at once; in a scenario file it takes effect at\n"
+    "its 'settle' (--no-auto-settle: here too).\n";
+
+// The prompt: errors are printed and the session goes on. With `autoSettle`,
+// every command that changes something is followed by a settle, so that
+// what the next command looks at has taken effect.
+int interactive(sim::Scenario& scenario, bool autoSettle) {
    int status = kOk;
+   std::cout << kBanner;
    kivsim::Prompt prompt("kivsim> ");
    uint64_t lineNo = 0;
    while (auto line = prompt.read()) {
@@ -167,10 +178,19 @@ int interactive(sim::Scenario& scenario) {
       if (result.kind == sim::ScenarioResult::Kind::badLine) {
          std::cerr << result.message << '\n';
          status = worse(status, kBad);
-      } else if (result.kind == sim::ScenarioResult::Kind::checkFailed) {
-         status = worse(status, kCheckFailed);
+      } else {
+         if (result.kind == sim::ScenarioResult::Kind::checkFailed) {
+            status = worse(status, kCheckFailed);
+         }
+         const sim::ScenarioCommand* command = sim::scenarioCommand(result.command);
+         if (autoSettle && command && !command->looksOnly) {
+            scenario.runLine("settle", "<stdin>", lineNo, std::cout);
+         }
       }
       std::cout << std::flush;
+      if (result.stop) {
+         return status;
+      }
    }
    std::cout << '\n';
    return status;
@@ -182,6 +202,7 @@ int main(int argc, char** argv) {
    sim::ScenarioOptions options;
    bool stats = false;
    bool bundled = false;
+   bool autoSettle = true;
    const char* traceFile = nullptr;
    std::vector<std::string> files;
    for (int i = 1; i < argc; ++i) {
@@ -206,6 +227,8 @@ int main(int argc, char** argv) {
          return kOk;
       } else if (arg == "--default") {
          bundled = true;
+      } else if (arg == "--no-auto-settle") {
+         autoSettle = false;
       } else if (arg == "--json") {
          options.json = true;
       } else if (arg == "--stats") {
@@ -275,7 +298,7 @@ int main(int argc, char** argv) {
    sim::Scenario scenario(options);
    int status = kOk;
    if (prompt) {
-      status = interactive(scenario);
+      status = interactive(scenario, autoSettle);
    } else if (files.empty() && !bundled && !terminal && !stdinEmpty()) {
       // `kivsim < scenario.kiv`, `... | kivsim`: the input is the scenario.
       status = judged(scenario.run(std::cin, "<stdin>", std::cout));
@@ -285,7 +308,7 @@ int main(int argc, char** argv) {
    } else {
       for (const auto& file : files) {
          if (file == "-" && isatty(STDIN_FILENO)) {
-            status = worse(status, interactive(scenario));
+            status = worse(status, interactive(scenario, autoSettle));
             continue;
          }
          int fileStatus = kOk;
