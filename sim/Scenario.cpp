@@ -838,10 +838,53 @@ bool Scenario::check(const Words& w, std::ostream& out) {
       out << "check: ok\n";
       return true;
    }
+   out << "check: " << differences.size()
+       << (differences.size() == 1 ? " difference" : " differences") << '\n';
    for (const auto& line : differences) {
       out << line << '\n';
+      if (std::string hint = whereToLook(line); !hint.empty()) {
+         out << "  " << hint << '\n';
+      }
    }
    return false;
+}
+
+std::string Scenario::whereToLook(const std::string& difference) const {
+   // A difference about one prefix starts "VRF PREFIX: "; the others (the
+   // feature's status, a grant) have no record or trace line of their own.
+   const Words words = split(difference);
+   if (words.size() < 3 || words[1].empty() || words[1].back() != ':') {
+      return "";
+   }
+   const std::string prefixText = words[1].substr(0, words[1].size() - 1);
+   Pexo::IpGenPrefix prefix;
+   try {
+      prefix = Zop::strepToValue<Pexo::IpGenPrefix>(prefixText);
+   } catch (const std::exception&) {
+      return "";
+   }
+   const auto vrfId = switch_->routing().vrfId(vrfNameOf(words[0]));
+   std::string record = "none";
+   if (vrfId) {
+      if (const auto* info =
+              switch_->segmentRoutesList()->routeInfoFind(VrfAndIpGenPrefix(*vrfId, prefix))) {
+         record = entryText(info->routeInfo(), info->hwId());
+      }
+   }
+   std::string lastTrace = "none in the buffer";
+   const auto texts = duolog_.ringlog().texts();
+   for (auto it = texts.rbegin(); it != texts.rend(); ++it) {
+      if (it->find(" " + prefixText) != std::string::npos) {
+         lastTrace = *it;
+         break;
+      }
+   }
+   size_t syslogs = 0;
+   for (const auto& r : switch_->syslogRecords()) {
+      syslogs += r.text.find(prefixText) != std::string::npos ? 1 : 0;
+   }
+   return "record: " + record + "; syslog: " + std::to_string(syslogs) +
+          (syslogs == 1 ? " message names it" : " messages name it") + "; last trace: " + lastTrace;
 }
 
 void Scenario::syslog(const Words& w, std::ostream& out) {

@@ -130,6 +130,9 @@ private:
    void step(const Words& w);
    void hw(const Words& w, std::ostream& out);
    void status(const Words& w, std::ostream& out);
+   // For a check difference about one prefix: the library's record of it,
+   // the syslog messages that name it and the last trace line about it.
+   std::string whereToLook(const std::string& difference) const;
    bool check(const Words& w, std::ostream& out);
    void syslog(const Words& w, std::ostream& out);
    void trace(const Words& w, std::ostream& out);

@@ -225,8 +225,12 @@ TEST(Scenario, AFileStopsAtItsBadLineAndAFailedCheckGoesOn) {
                    "f.kiv");
    EXPECT_EQ(r.result.kind, sim::Scenario::Result::Kind::badLine);
    EXPECT_EQ(r.result.message, "f.kiv:8: 'one' is not a number (VRF id)");
+   // The check's header counts the differences; under each, where to look.
    EXPECT_EQ(r.out,
+             "check: 1 difference\n"
              "red 10.1.0.0/16: missing, expected routeTypeDrop adj 1048578 id 1 (segment route)\n"
+             "  record: none; syslog: 0 messages name it; last trace: addPrefixToHwWithDropNh "
+             "10.1.0.0/16 could not be programmed in Hw\n"
              "still here\n");
 
    sim::Scenario t;
