@@ -1,5 +1,10 @@
 #include "Prompt.h"
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <iostream>
 
 #ifdef KIVSIM_LIBEDIT
@@ -42,9 +47,52 @@ std::string withoutTerminalKeys(const std::string& line) {
    return out;
 }
 
+namespace {
+
+// Ctrl-C at the prompt cancels the line being typed, not the program: the
+// handler only notes it, and the read it interrupts (installed without
+// SA_RESTART, so that it is interrupted) gives up the line.
+volatile std::sig_atomic_t gInterrupted = 0;
+
+void onInterrupt(int) {
+   gInterrupted = 1;
+}
+
+struct sigaction interruptsCancelLines() {
+   struct sigaction action {};
+   action.sa_handler = onInterrupt;
+   sigemptyset(&action.sa_mask);
+   action.sa_flags = 0;
+   struct sigaction previous {};
+   sigaction(SIGINT, &action, &previous);
+   return previous;
+}
+
+}  // namespace
+
 #ifdef KIVSIM_LIBEDIT
 
 namespace {
+
+// libedit's key source: one byte at a time, as its own does, but a Ctrl-C
+// empties the line and ends it, so that readline hands back an empty line.
+int readKey(FILE* in) {
+   for (;;) {
+      unsigned char c = 0;
+      const ssize_t n = ::read(fileno(in), &c, 1);
+      if (n == 1) {
+         return c;
+      }
+      if (n < 0 && errno == EINTR) {
+         if (gInterrupted) {
+            rl_replace_line("", 0);
+            return '\n';
+         }
+         continue;
+      }
+      return EOF;
+   }
+}
 
 // libedit asks for one match per call until we answer null; state 0 starts
 // over. It frees what we return, hence malloc.
@@ -89,24 +137,32 @@ char** complete(const char* text, int start, int) {
 
 }  // namespace
 
-Prompt::Prompt(std::string text) : text_(std::move(text)) {
+Prompt::Prompt(std::string text)
+    : text_(std::move(text)), previousInterrupt_(interruptsCancelLines()) {
    rl_readline_name = "kivsim";
    rl_attempted_completion_function = complete;
+   rl_catch_signals = 0;
+   rl_getc_function = readKey;
    using_history();
 }
 
 Prompt::~Prompt() {
    clear_history();
+   sigaction(SIGINT, &previousInterrupt_, nullptr);
 }
 
 std::optional<std::string> Prompt::read() {
    std::cout << std::flush;
+   gInterrupted = 0;
    char* line = readline(text_.c_str());
    if (!line) {
       return std::nullopt;
    }
    std::string result(line);
    std::free(line);
+   if (gInterrupted) {
+      return std::string();  // the cancelled line
+   }
    if (result.find_first_not_of(" \t") != std::string::npos) {
       add_history(result.c_str());
    }
@@ -115,17 +171,28 @@ std::optional<std::string> Prompt::read() {
 
 #else
 
-Prompt::Prompt(std::string text) : text_(std::move(text)) {}
+Prompt::Prompt(std::string text)
+    : text_(std::move(text)), previousInterrupt_(interruptsCancelLines()) {}
 
-Prompt::~Prompt() = default;
+Prompt::~Prompt() {
+   sigaction(SIGINT, &previousInterrupt_, nullptr);
+}
 
 std::optional<std::string> Prompt::read() {
-   std::cout << text_ << std::flush;
-   std::string line;
-   if (!std::getline(std::cin, line)) {
-      return std::nullopt;
+   for (;;) {
+      std::cout << text_ << std::flush;
+      gInterrupted = 0;
+      std::string line;
+      if (std::getline(std::cin, line)) {
+         return withoutTerminalKeys(line);
+      }
+      if (!gInterrupted) {
+         return std::nullopt;
+      }
+      // Ctrl-C: what was typed is dropped, and a new prompt follows.
+      std::cin.clear();
+      std::cout << '\n';
    }
-   return withoutTerminalKeys(line);
 }
 
 #endif

@@ -2,9 +2,11 @@
 // The prompt's line source. Built with libedit, it gives line editing, the
 // session's history and completion of the command word (the first word of a
 // line) from the scenario engine's command table; without libedit it prints
-// the prompt and reads plain lines. Only for a terminal: files and pipes are
-// read by the scenario engine directly.
+// the prompt and reads plain lines. Either way Ctrl-C cancels the line being
+// typed instead of ending the program. Only for a terminal: files and pipes
+// are read by the scenario engine directly.
 
+#include <csignal>
 #include <optional>
 #include <string>
 
@@ -26,6 +28,9 @@ public:
 
 private:
    std::string text_;
+   // SIGINT's handling before the prompt took it over (Ctrl-C cancels the
+   // line being typed), given back when the prompt goes.
+   struct sigaction previousInterrupt_;
 };
 
 }  // namespace kivsim
