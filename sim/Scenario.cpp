@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -847,6 +848,24 @@ bool Scenario::check(const Words& w, std::ostream& out) {
       }
    }
    return false;
+}
+
+ScenarioNames Scenario::names() const {
+   ScenarioNames names;
+   std::set<std::string> vrfs;
+   std::set<std::string> segments;
+   for (const auto& name : switch_->routing().vrfNames()) {
+      vrfs.insert(name.value());
+   }
+   for (const auto& [name, fwVrf] : switch_->fwConfig()->vrf()) {
+      vrfs.insert(name.value());
+      for (const auto& [segment, fwSegment] : fwVrf->segmentDir()->segment()) {
+         segments.insert(segment);
+      }
+   }
+   names.vrfs.assign(vrfs.begin(), vrfs.end());
+   names.segments.assign(segments.begin(), segments.end());
+   return names;
 }
 
 std::string Scenario::whereToLook(const std::string& difference) const {

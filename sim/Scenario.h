@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "Trace/Trace.h"
+#include "sim/ScenarioCommands.h"
 #include "sim/Switch.h"
 
 namespace sim {
@@ -102,6 +103,9 @@ public:
                   std::ostream& out);
 
    sim::Switch& sw() { return *switch_; }
+   // The VRFs and segments a line may name now (the routing agent's VRFs and
+   // the firewall configuration's), for completion.
+   ScenarioNames names() const;
    const ScenarioStats& stats() const { return stats_; }
    const Trace::Duolog& trace() const { return duolog_; }
 

@@ -1,5 +1,6 @@
 #include "sim/ScenarioCommands.h"
 
+#include <algorithm>
 #include <array>
 #include <stdexcept>
 #include <string>
@@ -125,6 +126,84 @@ const ScenarioCommand& scenarioCommandNamed(std::string_view word) {
       return all;
    }();
    return *scenarioCommand(wordNamed(word, words, "command"));
+}
+
+std::vector<std::string> scenarioNextWords(const std::vector<std::string>& before,
+                                           const ScenarioNames& names) {
+   std::vector<std::string> out;
+   auto add = [&out](std::string_view word) {
+      if (std::find(out.begin(), out.end(), word) == out.end()) {
+         out.emplace_back(word);
+      }
+   };
+   const ScenarioCommand* command = nullptr;
+   if (!before.empty()) {
+      try {
+         command = &scenarioCommandNamed(before.front());
+      } catch (const std::invalid_argument&) {
+         return out;
+      }
+   }
+   if (!command || (command->word == "help" && before.size() == 1)) {
+      for (const auto& c : kCommands) {
+         add(c.word);
+      }
+      return out;
+   }
+   // The word at this place in every form of the usage, brackets dropped.
+   const size_t at = before.size();
+   std::string_view forms = command->usage;
+   for (;;) {
+      const size_t bar = forms.find(" | ");
+      std::string_view form = forms.substr(0, bar);
+      size_t index = 0;
+      size_t pos = 0;
+      while (pos < form.size() && index <= at) {
+         size_t end = form.find(' ', pos);
+         if (end == std::string_view::npos) {
+            end = form.size();
+         }
+         std::string_view token = form.substr(pos, end - pos);
+         pos = end + 1;
+         if (index++ != at) {
+            continue;
+         }
+         while (!token.empty() && (token.front() == '[' || token.front() == '(')) {
+            token.remove_prefix(1);
+         }
+         while (!token.empty() && (token.back() == ']' || token.back() == ')')) {
+            token.remove_suffix(1);
+         }
+         const bool placeholder =
+             !token.empty() && std::all_of(token.begin(), token.end(), [](char c) {
+                return (c >= 'A' && c <= 'Z') || c == '/' || c == '-';
+             });
+         const bool vrfName = command->word == "vrf" || command->word == "fw-vrf";
+         if (token == "VRF" || (token == "NAME" && vrfName)) {
+            std::for_each(names.vrfs.begin(), names.vrfs.end(), add);
+         } else if (token == "SEGMENT" || token == "DST" || token == "SRC" ||
+                    (token == "NAME" && command->word == "segment")) {
+            std::for_each(names.segments.begin(), names.segments.end(), add);
+         } else if (!placeholder) {
+            // "on/off", "routes/detail/summary": each is a word of its own.
+            for (size_t from = 0; from <= token.size();) {
+               size_t slash = token.find('/', from);
+               if (slash == std::string_view::npos) {
+                  slash = token.size();
+               }
+               if (slash > from) {
+                  add(token.substr(from, slash - from));
+               }
+               from = slash + 1;
+            }
+         }
+      }
+      if (bar == std::string_view::npos) {
+         break;
+      }
+      forms.remove_prefix(bar + 3);
+   }
+   return out;
 }
 
 }  // namespace sim

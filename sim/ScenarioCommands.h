@@ -6,7 +6,9 @@
 // bad line's message quotes; alternatives are separated by " | ".
 
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace sim {
 
@@ -30,5 +32,20 @@ const ScenarioCommand& scenarioCommandNamed(std::string_view word);
 // error ("show").
 std::string_view wordNamed(std::string_view word, std::span<const std::string_view> choices,
                            std::string_view what);
+
+// The names in use that a line may name, for completion.
+struct ScenarioNames {
+   std::vector<std::string> vrfs;
+   std::vector<std::string> segments;
+};
+
+// What may come after the whole words `before` on a line: the command words
+// at the start (and after help); further on, the literal words the
+// command's usage allows at that place ("routes", "on", "delete", ...) and,
+// where it names a VRF or a segment (VRF, SEGMENT, DST, SRC, a vrf's or a
+// segment's NAME), the ones in use. The usage texts are the grammar: the
+// same table gives parsing its words, help its text and the prompt this.
+std::vector<std::string> scenarioNextWords(const std::vector<std::string>& before,
+                                           const ScenarioNames& names);
 
 }  // namespace sim

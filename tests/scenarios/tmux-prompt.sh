@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # A prompt session typed into kivsim inside tmux, as a user would: a line,
 # a line cancelled with Ctrl-C (the program goes on and never runs it), a
-# command word completed with Tab, '?' for its usage, a change seen by hw
-# without a settle, quit. The pane is read back and searched for each step.
+# command word and the names in use completed with Tab, '?' for a command's
+# usage, a change seen by hw without a settle, quit. The pane is read back and searched for each step.
 #   tmux-prompt.sh KIVSIM
 set -euo pipefail
 kivsim=$1
@@ -31,6 +31,10 @@ t send-keys -t prompt 'fib red 10.9.0.0/16 adj 3' Enter 'hw' Enter
 wait_for "red 10.9.0.0/16 routeTypeForward adj 3 id 0"
 t send-keys -t prompt 'sta' Tab '?' Enter
 wait_for "usage: status"
+# Names in use complete too: the VRF, then the segment.
+t send-keys -t prompt 'segment red web' Enter
+t send-keys -t prompt 'prefix r' Tab '10.9.0.0/16 w' Tab Enter
+wait_for "kivsim> prefix red 10.9.0.0/16 web"
 t send-keys -t prompt 'quit' Enter
 wait_for "kivsim exited with 0"
 pane=$(t capture-pane -t prompt -p)

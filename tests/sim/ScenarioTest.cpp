@@ -261,4 +261,31 @@ TEST(Scenario, GeneratedPrefixesAreConsecutive) {
              "red 2001:db8::2/127 routeTypeForward adj 1 id 0\n");
 }
 
+// Completion follows the grammar the usage texts give: command words first
+// (and after help), then each place's literal words, and the VRFs and
+// segments in use where the usage names one; a shortened command word counts.
+TEST(Scenario, NextWordsFollowTheUsageOfTheCommand) {
+   const sim::ScenarioNames names{{"blue", "red"}, {"db", "web"}};
+   using V = std::vector<std::string>;
+   const V none;
+   EXPECT_EQ(sim::scenarioNextWords({}, names).size(), sim::scenarioCommands().size());
+   EXPECT_EQ(sim::scenarioNextWords({"help"}, names).size(), sim::scenarioCommands().size());
+   EXPECT_EQ(sim::scenarioNextWords({"sh"}, names), (V{"routes", "detail", "summary", "counters"}));
+   EXPECT_EQ(sim::scenarioNextWords({"show", "routes"}, names), (V{"blue", "red"}));
+   EXPECT_EQ(sim::scenarioNextWords({"show", "routes", "red"}, names), (V{"db", "web", "json"}));
+   EXPECT_EQ(sim::scenarioNextWords({"prefix", "red", "10.1.0.0/16"}, names),
+             (V{"db", "web", "delete"}));
+   EXPECT_EQ(sim::scenarioNextWords({"vrf"}, names), (V{"blue", "red"}));
+   EXPECT_EQ(sim::scenarioNextWords({"vrf", "red"}, names), (V{"id", "delete"}));
+   EXPECT_EQ(sim::scenarioNextWords({"segment", "red"}, names), (V{"db", "web"}));
+   EXPECT_EQ(sim::scenarioNextWords({"hwfail", "red", "10.1.0.0/16"}, names),
+             (V{"on", "off", "once"}));
+   EXPECT_EQ(sim::scenarioNextWords({"routing"}, names), (V{"busy", "withdraw"}));
+   // Numbers, prefixes and free names are not guessed; a word that names no
+   // command (or several) has nothing after it.
+   EXPECT_EQ(sim::scenarioNextWords({"fib", "red"}, names), none);
+   EXPECT_EQ(sim::scenarioNextWords({"se"}, names), none);
+   EXPECT_EQ(sim::scenarioNextWords({"settle"}, names), none);
+}
+
 }  // namespace

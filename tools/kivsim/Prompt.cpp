@@ -10,11 +10,11 @@
 #ifdef KIVSIM_LIBEDIT
 #include <editline/readline.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
 
-#include "sim/ScenarioCommands.h"
 #endif
 
 namespace kivsim {
@@ -94,51 +94,55 @@ int readKey(FILE* in) {
    }
 }
 
+// The words Tab may complete to, from the prompt's NextWords.
+std::vector<std::string> gCandidates;
+
 // libedit asks for one match per call until we answer null; state 0 starts
 // over. It frees what we return, hence malloc.
-char* commandMatch(const char* text, int state) {
+char* candidateMatch(const char* text, int state) {
    static size_t next = 0;
    if (state == 0) {
       next = 0;
    }
-   auto commands = sim::scenarioCommands();
-   size_t length = std::strlen(text);
-   while (next < commands.size()) {
-      std::string_view word = commands[next++].word;
-      if (word.substr(0, length) == std::string_view(text, length)) {
+   const std::string_view typed(text);
+   while (next < gCandidates.size()) {
+      const std::string& word = gCandidates[next++];
+      if (std::string_view(word).substr(0, typed.size()) == typed) {
          char* match = static_cast<char*>(std::malloc(word.size() + 1));
          if (!match) {
             return nullptr;
          }
-         std::memcpy(match, word.data(), word.size());
-         match[word.size()] = '\0';
+         std::memcpy(match, word.data(), word.size() + 1);
          return match;
       }
    }
    return nullptr;
 }
 
-// Command words complete where a command word goes: the first word, and the
-// word after "help". Elsewhere stand VRFs, prefixes and the like, where
-// offering file names (libedit's default) would only mislead.
+Prompt::NextWords* gNextWords = nullptr;
+
+// Completion offers what the grammar allows at the cursor, never file names
+// (libedit's default), which would only mislead where VRFs and prefixes go.
 char** complete(const char* text, int start, int) {
    rl_attempted_completion_over = 1;
-   std::string_view before(rl_line_buffer, size_t(start));
-   size_t first = before.find_first_not_of(" \t");
-   bool commandWord = first == std::string_view::npos;
-   if (!commandWord) {
-      before.remove_prefix(first);
-      size_t end = before.find_first_of(" \t");
-      commandWord = before.substr(0, end) == "help" &&
-                    before.find_first_not_of(" \t", end) == std::string_view::npos;
+   std::vector<std::string> before;
+   std::string_view line(rl_line_buffer, size_t(start));
+   for (size_t pos = line.find_first_not_of(" \t"); pos != std::string_view::npos;) {
+      const size_t end = std::min(line.find_first_of(" \t", pos), line.size());
+      before.emplace_back(line.substr(pos, end - pos));
+      pos = line.find_first_not_of(" \t", end);
    }
-   return commandWord ? rl_completion_matches(text, commandMatch) : nullptr;
+   gCandidates = gNextWords && *gNextWords ? (*gNextWords)(before) : std::vector<std::string>();
+   return rl_completion_matches(text, candidateMatch);
 }
 
 }  // namespace
 
-Prompt::Prompt(std::string text)
-    : text_(std::move(text)), previousInterrupt_(interruptsCancelLines()) {
+Prompt::Prompt(std::string text, NextWords nextWords)
+    : text_(std::move(text)),
+      nextWords_(std::move(nextWords)),
+      previousInterrupt_(interruptsCancelLines()) {
+   gNextWords = &nextWords_;
    rl_readline_name = "kivsim";
    rl_attempted_completion_function = complete;
    rl_catch_signals = 0;
@@ -147,6 +151,7 @@ Prompt::Prompt(std::string text)
 }
 
 Prompt::~Prompt() {
+   gNextWords = nullptr;
    clear_history();
    sigaction(SIGINT, &previousInterrupt_, nullptr);
 }
@@ -171,8 +176,10 @@ std::optional<std::string> Prompt::read() {
 
 #else
 
-Prompt::Prompt(std::string text)
-    : text_(std::move(text)), previousInterrupt_(interruptsCancelLines()) {}
+Prompt::Prompt(std::string text, NextWords nextWords)
+    : text_(std::move(text)),
+      nextWords_(std::move(nextWords)),
+      previousInterrupt_(interruptsCancelLines()) {}
 
 Prompt::~Prompt() {
    sigaction(SIGINT, &previousInterrupt_, nullptr);

@@ -30,8 +30,9 @@ const char* kUsage =
     "  FILE...            scenario files, run in order over one switch; '-' reads\n"
     "                     standard input\n"
     "  no FILE            standard input is a terminal: the 'kivsim> ' prompt, with\n"
-    "                     line editing, history and completion of the command word\n"
-    "                     when built with libedit ('help' lists the commands);\n"
+    "                     line editing, history and completion of commands, their\n"
+    "                     words and the names in use when built with libedit\n"
+    "                     ('help' lists the commands);\n"
     "                     otherwise standard input is the scenario, and an empty one\n"
     "                     runs the bundled default scenario (examples/default.kiv)\n"
     "Options:\n"
@@ -170,7 +171,9 @@ const char* kBanner =
 int interactive(sim::Scenario& scenario, bool autoSettle) {
    int status = kOk;
    std::cout << kBanner;
-   kivsim::Prompt prompt("kivsim> ");
+   kivsim::Prompt prompt("kivsim> ", [&scenario](const std::vector<std::string>& before) {
+      return sim::scenarioNextWords(before, scenario.names());
+   });
    uint64_t lineNo = 0;
    while (auto line = prompt.read()) {
       ++lineNo;
