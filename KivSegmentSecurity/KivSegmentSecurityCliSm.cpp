@@ -337,8 +337,22 @@ void showSegmentHardwareDetail(lumo::Printer& printer, VrfId vrfId, const Zop::S
              printer.addFrills("%-20s %-15s %-39s %-15llu\n", "", "", prefix.c_str(),
                                static_cast<unsigned long long>(adj));
           }
+          // A prefix recorded with no route of its own (waiting for the
+          // resolver's answer, or for a withdrawn FIB route's entry to go) is
+          // not in hardware: said under its row and in its entry, the rows
+          // keeping their format.
+          const bool notInHardware =
+              record && record->routeInfo().routeType() == RouteType::routeTypeInvalid;
+          if (notInHardware) {
+             printer.addFrills("%-20s %-15s %s\n", "", "", "(recorded, not in hardware)");
+          }
           printer.startDictEntry(lumo::StrAttr{"prefix", prefix});
-          printer.addAttributesJson({lumo::U64Attr{"l2AdjIndex", adj}});
+          if (notInHardware) {
+             printer.addAttributesJson(
+                 {lumo::U64Attr{"l2AdjIndex", adj}, lumo::StrAttr{"hardware", "not installed"}});
+          } else {
+             printer.addAttributesJson({lumo::U64Attr{"l2AdjIndex", adj}});
+          }
           printer.endDictEntry();
        });
 }
