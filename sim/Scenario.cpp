@@ -736,6 +736,8 @@ void Scenario::settle() {
       stats_.longestRunNs = s.longestRunNs;
       stats_.longestRunTask = s.longestRunTask;
    }
+   // The per-name figures of the whole run outlive the settle's reset.
+   addFigures(taskTotals_, handlerTotals_);
    switch_->scheduler()->resetStatistics();
    const Zop::NotificationStatistics& handlers = Zop::notificationStatistics();
    s.longestHandlerNs = handlers.longestHandler;
@@ -848,6 +850,55 @@ bool Scenario::check(const Words& w, std::ostream& out) {
       }
    }
    return false;
+}
+
+namespace {
+
+std::vector<RunFigure> longestFirst(const std::map<std::string, RunFigure>& byName) {
+   std::vector<RunFigure> figures;
+   for (const auto& [name, figure] : byName) {
+      figures.push_back(figure);
+   }
+   std::sort(figures.begin(), figures.end(), [](const RunFigure& a, const RunFigure& b) {
+      return a.longestNs != b.longestNs ? a.longestNs > b.longestNs : a.name < b.name;
+   });
+   return figures;
+}
+
+}  // namespace
+
+void Scenario::addFigures(std::map<std::string, RunFigure>& tasks,
+                          std::map<std::string, RunFigure>& handlers) const {
+   auto add = [](std::map<std::string, RunFigure>& into, const std::string& name, uint64_t runs,
+                 int64_t longestNs) {
+      RunFigure& figure = into[name];
+      figure.name = name;
+      figure.runs += runs;
+      figure.longestNs = std::max(figure.longestNs, longestNs);
+   };
+   for (const auto& [name, task] : switch_->scheduler()->statistics().byTaskName) {
+      if (task.runs != 0) {
+         add(tasks, name, task.runs, task.longestRun);
+      }
+   }
+   // The same class may be listed under two copies of its name.
+   for (const auto& [mangled, handler] : Zop::notificationStatistics().byNotifiee) {
+      add(handlers, demangled(mangled), handler.calls, handler.longest);
+   }
+}
+
+std::vector<RunFigure> Scenario::taskFigures() const {
+   std::map<std::string, RunFigure> tasks = taskTotals_;
+   std::map<std::string, RunFigure> handlers;
+   addFigures(tasks, handlers);
+   return longestFirst(tasks);
+}
+
+std::vector<RunFigure> Scenario::handlerFigures() const {
+   std::map<std::string, RunFigure> tasks;
+   std::map<std::string, RunFigure> handlers = handlerTotals_;
+   addFigures(tasks, handlers);
+   return longestFirst(handlers);
 }
 
 ScenarioNames Scenario::names() const {

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -82,6 +83,13 @@ struct ScenarioStats {
    std::vector<Settle> settles;
 };
 
+// How often one task or notification handler ran, and its longest run.
+struct RunFigure {
+   std::string name;
+   uint64_t runs = 0;
+   int64_t longestNs = 0;
+};
+
 // VmHWM of this process, in kB; 0 where /proc is not there.
 uint64_t peakResidentKb();
 
@@ -103,6 +111,10 @@ public:
                   std::ostream& out);
 
    sim::Switch& sw() { return *switch_; }
+   // Per task name, and per notification handler (its notifiee class, timed
+   // only with Options::timeHandlers), over the whole run: longest first.
+   std::vector<RunFigure> taskFigures() const;
+   std::vector<RunFigure> handlerFigures() const;
    // The VRFs and segments a line may name now (the routing agent's VRFs and
    // the firewall configuration's), for completion.
    ScenarioNames names() const;
@@ -137,6 +149,10 @@ private:
    // For a check difference about one prefix: the library's record of it,
    // the syslog messages that name it and the last trace line about it.
    std::string whereToLook(const std::string& difference) const;
+   // Adds the scheduler's and the handlers' per-name figures since their
+   // last reset to `tasks` and `handlers`.
+   void addFigures(std::map<std::string, RunFigure>& tasks,
+                   std::map<std::string, RunFigure>& handlers) const;
    bool check(const Words& w, std::ostream& out);
    void syslog(const Words& w, std::ostream& out);
    void trace(const Words& w, std::ostream& out);
@@ -150,6 +166,9 @@ private:
    Trace::ScopedDuolog guard_;
    std::unique_ptr<sim::Switch> switch_;
    ScenarioStats stats_;
+   // Per-name figures of the settles so far (see addFigures).
+   std::map<std::string, RunFigure> taskTotals_;
+   std::map<std::string, RunFigure> handlerTotals_;
    // Where the last settle ended, for the next one's figures.
    int64_t sinceSettleNs_ = 0;
    uint64_t hwWritesAtSettle_ = 0;

@@ -1,5 +1,6 @@
 #include "Zop/Clock.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "Zop/Notifier.h"
@@ -27,6 +28,9 @@ NotificationStatistics statistics;
 
 void handlerTimed(Time duration, const char* notifiee) {
    ++statistics.handlerCalls;
+   NotificationStatistics::Handler& handler = statistics.byNotifiee[notifiee];
+   ++handler.calls;
+   handler.longest = std::max(handler.longest, duration);
    if (duration > statistics.longestHandler) {
       statistics.longestHandler = duration;
       statistics.longestHandlerNotifiee = notifiee;

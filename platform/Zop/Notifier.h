@@ -28,6 +28,7 @@
 #include <cstdint>
 #include <type_traits>
 #include <typeinfo>
+#include <unordered_map>
 #include <vector>
 
 #include "Zop/Clock.h"
@@ -41,6 +42,14 @@ struct NotificationStatistics {
    Time longestHandler = 0;
    // The notifiee class of the longest call (its mangled type name).
    const char* longestHandlerNotifiee = "";
+   // Per notifiee class (its mangled type name, as given): its calls and the
+   // longest. A class seen from a shared library and from the program may
+   // come twice, under two copies of its name.
+   struct Handler {
+      uint64_t calls = 0;
+      Time longest = 0;
+   };
+   std::unordered_map<const char*, Handler> byNotifiee;
 };
 
 // Process-wide like the trace state: a shared library embedding this code

@@ -91,6 +91,18 @@ void printStats(sim::Scenario& scenario) {
    if (uint64_t kb = sim::peakResidentKb()) {
       std::cerr << "peak resident memory: " << kb << " kB\n";
    }
+   // Which piece of work holds the thread longest, by name.
+   auto figures = [&line](const char* title, const char* unit,
+                          const std::vector<sim::RunFigure>& list) {
+      std::cerr << title << '\n';
+      for (const auto& f : list) {
+         std::snprintf(line, sizeof line, "  %-40s %10llu %s, longest %.3f ms\n", f.name.c_str(),
+                       (unsigned long long)f.runs, unit, ms(f.longestNs));
+         std::cerr << line;
+      }
+   };
+   figures("longest run per task:", "runs", scenario.taskFigures());
+   figures("longest call per notification handler:", "calls", scenario.handlerFigures());
    for (const auto& s : stats.settles) {
       std::snprintf(line, sizeof line,
                     "settle %s: %llu slices, virtual %.3f ms, real %.3f ms (commands before it "
