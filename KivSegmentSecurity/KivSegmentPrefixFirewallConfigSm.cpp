@@ -101,17 +101,16 @@ void VrfBaseSm::handleGlobalPrefix() {
 }
 
 Zop::Ptr<KivDestinationSegmentSm> VrfBaseSm::dstSegmentSm(const Zop::String& segment) const {
-   auto it = dstSegmentSm_.find(segment);
-   return it == dstSegmentSm_.end() ? nullptr : it->second;
+   return dstSegmentSm_.get(segment);
 }
 
 void VrfBaseSm::dstSegmentSmIs(const Zop::String& segment,
                                const Zop::Ptr<KivDestinationSegmentSm>& sm) {
-   dstSegmentSm_[segment] = sm;
+   dstSegmentSm_.is(segment, sm);
 }
 
 void VrfBaseSm::dstSegmentSmDel(const Zop::String& segment) {
-   dstSegmentSm_.erase(segment);
+   dstSegmentSm_.del(segment);
 }
 
 SegmentSecurityRootBaseSm::SegmentSecurityRootBaseSm(
@@ -137,25 +136,16 @@ void SegmentSecurityRootBaseSm::handleVrf() {
 }
 
 Zop::Ptr<KivSegmentSecurityVrfSm> SegmentSecurityRootBaseSm::vrfSm(const L3::VrfName& name) const {
-   auto it = vrfSm_.find(name);
-   return it == vrfSm_.end() ? nullptr : it->second;
+   return vrfSm_.get(name);
 }
 
 void SegmentSecurityRootBaseSm::vrfSmIs(const L3::VrfName& name,
                                         const Zop::Ptr<KivSegmentSecurityVrfSm>& sm) {
-   vrfSm_[name] = sm;
+   vrfSm_.is(name, sm);
 }
 
 void SegmentSecurityRootBaseSm::vrfSmDel(const L3::VrfName& name) {
-   auto it = vrfSm_.find(name);
-   if (it == vrfSm_.end()) {
-      return;
-   }
-   // The reactor cleans up as it goes (its last pointer is this one), once it
-   // is out of the collection.
-   Zop::Ptr<KivSegmentSecurityVrfSm> sm = it->second;
-   vrfSm_.erase(it);
-   sm = nullptr;
+   vrfSm_.del(name);
 }
 
 void SegmentSecurityRootBaseSm::vrfSmDelAll() {

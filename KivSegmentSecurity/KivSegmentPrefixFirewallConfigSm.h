@@ -114,7 +114,7 @@ protected:
    Zop::Ptr<const Firewall::FwVrf> fwVrf_;
    Zop::Ptr<const Firewall::FwSegmentDir> segmentDir_;
    bool initialized_ = false;
-   std::map<Zop::String, Zop::Ptr<KivDestinationSegmentSm>> dstSegmentSm_;
+   ChildReactors<Zop::String, KivDestinationSegmentSm> dstSegmentSm_;
 };
 
 class KIV_EXPORT KivSegmentSecurityVrfSm : public VrfBaseSm {
@@ -237,7 +237,7 @@ protected:
 
    Zop::Ptr<const Firewall::HwConfig> fwConfig_;
    bool initialized_ = false;
-   std::map<L3::VrfName, Zop::Ptr<KivSegmentSecurityVrfSm>> vrfSm_;
+   ChildReactors<L3::VrfName, KivSegmentSecurityVrfSm> vrfSm_;
 };
 
 class KIV_EXPORT KivSegmentSecurityRootSm : public SegmentSecurityRootBaseSm {

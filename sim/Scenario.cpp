@@ -1115,14 +1115,8 @@ void Scenario::help(const Words& w, std::ostream& out) {
    }
    // One alternative a line, aligned under the first.
    const char* lead = "usage: ";
-   std::string_view rest = c->usage;
-   for (;;) {
-      size_t bar = rest.find(" | ");
-      out << lead << rest.substr(0, bar) << '\n';
-      if (bar == std::string_view::npos) {
-         break;
-      }
-      rest.remove_prefix(bar + 3);
+   for (std::string_view form : usageForms(c->usage)) {
+      out << lead << form << '\n';
       lead = "       ";
    }
    out << c->summary << '\n';

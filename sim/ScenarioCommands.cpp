@@ -128,6 +128,18 @@ const ScenarioCommand& scenarioCommandNamed(std::string_view word) {
    return *scenarioCommand(wordNamed(word, words, "command"));
 }
 
+std::vector<std::string_view> usageForms(std::string_view usage) {
+   std::vector<std::string_view> forms;
+   for (;;) {
+      const size_t bar = usage.find(" | ");
+      forms.push_back(usage.substr(0, bar));
+      if (bar == std::string_view::npos) {
+         return forms;
+      }
+      usage.remove_prefix(bar + 3);
+   }
+}
+
 std::vector<std::string> scenarioNextWords(const std::vector<std::string>& before,
                                            const ScenarioNames& names) {
    std::vector<std::string> out;
@@ -152,10 +164,7 @@ std::vector<std::string> scenarioNextWords(const std::vector<std::string>& befor
    }
    // The word at this place in every form of the usage, brackets dropped.
    const size_t at = before.size();
-   std::string_view forms = command->usage;
-   for (;;) {
-      const size_t bar = forms.find(" | ");
-      std::string_view form = forms.substr(0, bar);
+   for (std::string_view form : usageForms(command->usage)) {
       size_t index = 0;
       size_t pos = 0;
       while (pos < form.size() && index <= at) {
@@ -198,10 +207,6 @@ std::vector<std::string> scenarioNextWords(const std::vector<std::string>& befor
             }
          }
       }
-      if (bar == std::string_view::npos) {
-         break;
-      }
-      forms.remove_prefix(bar + 3);
    }
    return out;
 }

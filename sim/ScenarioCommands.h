@@ -33,6 +33,9 @@ const ScenarioCommand& scenarioCommandNamed(std::string_view word);
 std::string_view wordNamed(std::string_view word, std::span<const std::string_view> choices,
                            std::string_view what);
 
+// The alternatives of a usage text, in order (they are separated by " | ").
+std::vector<std::string_view> usageForms(std::string_view usage);
+
 // The names in use that a line may name, for completion.
 struct ScenarioNames {
    std::vector<std::string> vrfs;
