@@ -34,9 +34,20 @@
 //                      1-branch, which is ascending (address, length) order.
 //                      cb returns bool: false skips everything inside the
 //                      prefix just visited and the walk goes on with the rest.
-//                      A cb returning void always goes on. O(W + visited
+//                      A cb returning void always goes on; one returning a
+//                      Routing::WalkStep may also stop the walk. O(W + visited
 //                      nodes); no allocation. cb must not change the trie it
 //                      walks (checked: doing so aborts); lookups are fine.
+//   preOrderWalkAfter(from, after, cb)
+//                      The same walk, starting with the first prefix that
+//                      comes after `after` in its order (`after` itself need
+//                      not be stored; an `after` outside `from` starts at the
+//                      beginning or finds nothing, as the order says). cb may
+//                      also return a Routing::WalkStep, whose `stop` ends the
+//                      walk at once. With the last prefix visited as `after`,
+//                      a long walk is done piecewise: each piece costs
+//                      O(W + visited nodes), however far into the range it
+//                      starts, and the trie may change between pieces.
 //   size(), empty()    O(1).
 //   clear()            Removes everything and releases the node memory.
 //                      (A trie emptied by routeDel keeps it for reuse.)
@@ -77,6 +88,13 @@
 #include "Zop/String.h"
 
 namespace Routing {
+// What a walk does after visiting a prefix.
+enum class WalkStep : uint8_t {
+   descend,  // go on, into the prefixes inside it
+   skip,     // go on, skipping the prefixes inside it
+   stop,     // end the walk
+};
+
 namespace Impl {
 
 __extension__ typedef unsigned __int128 Uint128;
@@ -158,6 +176,10 @@ public:
    std::optional<Match> longestMatch(K key, unsigned len) const;
    template <class F>
    void walk(K key, unsigned len, F&& f) const;
+   // Visits what walk(key, len) would after (afterKey, afterLen); f returns
+   // WalkStep.
+   template <class F>
+   void walkAfter(K key, unsigned len, K afterKey, unsigned afterLen, F&& f) const;
 
    size_t size() const { return size_; }
    bool empty() const { return size_ == 0; }
@@ -435,12 +457,94 @@ void PrefixTrie<K>::walk(K key, unsigned len, F&& f) const {
    while (sp != 0) {
       const Node& n = pool_[stack[--sp]];
       if (n.stored) {
-         if constexpr (std::is_void_v<std::invoke_result_t<F&, K, unsigned>>) {
+         using R = std::invoke_result_t<F&, K, unsigned>;
+         if constexpr (std::is_void_v<R>) {
             f(keyOf(n), unsigned(n.len));
+         } else if constexpr (std::is_same_v<R, WalkStep>) {
+            const WalkStep step = f(keyOf(n), unsigned(n.len));
+            if (step == WalkStep::stop) {
+               return;
+            }
+            if (step == WalkStep::skip) {
+               continue;
+            }
          } else {
             if (!f(keyOf(n), unsigned(n.len))) {
                continue;
             }
+         }
+      }
+      if (n.child[1] != kNil) {
+         stack[sp++] = n.child[1];
+      }
+      if (n.child[0] != kNil) {
+         stack[sp++] = n.child[0];
+      }
+   }
+}
+
+template <class K>
+template <class F>
+void PrefixTrie<K>::walkAfter(K key, unsigned len, K afterKey, unsigned afterLen, F&& f) const {
+   WalkGuard guard(*this);
+   uint32_t idx = root_;
+   while (idx != kNil) {
+      const Node& n = pool_[idx];
+      const unsigned common = commonLen(key, keyOf(n));
+      if (n.len >= len) {
+         if (common < len) {
+            return;
+         }
+         break;
+      }
+      if (common < n.len) {
+         return;
+      }
+      idx = n.child[bitAt(key, n.len)];
+   }
+   // The pending nodes are those whose whole subtree comes after `after`:
+   // going down towards it, the 1-side sibling of every 0-step; where the
+   // path ends, the node reached if it lies after `after`, or the children
+   // of `after` itself.
+   uint32_t stack[kBits + 2];
+   unsigned sp = 0;
+   while (idx != kNil) {
+      const Node& n = pool_[idx];
+      const K nKey = keyOf(n);
+      const bool containsAfter = n.len <= afterLen && commonLen(nKey, afterKey) >= n.len;
+      if (!containsAfter) {
+         // Disjoint from `after`, or inside it: the order of the two keys
+         // (then of the lengths) places the whole subtree.
+         if (nKey > afterKey || (nKey == afterKey && n.len > afterLen)) {
+            stack[sp++] = idx;
+         }
+         break;
+      }
+      if (n.len == afterLen) {
+         if (n.child[1] != kNil) {
+            stack[sp++] = n.child[1];
+         }
+         if (n.child[0] != kNil) {
+            stack[sp++] = n.child[0];
+         }
+         break;
+      }
+      const unsigned bit = bitAt(afterKey, n.len);
+      if (bit == 0 && n.child[1] != kNil) {
+         stack[sp++] = n.child[1];
+      }
+      idx = n.child[bit];
+   }
+   // The pending subtrees lie in walk order from the top of the stack down.
+   while (sp != 0) {
+      const Node& n = pool_[stack[--sp]];
+      if (n.stored) {
+         const WalkStep step = f(keyOf(n), unsigned(n.len));
+         if (step == WalkStep::stop) {
+            return;
+         }
+         if (step == WalkStep::skip) {
+            continue;
          }
       }
       if (n.child[1] != kNil) {
@@ -546,6 +650,21 @@ bool visit(F& cb, const P& prefix) {
    }
 }
 
+// Calls cb(prefix) for a walk that may stop: a callback may return a
+// WalkStep, a bool (false: skip) or nothing (descend).
+template <class F, class P>
+WalkStep visitStep(F& cb, const P& prefix) {
+   using R = std::invoke_result_t<F&, const P&>;
+   if constexpr (std::is_void_v<R>) {
+      cb(prefix);
+      return WalkStep::descend;
+   } else if constexpr (std::is_same_v<R, WalkStep>) {
+      return cb(prefix);
+   } else {
+      return bool(cb(prefix)) ? WalkStep::descend : WalkStep::skip;
+   }
+}
+
 }  // namespace Impl
 
 // Base of the library's walk handler classes. The trie takes any callable;
@@ -573,6 +692,8 @@ public:
    }
    template <class F>
    void preOrderWalk(const Pexo::Prefix& from, F&& cb) const;
+   template <class F>
+   void preOrderWalkAfter(const Pexo::Prefix& from, const Pexo::Prefix& after, F&& cb) const;
 
    size_t size() const { return trie_.size(); }
    bool empty() const { return trie_.empty(); }
@@ -614,6 +735,14 @@ public:
    template <class F>
    void preOrderWalk(const Pexo::IpGenPrefix& from, F&& cb) const {
       preOrderWalk(v6Of(from, "preOrderWalk"), std::forward<F>(cb));
+   }
+   template <class F>
+   void preOrderWalkAfter(const Pexo::Ip6Prefix& from, const Pexo::Ip6Prefix& after, F&& cb) const;
+   template <class F>
+   void preOrderWalkAfter(const Pexo::IpGenPrefix& from, const Pexo::IpGenPrefix& after,
+                          F&& cb) const {
+      preOrderWalkAfter(v6Of(from, "preOrderWalkAfter"), v6Of(after, "preOrderWalkAfter"),
+                        std::forward<F>(cb));
    }
 
    size_t size() const { return trie_.size(); }
@@ -681,15 +810,24 @@ template <class F>
 void Trie::preOrderWalk(const Pexo::Prefix& from, F&& cb) const {
    checkFrom(from);
    trie_.walk(Impl::toKey(from), from.len(), [&cb](uint32_t key, unsigned len) {
-      return Impl::visit(cb, Impl::toPrefix(key, len));
+      return Impl::visitStep(cb, Impl::toPrefix(key, len));
    });
+}
+
+template <class F>
+void Trie::preOrderWalkAfter(const Pexo::Prefix& from, const Pexo::Prefix& after, F&& cb) const {
+   checkFrom(from);
+   checkFrom(after);
+   trie_.walkAfter(
+       Impl::toKey(from), from.len(), Impl::toKey(after), after.len(),
+       [&cb](uint32_t key, unsigned len) { return Impl::visitStep(cb, Impl::toPrefix(key, len)); });
 }
 
 template <class F>
 void TrieGen::preOrderWalk(const Pexo::IpGenPrefix& from, F&& cb) const {
    if (from.isIpv4()) {
       v4_.preOrderWalk(from.v4(), [&cb](const Pexo::Prefix& p) {
-         return Impl::visit(cb, Pexo::IpGenPrefix(p));
+         return Impl::visitStep(cb, Pexo::IpGenPrefix(p));
       });
    } else {
       v6_.preOrderWalk(from, std::forward<F>(cb));
@@ -703,6 +841,18 @@ void Routing6::Trie::preOrderWalk(const Pexo::Ip6Prefix& from, F&& cb) const {
    namespace Impl = Routing::Impl;
    checkFrom(from);
    trie_.walk(Impl::toKey(from), from.len(), [&cb](Impl::Uint128 key, unsigned len) {
-      return Impl::visit(cb, Pexo::IpGenPrefix(Impl::toPrefix(key, len)));
+      return Impl::visitStep(cb, Pexo::IpGenPrefix(Impl::toPrefix(key, len)));
    });
+}
+
+template <class F>
+void Routing6::Trie::preOrderWalkAfter(const Pexo::Ip6Prefix& from, const Pexo::Ip6Prefix& after,
+                                       F&& cb) const {
+   namespace Impl = Routing::Impl;
+   checkFrom(from);
+   checkFrom(after);
+   trie_.walkAfter(Impl::toKey(from), from.len(), Impl::toKey(after), after.len(),
+                   [&cb](Impl::Uint128 key, unsigned len) {
+                      return Impl::visitStep(cb, Pexo::IpGenPrefix(Impl::toPrefix(key, len)));
+                   });
 }

@@ -131,6 +131,12 @@ struct Subject {
    void walk(const Pfx& from, F f) const {
       t->preOrderWalk(key(from), [&](const auto& q) { return f(fromPexo(q)); });
    }
+   // A walk that can stop, starting after `after` (the typed tries only).
+   static constexpr bool kResumable = !std::is_same_v<TrieT, Routing::TrieGen>;
+   template <class F>
+   void walkAfter(const Pfx& from, const Pfx& after, F f) const {
+      t->preOrderWalkAfter(key(from), key(after), [&](const auto& q) { return f(fromPexo(q)); });
+   }
    size_t size() const { return t->size() - noise; }
    const auto& core() const {
       if constexpr (!std::is_same_v<TrieT, Routing::TrieGen>) {
@@ -310,6 +316,99 @@ using Subjects = testing::Types<Subject<32, Pexo::Prefix, Routing::Trie>,
                                 Subject<32, Pexo::IpGenPrefix, Routing::TrieGen>,
                                 Subject<128, Pexo::IpGenPrefix, Routing::TrieGen>>;
 TYPED_TEST_SUITE(TrieProperty, Subjects);
+
+// A walk resumed after any prefix visits exactly what the whole walk visits
+// beyond it; a walk done in pieces, each resumed after the last prefix
+// visited, with the trie changing between pieces, visits in ascending order
+// and misses nothing that was there all along.
+template <class S>
+void runPiecewiseWalks(Shape shape, uint64_t seed) {
+   SCOPED_TRACE("shape " + std::to_string(int(shape)) + " seed " + std::to_string(seed));
+   PrefixSource src(shape, S::kBits, seed);
+   S t;
+   std::set<Pfx> model;
+   for (int i = 0; i < 400; ++i) {
+      const Pfx p = src.prefix();
+      t.add(p);
+      model.insert(p);
+   }
+   auto none = [](const Pfx&) { return false; };
+   for (int round = 0; round < 200; ++round) {
+      const Pfx from = src.walkRoot(model);
+      const Pfx after = src.below(2) ? src.walkRoot(model) : src.query(model);
+      const Pfx afterKey{after.key & topMask(after.len), after.len};
+      std::vector<Pfx> seen;
+      t.walkAfter(from, afterKey, [&](const Pfx& p) {
+         seen.push_back(p);
+         return Routing::WalkStep::descend;
+      });
+      std::vector<Pfx> expected;
+      for (const Pfx& p : modelWalk(model, from, none)) {
+         if (afterKey < p) {
+            expected.push_back(p);
+         }
+      }
+      ASSERT_EQ(seen, expected) << "from " << from << " after " << afterKey;
+
+      // In pieces of at most `piece` prefixes, the trie changing in between.
+      const size_t piece = 1 + src.below(5);
+      const std::set<Pfx> before = model;
+      std::set<Pfx> removed;
+      std::vector<Pfx> walked;
+      std::optional<Pfx> last;
+      for (;;) {
+         size_t n = 0;
+         bool stopped = false;
+         auto visit = [&](const Pfx& p) {
+            if (n == piece) {
+               stopped = true;
+               return Routing::WalkStep::stop;
+            }
+            ++n;
+            walked.push_back(p);
+            last = p;
+            return Routing::WalkStep::descend;
+         };
+         if (last) {
+            t.walkAfter(from, *last, visit);
+         } else {
+            t.walk(from, visit);
+         }
+         if (!stopped) {
+            break;
+         }
+         for (int c = 0; c < 2; ++c) {
+            if (src.below(2)) {
+               const Pfx p = src.prefix();
+               t.add(p);
+               model.insert(p);
+            } else if (!model.empty()) {
+               const Pfx p = src.pick(model);
+               t.del(p);
+               model.erase(p);
+               removed.insert(p);
+            }
+         }
+      }
+      ASSERT_TRUE(std::is_sorted(walked.begin(), walked.end()));
+      ASSERT_EQ(std::adjacent_find(walked.begin(), walked.end()), walked.end());
+      for (const Pfx& p : modelWalk(before, from, none)) {
+         if (removed.count(p) == 0) {
+            ASSERT_TRUE(std::binary_search(walked.begin(), walked.end(), p)) << p;
+         }
+      }
+   }
+}
+
+TYPED_TEST(TrieProperty, ResumedWalksMatchModel) {
+   if constexpr (TypeParam::kResumable) {
+      for (Shape shape : {Shape::uniform, Shape::clustered, Shape::nested, Shape::shortLen}) {
+         for (uint64_t seed : {1, 2}) {
+            runPiecewiseWalks<TypeParam>(shape, seed);
+         }
+      }
+   }
+}
 
 TYPED_TEST(TrieProperty, RandomOperationsMatchModel) {
    for (Shape shape : {Shape::uniform, Shape::clustered, Shape::nested, Shape::shortLen}) {
