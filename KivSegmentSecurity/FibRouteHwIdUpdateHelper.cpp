@@ -7,6 +7,7 @@
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorSm.h"
 #include "KivSegmentSecurity/KivSegmentSecurityTrieHelper.h"
 #include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
+#include "Ruv/TaskScheduler.h"
 
 #include "KivSegmentSecurity/KivSegmentSecurityTrace.h"
 
@@ -54,14 +55,95 @@ void KivSegmentPrefixProcessorSm::syncFibRouteHwId(const VrfAndIpGenPrefix& vrfP
       return;
    }
    if (prefix.isIpv4()) {
-      Zop::Ptr<Routing::Trie> fibTrie = routeStatus_->fibTrie(vrfId);
-      ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "syncFibRouteHwId");
-      getV4FibRoutes(vrfId, prefix, nextPrefix, segmentRoutesList_, fibRouteReivewList_, fibTrie);
+      ZOP_ASSERT_FN(routeStatus_->fibTrie(vrfId), " Fib trie does not exist ", kSource,
+                    "syncFibRouteHwId");
    } else {
-      Zop::Ptr<Routing6::Trie> fibTrie = route6Status_->fibTrie(vrfId);
-      ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "syncFibRouteHwId");
-      getV6FibRoutes(vrfId, prefix, nextPrefix, segmentRoutesList_, fibRouteReivewList_, fibTrie);
+      ZOP_ASSERT_FN(route6Status_->fibTrie(vrfId), " Fib trie does not exist ", kSource,
+                    "syncFibRouteHwId");
    }
+   // A /8 over a full table has tens of thousands of routes beneath it: they
+   // are queued from the review task, a piece per run.
+   rangeWalks_.push_back(FibRangeWalk{vrfId, prefix, nextPrefix, std::nullopt});
+   // Queued from the review task itself, the walk goes on in the same run,
+   // before the next segment prefix. Queued by a resolver report or a FIB
+   // route put back, it starts at once, and what is left when the running
+   // task is asked to yield goes on in the review task.
+   if (segmentSubnetTask_ && segmentSubnetTask_->isRunning()) {
+      return;
+   }
+   if (!continueFibRangeWalks() && segmentSubnetTask_) {
+      segmentSubnetTask_->scheduleTaskLowestDelay(0);
+   }
+}
+
+namespace {
+
+// The last prefix in walk order inside `p`: resuming after it skips all of p.
+Pexo::IpGenPrefix lastInside(const Pexo::IpGenPrefix& p) {
+   if (p.isIpv4()) {
+      const uint32_t len = p.len();
+      const uint32_t host = len == 0 ? ~0u : (len >= 32 ? 0u : ~0u >> len);
+      return Pexo::IpGenPrefix(
+          Pexo::Prefix(Pexo::IpAddr(p.v4().addr().value() | host), Pexo::Prefix::kMaxLength));
+   }
+   const uint32_t len = p.len();
+   const uint64_t hiHost = len >= 64 ? 0 : (len == 0 ? ~0ull : ~0ull >> len);
+   const uint64_t loHost = len <= 64 ? ~0ull : (len == 128 ? 0 : ~0ull >> (len - 64));
+   const Pexo::Ip6Addr a = p.v6().addr();
+   return Pexo::IpGenPrefix(Pexo::Ip6Prefix(Pexo::Ip6Addr(a.hi() | hiHost, a.lo() | loHost),
+                                            Pexo::Ip6Prefix::kMaxLength));
+}
+
+}  // namespace
+
+bool KivSegmentPrefixProcessorSm::continueFibRangeWalks() {
+   while (!rangeWalks_.empty()) {
+      FibRangeWalk& walk = rangeWalks_.front();
+      const Pexo::IpGenPrefix& start = walk.start;
+      const Pexo::IpGenPrefix& end = walk.end;
+      bool stopped = false;
+      // The range rules of the range finders: inside `end` is the next
+      // segment prefix's business, and nothing beneath it is queued.
+      auto visit = [&](const Pexo::IpGenPrefix& p) {
+         if (Ruv::taskShouldYield()) {
+            stopped = true;
+            return Routing::WalkStep::stop;
+         }
+         if (end != start && end.contains(p)) {
+            walk.last = lastInside(p);
+            return Routing::WalkStep::skip;
+         }
+         walk.last = p;
+         fibRouteReivewList_->vrfIpGenPrefixIs(VrfAndIpGenPrefix(walk.vrfId, p));
+         return Routing::WalkStep::descend;
+      };
+      // A VRF deleted meanwhile has no FIB left to review.
+      if (!l3Status_->vrfNameHas(walk.vrfId)) {
+         rangeWalks_.pop_front();
+         continue;
+      }
+      if (start.isIpv4()) {
+         Zop::Ptr<Routing::Trie> fibTrie = routeStatus_->fibTrie(walk.vrfId);
+         auto visit4 = [&](const Pexo::Prefix& p) { return visit(Pexo::IpGenPrefix(p)); };
+         if (fibTrie && walk.last) {
+            fibTrie->preOrderWalkAfter(start.v4(), walk.last->v4(), visit4);
+         } else if (fibTrie) {
+            fibTrie->preOrderWalk(start.v4(), visit4);
+         }
+      } else {
+         Zop::Ptr<Routing6::Trie> fibTrie = route6Status_->fibTrie(walk.vrfId);
+         if (fibTrie && walk.last) {
+            fibTrie->preOrderWalkAfter(start, *walk.last, visit);
+         } else if (fibTrie) {
+            fibTrie->preOrderWalk(start, visit);
+         }
+      }
+      if (stopped) {
+         return false;
+      }
+      rangeWalks_.pop_front();
+   }
+   return true;
 }
 
 }  // namespace Kiv

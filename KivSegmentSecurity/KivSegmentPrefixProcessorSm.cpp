@@ -278,8 +278,10 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
    TRACE8_FN("doReviewConfiguredSegmentSubnets");
    queueRoutingChanges();
    // Every member processed leaves the list, so the walk always takes the
-   // list's first member; a member removed meanwhile is simply not met.
-   while (segmentReviewList_->vrfIpGenPrefixCount() != 0) {
+   // list's first member; a member removed meanwhile is simply not met. The
+   // FIB range walks a member queues go on before the next member, so the
+   // FIB route review keeps pace with the segment prefixes.
+   while (continueFibRangeWalks() && segmentReviewList_->vrfIpGenPrefixCount() != 0) {
       if (Ruv::taskShouldYield()) {
          break;
       }
@@ -339,7 +341,8 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
       }
       segmentRoutesList_->reviewSegmentHwIdInc(1);
    }
-   if (segmentReviewList_->vrfIpGenPrefixCount() != 0 && segmentSubnetTask_) {
+   if ((segmentReviewList_->vrfIpGenPrefixCount() != 0 || !rangeWalks_.empty()) &&
+       segmentSubnetTask_) {
       segmentSubnetTask_->scheduleTask();
    }
 }

@@ -17,6 +17,7 @@
 // remove), FibRouteHwIdUpdateHelper.cpp (queueing the FIB routes beneath a
 // changed prefix), KivSegmentPrefixNextHopMonitor.cpp (resolver reports).
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -111,7 +112,11 @@ public:
    void followRoutingFlag(const VrfAndIpGenPrefix& vrfPrefix);
 
    // ---- FIB routes beneath a changed segment prefix ----
+   // Decides which range of the FIB the change can affect and queues a walk
+   // of it; the walk itself runs from the review task, a piece per run.
    void syncFibRouteHwId(const VrfAndIpGenPrefix& vrfPrefix, SegmentHwId hwId);
+   // Range walks queued and not finished.
+   size_t fibRangeWalkCount() const { return rangeWalks_.size(); }
 
    // ---- Next-hop monitor ----
    void addWatchedPrefix(VrfId vrfId, const Pexo::Prefix& prefix);
@@ -170,6 +175,10 @@ private:
    void queueRoutingChanges();
 
    Zop::Ptr<L3::VrfStatus> vrfL3Status(VrfId vrfId) const;
+   // Puts the FIB routes of the queued range walks on the FIB route review
+   // list, asking taskShouldYield() before each; false when asked to yield
+   // with a walk unfinished (it goes on from its bookmark next run).
+   bool continueFibRangeWalks();
    // addIpPrefix/addIp6Prefix and removeIpPrefix/removeIp6Prefix, which
    // differ only in their name.
    void addPrefix(const char* fn, const KivSegmentHwInfo& info);
@@ -211,6 +220,20 @@ private:
    Zop::Ptr<FibRouteReactorSm> fibRouteSm_;
    Zop::Ptr<Ruv::Task> segmentSubnetTask_;
    KivSegmentHwWriter hwWriter_;
+   // A range of the FIB whose routes are to be reviewed: the routes equal
+   // to or inside `start` and not inside `end` (`end` == `start`: no
+   // bound). `last` is the bookmark, the last route of it queued (or
+   // passed over), so a walk stopped for a yield resumes just after it, in
+   // whatever state the FIB and the segment trie are by then: a FIB route
+   // added meanwhile is queued by its own notification, and the review reads
+   // the segment trie as it is when it runs.
+   struct FibRangeWalk {
+      VrfId vrfId;
+      Pexo::IpGenPrefix start;
+      Pexo::IpGenPrefix end;
+      std::optional<Pexo::IpGenPrefix> last;
+   };
+   std::deque<FibRangeWalk> rangeWalks_;
    struct RefusedRemoval {
       uint32_t refusals = 0;
       // When it goes back on the review list; unset once it is there.
