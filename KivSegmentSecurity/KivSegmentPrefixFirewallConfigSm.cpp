@@ -300,12 +300,10 @@ SegmentHwId KivSegmentSecurityVrfSm::lastHwId(const SegmentIdRequestKey& key) co
 }
 
 void KivSegmentSecurityVrfSm::queueRoutesWithHwId(SegmentHwId hwId) {
-   std::vector<VrfAndIpGenPrefix> routes;
-   for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
-      if (routeKey.vrfId() == vrfId_ && route.hwId() == hwId) {
-         routes.push_back(routeKey);
-      }
-   }
+   // A copy: queueing may reach handlers that change the records.
+   const std::set<VrfAndIpGenPrefix>& recorded =
+       segmentRoutesList_->routeInfoWithHwId(vrfId_, hwId);
+   const std::vector<VrfAndIpGenPrefix> routes(recorded.begin(), recorded.end());
    for (const auto& routeKey : routes) {
       processPrefix(routeKey);
    }

@@ -129,9 +129,47 @@ std::ostream& operator<<(std::ostream& os, const KivSegmentRouteInfo& v) {
 
 // ---- Collections ----
 
+void KivSegmentRouteInfoColl::routeInfoIs(const KivSegmentRouteInfo& r) {
+   const KivSegmentRouteInfo* old = routeInfo_.find(r.vrfPrefix());
+   if (!old || old->hwId() != r.hwId()) {
+      if (old) {
+         auto group = byHwId_.find({old->vrfPrefix().vrfId(), old->hwId()});
+         group->second.erase(old->vrfPrefix());
+         if (group->second.empty()) {
+            byHwId_.erase(group);
+         }
+      }
+      byHwId_[{r.vrfPrefix().vrfId(), r.hwId()}].insert(r.vrfPrefix());
+   }
+   routeInfo_.is(*this, r.vrfPrefix(), r);
+}
+
 KivSegmentRouteInfo KivSegmentRouteInfoColl::routeInfoDel(const VrfAndIpGenPrefix& k) {
+   if (const KivSegmentRouteInfo* old = routeInfo_.find(k)) {
+      auto group = byHwId_.find({k.vrfId(), old->hwId()});
+      group->second.erase(k);
+      if (group->second.empty()) {
+         byHwId_.erase(group);
+      }
+   }
    auto old = routeInfo_.del(*this, k);
    return old ? *old : KivSegmentRouteInfo();
+}
+
+void KivSegmentRouteInfoColl::routeInfoDelAll() {
+   // One at a time, so that the index agrees with the records whenever a
+   // handler looks.
+   Zop::Ptr<KivSegmentRouteInfoColl> hold(references() > 0 ? this : nullptr);
+   while (routeInfoCount() != 0) {
+      routeInfoDel(routeInfo_.begin()->first);
+   }
+}
+
+const std::set<VrfAndIpGenPrefix>& KivSegmentRouteInfoColl::routeInfoWithHwId(
+    VrfId vrfId, SegmentHwId hwId) const {
+   static const std::set<VrfAndIpGenPrefix> kNone;
+   auto group = byHwId_.find({vrfId, hwId});
+   return group == byHwId_.end() ? kNone : group->second;
 }
 
 Zop::Ptr<VrfTrieGen> KivSegmentPrefixTrie::vrfTrieIs(VrfId vrfId) {

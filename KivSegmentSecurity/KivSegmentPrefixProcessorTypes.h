@@ -20,6 +20,8 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <map>
+#include <set>
 
 #include "Kiv/KivExport.h"
 #include "Pexo/VrfId.h"
@@ -149,10 +151,10 @@ public:
 
    // Inserts or overwrites the record under its own vrfPrefix; notifies only
    // when something changed.
-   void routeInfoIs(const KivSegmentRouteInfo& r) { routeInfo_.is(*this, r.vrfPrefix(), r); }
+   void routeInfoIs(const KivSegmentRouteInfo& r);
    // The removed record; a default one (hw id 65535) when absent.
    KivSegmentRouteInfo routeInfoDel(const VrfAndIpGenPrefix& k);
-   void routeInfoDelAll() { routeInfo_.delAll(*this); }
+   void routeInfoDelAll();
    // The record; a default one when absent.
    KivSegmentRouteInfo routeInfo(const VrfAndIpGenPrefix& k) const { return routeInfo_.get(k); }
    const KivSegmentRouteInfo* routeInfoFind(const VrfAndIpGenPrefix& k) const {
@@ -161,6 +163,10 @@ public:
    bool routeInfoHas(const VrfAndIpGenPrefix& k) const { return routeInfo_.has(k); }
    size_t routeInfoCount() const { return routeInfo_.size(); }
    const auto& routeInfo() const { return routeInfo_; }
+   // The keys of the VRF's records that carry `hwId`, in key order (empty
+   // when there are none): a segment's records without a walk of every
+   // record. Up to date before any handler hears of a change.
+   const std::set<VrfAndIpGenPrefix>& routeInfoWithHwId(VrfId vrfId, SegmentHwId hwId) const;
 
    uint32_t reviewSegmentHwId() const { return reviewSegmentHwId_.get(); }
    void reviewSegmentHwIdIs(uint32_t n) { reviewSegmentHwId_.is(*this, n); }
@@ -173,6 +179,8 @@ private:
    Zop::NotifierList<Notifiee> notifiees_;
    Zop::HashMapAttr<KivSegmentRouteInfoColl, VrfAndIpGenPrefix, KivSegmentRouteInfo> routeInfo_{
        &Notifiee::handleRouteInfo};
+   // The record keys by (VRF id, hw id).
+   std::map<std::pair<VrfId, SegmentHwId>, std::set<VrfAndIpGenPrefix>> byHwId_;
    Zop::ScalarAttr<KivSegmentRouteInfoColl, uint32_t> reviewSegmentHwId_{
        &Notifiee::handleReviewSegmentHwId, 0};
 };

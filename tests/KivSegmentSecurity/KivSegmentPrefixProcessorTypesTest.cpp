@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -236,6 +238,54 @@ TEST(KivSegmentCollections, RouteInfoCollection) {
    coll->reviewSegmentHwIdInc(1);
    EXPECT_EQ(coll->reviewSegmentHwId(), 0u);
    EXPECT_EQ(log.reviews, 2);
+}
+
+// The (VRF, hw id) index over random changes, checked against a walk of the
+// records, also from inside the handlers: it is right before they run.
+TEST(KivSegmentCollections, RecordsByVrfAndHwIdFollowEveryChange) {
+   auto coll = kivSegmentRouteInfoCollFactory();
+   auto byWalk = [&](VrfId vrf, SegmentHwId hwId) {
+      std::set<VrfAndIpGenPrefix> keys;
+      for (const auto& [k, r] : coll->routeInfo()) {
+         if (k.vrfId() == vrf && r.hwId() == hwId) {
+            keys.insert(k);
+         }
+      }
+      return keys;
+   };
+   struct Checker : KivSegmentRouteInfoColl::Notifiee {
+      std::function<void(const VrfAndIpGenPrefix&)> check;
+      void handleRouteInfo(const VrfAndIpGenPrefix& k) override { check(k); }
+   } checker;
+   int checked = 0;
+   checker.check = [&](const VrfAndIpGenPrefix& k) {
+      for (uint16_t id = 1; id <= 4; ++id) {
+         ASSERT_EQ(coll->routeInfoWithHwId(k.vrfId(), SegmentHwId(id)),
+                   byWalk(k.vrfId(), SegmentHwId(id)));
+      }
+      ++checked;
+   };
+   checker.notifierIs(coll);
+   KivTest::RandomPrefixes r(7);
+   std::vector<VrfAndIpGenPrefix> keys;
+   for (int i = 0; i < 60; ++i) {
+      const auto af = r.chance(50) ? Pexo::AddressFamily::ipv4 : Pexo::AddressFamily::ipv6;
+      keys.push_back(VrfAndIpGenPrefix(VrfId(1 + r.below(3)), r.gen(af)));
+   }
+   for (int step = 0; step < 3000; ++step) {
+      const VrfAndIpGenPrefix& k = keys[r.below(keys.size())];
+      if (r.chance(30)) {
+         coll->routeInfoDel(k);
+      } else {
+         coll->routeInfoIs(KivSegmentRouteInfo(k, SegmentHwId(uint16_t(1 + r.below(4))),
+                                               RouteInfo(RouteType::routeTypeDrop, r.below(3))));
+      }
+   }
+   EXPECT_GT(checked, 1000);
+   coll->routeInfoDelAll();
+   for (uint32_t vrf = 1; vrf <= 3; ++vrf) {
+      EXPECT_TRUE(coll->routeInfoWithHwId(VrfId(vrf), SegmentHwId(1)).empty());
+   }
 }
 
 TEST(KivSegmentCollections, PrefixCountKeepsOneElementPerHwId) {
