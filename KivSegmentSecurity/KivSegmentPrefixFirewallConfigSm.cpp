@@ -459,14 +459,9 @@ void KivSegmentSecurityVrfSm::processSegmentPrefix(const Zop::String& segment, b
    TRACE5_FN("processSegmentPrefix",
              " Processing all prefixes for vrf: " << vrfName_ << " install: " << install);
    // In prefix order, so that reports and traces come out the same way on
-   // every run.
-   std::vector<Pexo::IpGenPrefix> prefixes;
-   for (const auto& [prefix, segmentName] : fwVrf_->prefixList()) {
-      if (segmentName == segment) {
-         prefixes.push_back(prefix);
-      }
-   }
-   std::sort(prefixes.begin(), prefixes.end());
+   // every run. A copy: queueing may reach handlers that change the list.
+   const std::set<Pexo::IpGenPrefix>& configured = fwVrf_->prefixListOfSegment(segment);
+   const std::vector<Pexo::IpGenPrefix> prefixes(configured.begin(), configured.end());
    for (const auto& prefix : prefixes) {
       if (validPrefix("processSegmentPrefix", prefix)) {
          processPrefix(VrfAndIpGenPrefix(vrfId_, prefix));

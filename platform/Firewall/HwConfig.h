@@ -2,13 +2,16 @@
 // The firewall configuration, as the configuration agent publishes it.
 //
 //   HwConfig      fwActive, fwDefaultDrop, VRFs by name (FwVrf)
-//   FwVrf         its prefix list (prefix -> segment name) and its segment
-//                 directory
+//   FwVrf         its prefix list (prefix -> segment name, also indexed by
+//                 segment) and its segment directory
 //   FwSegmentDir  segments by name (FwSegment)
 //   FwSegment     per source segment, the name of the policy applied to
 //                 traffic from that source into this (destination) segment
 // Prefix-list entries are kept as written: an entry may be an invalid prefix
 // (host bits set, multicast, ...); the segment feature checks them.
+
+#include <set>
+#include <unordered_map>
 
 #include "Pexo/Prefix.h"
 #include "Pexo/VrfName.h"
@@ -80,12 +83,33 @@ public:
 
    // Prefix -> segment name.
    void prefixListIs(const Pexo::IpGenPrefix& p, const Zop::String& segment) {
+      const Zop::String* old = prefixList_.find(p);
+      if (old && *old == segment) {
+         return;
+      }
+      if (old) {
+         bySegmentDel(*old, p);
+      }
+      bySegment_[segment].insert(p);
       prefixList_.is(*this, p, segment);
    }
-   void prefixListDel(const Pexo::IpGenPrefix& p) { prefixList_.del(*this, p); }
+   void prefixListDel(const Pexo::IpGenPrefix& p) {
+      if (const Zop::String* old = prefixList_.find(p)) {
+         bySegmentDel(*old, p);
+      }
+      prefixList_.del(*this, p);
+   }
    const Zop::String* prefixList(const Pexo::IpGenPrefix& p) const { return prefixList_.find(p); }
    bool prefixListHas(const Pexo::IpGenPrefix& p) const { return prefixList_.has(p); }
    const auto& prefixList() const { return prefixList_; }
+   // The prefixes mapped to `segment`, in prefix order (empty when none): a
+   // segment's prefixes without a walk of the VRF's whole list. Up to date
+   // before any handler hears of a change.
+   const std::set<Pexo::IpGenPrefix>& prefixListOfSegment(const Zop::String& segment) const {
+      static const std::set<Pexo::IpGenPrefix> kNone;
+      auto it = bySegment_.find(segment);
+      return it == bySegment_.end() ? kNone : it->second;
+   }
 
    const Zop::Ptr<FwSegmentDir>& segmentDir() const { return segmentDir_; }
    // The VRF's segment of that name; null when absent.
@@ -98,6 +122,14 @@ private:
    const Zop::Ptr<FwSegmentDir> segmentDir_;
    Zop::NotifierList<Notifiee> notifiees_;
    Zop::HashMapAttr<FwVrf, Pexo::IpGenPrefix, Zop::String> prefixList_{&Notifiee::handlePrefixList};
+   void bySegmentDel(const Zop::String& segment, const Pexo::IpGenPrefix& p) {
+      auto it = bySegment_.find(segment);
+      it->second.erase(p);
+      if (it->second.empty()) {
+         bySegment_.erase(it);
+      }
+   }
+   std::unordered_map<Zop::String, std::set<Pexo::IpGenPrefix>> bySegment_;
 };
 
 class HwConfig : public Zop::PtrInterface {
