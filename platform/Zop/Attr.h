@@ -132,8 +132,10 @@ public:
          order_.pop_front();
       }
       if (set_.empty() && set_.bucket_count() > kKeptBuckets) {
-         // A drained list gives back what a table's review grew it to.
+         // A drained list gives back what a table's review grew it to, the
+         // queue's block map included.
          Set().swap(set_);
+         std::deque<K>().swap(order_);
       }
       // Handlers may look at front(): it is a member again before they run.
       tidy();
