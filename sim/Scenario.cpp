@@ -232,19 +232,23 @@ Scenario::Scenario(Options options)
    if (options_.traceStream) {
       duolog_.setTextStream(*options_.traceStream);
    }
+   sim::Switch::Options switchOptions;
+   switchOptions.dataplane = options_.dataplane;
    if (options_.yieldEvery > 0) {
       uint32_t n =
           options_.yieldEvery > 0xFFFFFFFFull ? 0xFFFFFFFFu : uint32_t(options_.yieldEvery);
-      switch_ = std::make_unique<sim::Switch>(Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(n));
+      switchOptions.yieldPolicy = Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(n);
+      switch_ = std::make_unique<sim::Switch>(switchOptions);
       // Show commands yield wherever they may too (after every VRF).
       Agent::AgentCommandServiceSettings cli;
       cli.bufferSize = 1;
       switch_->cliServiceSettingsIs(cli);
    } else if (options_.realTimeSlice > 0) {
-      switch_ = std::make_unique<sim::Switch>(
-          Zop::makePtr<Ruv::RealTimeSliceYieldPolicy>(options_.realTimeSlice));
+      switchOptions.yieldPolicy =
+          Zop::makePtr<Ruv::RealTimeSliceYieldPolicy>(options_.realTimeSlice);
+      switch_ = std::make_unique<sim::Switch>(switchOptions);
    } else {
-      switch_ = std::make_unique<sim::Switch>();
+      switch_ = std::make_unique<sim::Switch>(switchOptions);
    }
    if (options_.timeHandlers) {
       Zop::notificationTimingIs(true);
@@ -832,6 +836,11 @@ void Scenario::status(const Words& w, std::ostream& out) {
        << s.waitForSegmentSecurityRoutingDisabledCnt() << '\n'
        << "hwRouting: " << b(switch_->multicastStatus()->hwRouting()) << '\n'
        << "routingSuspended: " << b(switch_->routingLayer().suspended()) << '\n';
+   if (const Dataplane* dataplane = switch_->hardware().dataplane()) {
+      for (const auto& line : dataplane->statusLines()) {
+         out << line << '\n';
+      }
+   }
 }
 
 bool Scenario::check(const Words& w, std::ostream& out) {

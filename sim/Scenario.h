@@ -38,6 +38,9 @@ struct ScenarioOptions {
    Zop::Time realTimeSlice = 0;
    // Notification handlers are timed, for the figures.
    bool timeHandlers = false;
+   // The switch's dataplane (sim/Dataplane.h); none: the simulated table.
+   // `status` adds its lines.
+   std::shared_ptr<Dataplane> dataplane = nullptr;
 };
 
 struct ScenarioResult {
