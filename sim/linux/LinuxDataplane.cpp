@@ -171,7 +171,10 @@ std::shared_ptr<LinuxDataplane> LinuxDataplane::open(const std::string& netns) {
    }
    std::shared_ptr<LinuxDataplane> dp(new LinuxDataplane());
    if (netns.empty()) {
-      dp->netns_ = "kivsim-" + std::to_string(getpid());
+      static unsigned opened = 0;
+      dp->netns_ =
+          "kivsim-" + std::to_string(getpid()) + (opened ? "-" + std::to_string(opened) : "");
+      ++opened;
       cleanUpOnExitAndSignals();
       std::string said;
       if (runIp({"netns", "add", dp->netns_}, &said) != 0) {
@@ -256,7 +259,13 @@ void LinuxDataplane::close() {
       runIp({"-n", netns_, "link", "del", kLink});
    }
    if (ownNamespace_) {
-      removeOwnNetns();
+      const std::string path = kNetnsDir + netns_;
+      if (path == gOwnNetnsPath) {
+         removeOwnNetns();
+      } else {
+         umount2(path.c_str(), MNT_DETACH);
+         unlink(path.c_str());
+      }
       ownNamespace_ = false;
    }
 }
