@@ -7,10 +7,13 @@
 #include <libmnl/libmnl.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,15 +39,22 @@ constexpr uint64_t kNextHop4Count = (1u << 22) - 2;
 constexpr const char* kLinkAddress4 = "100.127.255.254/10";
 constexpr uint64_t kNextHop6Hi = 0xfd006b6976000000ull;
 
-// The path of the namespace this process made, for the exit and signal
-// paths, which may run when nothing else can (a fixed buffer, no allocation).
-char gOwnNetnsPath[128];
+// The namespaces this process made, for the exit and signal paths, which may
+// run when nothing else can (fixed buffers, no allocation).
+constexpr size_t kMaxOwnNetns = 64;
+char gOwnNetnsPaths[kMaxOwnNetns][128];
+
+void removeNetnsPath(const char* path) {
+   umount2(path, MNT_DETACH);
+   unlink(path);
+}
 
 void removeOwnNetns() {
-   if (gOwnNetnsPath[0]) {
-      umount2(gOwnNetnsPath, MNT_DETACH);
-      unlink(gOwnNetnsPath);
-      gOwnNetnsPath[0] = '\0';
+   for (auto& path : gOwnNetnsPaths) {
+      if (path[0]) {
+         removeNetnsPath(path);
+         path[0] = '\0';
+      }
    }
 }
 
@@ -69,7 +79,31 @@ void cleanUpOnExitAndSignals() {
    }
 }
 
-// Runs `ip ARGS...`; 0 or the exit status, with what it said on stderr.
+// Registers a namespace this process made; false when there is no room left.
+bool ownNetnsIs(const std::string& name) {
+   cleanUpOnExitAndSignals();
+   const std::string path = kNetnsDir + name;
+   for (auto& slot : gOwnNetnsPaths) {
+      if (!slot[0] && path.size() < sizeof slot) {
+         std::memcpy(slot, path.c_str(), path.size() + 1);
+         return true;
+      }
+   }
+   return false;
+}
+
+// Deletes a namespace this process made, now.
+void ownNetnsDel(const std::string& name) {
+   const std::string path = kNetnsDir + name;
+   for (auto& slot : gOwnNetnsPaths) {
+      if (path == slot) {
+         slot[0] = '\0';
+      }
+   }
+   removeNetnsPath(path.c_str());
+}
+
+// Runs `ip ARGS...`; 0 or the exit status, with what it printed.
 int runIp(const std::vector<std::string>& args, std::string* said = nullptr) {
    std::vector<char*> argv;
    std::string ip = "ip";
@@ -86,7 +120,7 @@ int runIp(const std::vector<std::string>& args, std::string* said = nullptr) {
    posix_spawn_file_actions_t actions;
    posix_spawn_file_actions_init(&actions);
    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+   posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
    posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
    pid_t pid = 0;
@@ -175,13 +209,12 @@ std::shared_ptr<LinuxDataplane> LinuxDataplane::open(const std::string& netns) {
       dp->netns_ =
           "kivsim-" + std::to_string(getpid()) + (opened ? "-" + std::to_string(opened) : "");
       ++opened;
-      cleanUpOnExitAndSignals();
       std::string said;
       if (runIp({"netns", "add", dp->netns_}, &said) != 0) {
          throw Error("cannot create network namespace " + dp->netns_ + ": " + said);
       }
       dp->ownNamespace_ = true;
-      std::snprintf(gOwnNetnsPath, sizeof gOwnNetnsPath, "%s%s", kNetnsDir, dp->netns_.c_str());
+      ownNetnsIs(dp->netns_);
    } else {
       if (netns.find('/') != std::string::npos || netns == "." || netns == "..") {
          throw Error("bad namespace name '" + netns + "'");
@@ -255,17 +288,25 @@ void LinuxDataplane::close() {
       mnl_socket_close(nl_);
       nl_ = nullptr;
    }
-   if (ownLink_ && !ownNamespace_) {
-      runIp({"-n", netns_, "link", "del", kLink});
-   }
-   if (ownNamespace_) {
-      const std::string path = kNetnsDir + netns_;
-      if (path == gOwnNetnsPath) {
-         removeOwnNetns();
-      } else {
-         umount2(path.c_str(), MNT_DETACH);
-         unlink(path.c_str());
+   if (!ownNamespace_) {
+      // A namespace that stays: what was made in it goes.
+      if (ownLink_) {
+         runIp({"-n", netns_, "link", "del", kLink});
       }
+      for (const auto& [name, host] : hosts_) {
+         runIp({"-n", netns_, "rule", "del", "iif", host.link});
+      }
+      if (ruleTable_) {
+         runIp({"netns", "exec", netns_, "nft", "delete", "table", "inet", "kiv"});
+      }
+   }
+   // A host's namespace takes its end of the link, and so the link, with it.
+   for (const auto& [name, host] : hosts_) {
+      ownNetnsDel(host.netns);
+   }
+   hosts_.clear();
+   if (ownNamespace_) {
+      ownNetnsDel(netns_);
       ownNamespace_ = false;
    }
 }
@@ -301,7 +342,8 @@ bool LinuxDataplane::entryIs(const HwKey& key, const HwEntry& entry) {
    const bool drop = r.routeType() == RouteType::routeTypeDrop;
    if (reservedTable(table) || r.flag() ||
        !(drop || r.routeType() == RouteType::routeTypeForward) ||
-       (!drop && key.prefix.isIpv4() && r.adjIndex() >= kNextHop4Count)) {
+       (!drop && key.prefix.isIpv4() && r.adjIndex() >= kNextHop4Count &&
+        !hostAdjLink_.count(r.adjIndex()))) {
       refused(key, "not expressible as a kernel route", -EINVAL);
       return false;
    }
@@ -312,6 +354,11 @@ bool LinuxDataplane::entryIs(const HwKey& key, const HwEntry& entry) {
    rtm->rtm_scope = RT_SCOPE_UNIVERSE;
    if (drop) {
       rtm->rtm_type = RTN_BLACKHOLE;
+   } else if (auto link = hostAdjLink_.find(r.adjIndex()); link != hostAdjLink_.end()) {
+      // A host's link: the connected route, out of the link.
+      rtm->rtm_type = RTN_UNICAST;
+      rtm->rtm_scope = RT_SCOPE_LINK;
+      mnl_attr_put_u32(nlh, RTA_OIF, uint32_t(link->second));
    } else {
       rtm->rtm_type = RTN_UNICAST;
       rtm->rtm_flags |= RTNH_F_ONLINK;
@@ -367,6 +414,7 @@ namespace {
 
 struct DumpState {
    int family;
+   const std::map<int, uint64_t>* linkHostAdj;
    const std::map<std::pair<uint32_t, int>, uint64_t>* dropAdj;
    const std::map<HwKey, HwEntry>* acked;
    std::map<HwKey, HwEntry>* out;
@@ -422,6 +470,10 @@ int routeCallback(const nlmsghdr* nlh, void* data) {
          adj = bigEndian64(gw + 8);
       }
       e.routeInfo = RouteInfo(RouteType::routeTypeForward, adj);
+   } else if (auto it = tb[RTA_OIF] ? s.linkHostAdj->find(int(mnl_attr_get_u32(tb[RTA_OIF])))
+                                    : s.linkHostAdj->end();
+              it != s.linkHostAdj->end()) {
+      e.routeInfo = RouteInfo(RouteType::routeTypeForward, it->second);
    } else {
       e.routeInfo = RouteInfo(RouteType::routeTypeInvalid, 0);
    }
@@ -448,7 +500,7 @@ void LinuxDataplane::dumpFamily(int family, std::map<HwKey, HwEntry>& out) {
    if (mnl_socket_sendto(nl_, nlh, nlh->nlmsg_len) < 0) {
       return;
    }
-   DumpState state{family, &dropAdj_, &acked_, &out};
+   DumpState state{family, &linkHostAdj_, &dropAdj_, &acked_, &out};
    std::vector<char> rx(1 << 16);
    for (;;) {
       ssize_t n = mnl_socket_recvfrom(nl_, rx.data(), rx.size());
@@ -480,6 +532,231 @@ std::vector<std::string> LinuxDataplane::statusLines() const {
    return {"dataplane: linux (VRF id N is kernel table N; IPv4 ids are route realms)",
            "dataplaneIpv6Ids: kept beside the kernel table (the kernel carries no realm on "
            "IPv6 routes)"};
+}
+
+namespace {
+
+// A socket made in the namespace `netns` by a thread that enters it; -1 and
+// `why` when it cannot be had.
+int socketIn(const std::string& netns, int type, std::string& why) {
+   int sock = -1;
+   std::thread maker([&] {
+      const std::string path = kNetnsDir + netns;
+      int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd < 0 || setns(fd, CLONE_NEWNET) != 0) {
+         why = "cannot enter " + path + ": " + std::strerror(errno);
+      } else {
+         sock = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+         if (sock < 0) {
+            why = std::string("no socket: ") + std::strerror(errno);
+         }
+      }
+      if (fd >= 0) {
+         ::close(fd);
+      }
+   });
+   maker.join();
+   return sock;
+}
+
+int linkIndexIn(const std::string& netns, const std::string& link) {
+   int index = 0;
+   std::thread looker([&] {
+      const std::string path = kNetnsDir + netns;
+      int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd >= 0 && setns(fd, CLONE_NEWNET) == 0) {
+         index = int(if_nametoindex(link.c_str()));
+      }
+      if (fd >= 0) {
+         ::close(fd);
+      }
+   });
+   looker.join();
+   return index;
+}
+
+std::string addressText(Pexo::IpAddr a) {
+   return std::to_string(a.value() >> 24) + "." + std::to_string((a.value() >> 16) & 0xFF) + "." +
+          std::to_string((a.value() >> 8) & 0xFF) + "." + std::to_string(a.value() & 0xFF);
+}
+
+std::string hex32(uint32_t v) {
+   char buf[16];
+   std::snprintf(buf, sizeof buf, "0x%08x", v);
+   return buf;
+}
+
+}  // namespace
+
+std::string LinuxDataplane::hostIs(const std::string& name, VrfId vrf, Pexo::IpAddr address,
+                                   uint32_t len, Pexo::IpAddr gateway, uint64_t& adj) {
+   if (hosts_.count(name)) {
+      return "host '" + name + "' exists";
+   }
+   if (reservedTable(vrf.value())) {
+      return "VRF id " + std::to_string(vrf.value()) + " is a kernel table of its own";
+   }
+   for (const auto& [other, host] : hosts_) {
+      if (host.address == address) {
+         return "host '" + other + "' has " + addressText(address);
+      }
+   }
+   std::string said;
+   if (!forwarding_) {
+      if (runIp({"netns", "exec", netns_, "sysctl", "-qw", "net.ipv4.ip_forward=1",
+                 "net.ipv4.conf.all.rp_filter=0", "net.ipv4.conf.default.rp_filter=0"},
+                &said) != 0) {
+         return "cannot turn forwarding on: " + said;
+      }
+      forwarding_ = true;
+   }
+   const size_t n = hosts_.size();
+   Host h;
+   h.netns = netns_ + "-" + name;
+   h.link = "kh" + std::to_string(n);
+   h.address = address;
+   if (runIp({"netns", "add", h.netns}, &said) != 0) {
+      return "cannot create the host's namespace " + h.netns + ": " + said;
+   }
+   if (!ownNetnsIs(h.netns)) {
+      ownNetnsDel(h.netns);
+      return "too many namespaces";
+   }
+   const std::string len_ = "/" + std::to_string(len);
+   const std::vector<std::vector<std::string>> steps = {
+       {"-n", netns_, "link", "add", h.link, "type", "veth", "peer", "name", "eth0", "netns",
+        h.netns},
+       {"-n", netns_, "addr", "add", addressText(gateway) + len_, "dev", h.link, "noprefixroute"},
+       {"-n", netns_, "link", "set", h.link, "up"},
+       {"-n", netns_, "rule", "add", "iif", h.link, "lookup", std::to_string(vrf.value())},
+       {"-n", h.netns, "addr", "add", addressText(address) + len_, "dev", "eth0"},
+       {"-n", h.netns, "link", "set", "eth0", "up"},
+       {"-n", h.netns, "link", "set", "lo", "up"},
+       {"-n", h.netns, "route", "add", "default", "via", addressText(gateway)},
+   };
+   for (const auto& step : steps) {
+      if (runIp(step, &said) != 0) {
+         runIp({"-n", netns_, "rule", "del", "iif", h.link});
+         ownNetnsDel(h.netns);
+         return "host '" + name + "': ip " + step[2] + " " + step[3] + ": " + said;
+      }
+   }
+   h.linkIndex = linkIndexIn(netns_, h.link);
+   adj = kHostAdjBase + n;
+   hostAdjLink_[adj] = h.linkIndex;
+   linkHostAdj_[h.linkIndex] = adj;
+   hosts_[name] = h;
+   return "";
+}
+
+std::string LinuxDataplane::send(const std::string& host, Pexo::IpAddr to, bool& delivered) {
+   delivered = false;
+   auto from = hosts_.find(host);
+   if (from == hosts_.end()) {
+      return "no host '" + host + "'";
+   }
+   const Host* dest = nullptr;
+   for (const auto& [name, h] : hosts_) {
+      if (h.address == to) {
+         dest = &h;
+      }
+   }
+   if (!dest) {
+      return "no host has " + addressText(to);
+   }
+   std::string why;
+   int rx = socketIn(dest->netns, SOCK_DGRAM, why);
+   int tx = rx < 0 ? -1 : socketIn(from->second.netns, SOCK_DGRAM, why);
+   sockaddr_in sa{};
+   sa.sin_family = AF_INET;
+   sa.sin_port = htons(7357);
+   sa.sin_addr.s_addr = htonl(to.value());
+   if (rx >= 0 && tx >= 0) {
+      if (bind(rx, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
+         why = std::string("cannot listen on the destination: ") + std::strerror(errno);
+      } else if (sendto(tx, "kivsim", 6, 0, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 6) {
+         why = std::string("cannot send: ") + std::strerror(errno);
+      } else {
+         // The kernel forwards it within microseconds once the neighbours
+         // are known; the first datagram of a pair waits for them.
+         pollfd p{rx, POLLIN, 0};
+         char buf[16];
+         delivered = poll(&p, 1, 500) == 1 && recv(rx, buf, sizeof buf, MSG_DONTWAIT) == 6;
+      }
+   }
+   for (int fd : {rx, tx}) {
+      if (fd >= 0) {
+         ::close(fd);
+      }
+   }
+   return why;
+}
+
+std::string LinuxDataplane::rulesAre(const std::vector<Rule>& rules) {
+   std::string text =
+       "table inet kiv\n"
+       "delete table inet kiv\n"
+       "table inet kiv {\n"
+       "  chain forward {\n"
+       "    type filter hook forward priority 0; policy accept;\n";
+   for (const auto& r : rules) {
+      std::string name = r.name;
+      for (char& c : name) {
+         if (c == '"' || c == '\\') {
+            c = '_';
+         }
+      }
+      text += "    meta rtclassid " +
+              (r.mask == 0xFFFFFFFF ? hex32(r.classPair)
+                                    : "& " + hex32(r.mask) + " == " + hex32(r.classPair)) +
+              " counter " + (r.permit ? "accept" : "drop") + " comment \"" + name + "\"\n";
+   }
+   text += "  }\n}\n";
+   char path[] = "/tmp/kivsim-rules-XXXXXX";
+   int fd = mkstemp(path);
+   if (fd < 0) {
+      return std::string("cannot write the rules: ") + std::strerror(errno);
+   }
+   const bool written = write(fd, text.data(), text.size()) == ssize_t(text.size());
+   ::close(fd);
+   std::string said;
+   const int rc = written ? runIp({"netns", "exec", netns_, "nft", "-f", path}, &said) : -1;
+   unlink(path);
+   if (rc != 0) {
+      return "nft refused the rules: " + said;
+   }
+   ruleTable_ = true;
+   return "";
+}
+
+std::map<std::string, uint64_t> LinuxDataplane::ruleCounts() {
+   std::map<std::string, uint64_t> counts;
+   if (!ruleTable_) {
+      return counts;
+   }
+   std::string listing;
+   if (runIp({"netns", "exec", netns_, "nft", "list", "table", "inet", "kiv"}, &listing) != 0) {
+      return counts;
+   }
+   size_t pos = 0;
+   while (pos < listing.size()) {
+      size_t end = listing.find('\n', pos);
+      if (end == std::string::npos) {
+         end = listing.size();
+      }
+      const std::string line = listing.substr(pos, end - pos);
+      pos = end + 1;
+      const size_t packets = line.find("counter packets ");
+      const size_t comment = line.find("comment \"");
+      if (packets == std::string::npos || comment == std::string::npos) {
+         continue;
+      }
+      const size_t nameStart = comment + 9;
+      const size_t nameEnd = line.find('"', nameStart);
+      counts[line.substr(nameStart, nameEnd - nameStart)] +=
+          std::strtoull(line.c_str() + packets + 16, nullptr, 10);
+   }
+   return counts;
 }
 
 }  // namespace sim

@@ -11,6 +11,7 @@
 //   routeTypeForward adj A  a unicast route via a next hop that encodes A:
 //                         100.64.0.0 + A (A < 4194302) or fd00:6b69:7600::A,
 //                         on link through the namespace's veth kiv0
+//   routeTypeForward adj kHostAdjBase + N  a route out of host link N
 //   other route types, or the flag: refused
 //   class id (IPv4)       the route's realm (RTA_FLOW), written by replacing
 //                         the route with the same next hop
@@ -67,6 +68,18 @@ public:
    std::map<HwKey, HwEntry> entries() override;
    std::vector<std::string> statusLines() const override;
 
+   // Hosts are namespaces of their own ("NETNS-NAME"), joined to the
+   // switch's namespace by a veth pair ("khN" there, "eth0" in the host);
+   // an ip rule sends what comes in on khN to the VRF's table, and the
+   // link's adjacency (kHostAdjBase + N) is a route out of khN. Rules are an
+   // nftables table "inet kiv" whose forward chain matches `meta rtclassid`.
+   static constexpr uint64_t kHostAdjBase = 4100000;
+   std::string rulesAre(const std::vector<Rule>& rules) override;
+   std::map<std::string, uint64_t> ruleCounts() override;
+   std::string hostIs(const std::string& name, VrfId vrf, Pexo::IpAddr address, uint32_t len,
+                      Pexo::IpAddr gateway, uint64_t& adj) override;
+   std::string send(const std::string& host, Pexo::IpAddr to, bool& delivered) override;
+
    const std::string& netns() const { return netns_; }
    // The kernel's refusals, one line each ("vrf 1 10.1.0.0/16: File exists").
    const std::vector<std::string>& refusals() const { return refusals_; }
@@ -94,6 +107,19 @@ private:
    // The drop adjacency of each (table, family) last written as a blackhole.
    std::map<std::pair<uint32_t, int>, uint64_t> dropAdj_;
    std::vector<std::string> refusals_;
+
+   struct Host {
+      std::string netns;
+      Pexo::IpAddr address;
+      std::string link;
+      int linkIndex = 0;
+   };
+   std::map<std::string, Host> hosts_;
+   // The link a host adjacency goes out of, and back.
+   std::map<uint64_t, int> hostAdjLink_;
+   std::map<int, uint64_t> linkHostAdj_;
+   bool forwarding_ = false;
+   bool ruleTable_ = false;
 };
 
 }  // namespace sim
