@@ -622,14 +622,14 @@ std::string LinuxDataplane::hostIs(const std::string& name, VrfId vrf, Pexo::IpA
       ownNetnsDel(h.netns);
       return "too many namespaces";
    }
-   const std::string len_ = "/" + std::to_string(len);
+   const std::string slashLen = "/" + std::to_string(len);
    const std::vector<std::vector<std::string>> steps = {
        {"-n", netns_, "link", "add", h.link, "type", "veth", "peer", "name", "eth0", "netns",
         h.netns},
-       {"-n", netns_, "addr", "add", addressText(gateway) + len_, "dev", h.link, "noprefixroute"},
+       {"-n", netns_, "addr", "add", addressText(gateway) + slashLen, "dev", h.link, "noprefixroute"},
        {"-n", netns_, "link", "set", h.link, "up"},
        {"-n", netns_, "rule", "add", "iif", h.link, "lookup", std::to_string(vrf.value())},
-       {"-n", h.netns, "addr", "add", addressText(address) + len_, "dev", "eth0"},
+       {"-n", h.netns, "addr", "add", addressText(address) + slashLen, "dev", "eth0"},
        {"-n", h.netns, "link", "set", "eth0", "up"},
        {"-n", h.netns, "link", "set", "lo", "up"},
        {"-n", h.netns, "route", "add", "default", "via", addressText(gateway)},
