@@ -626,7 +626,8 @@ std::string LinuxDataplane::hostIs(const std::string& name, VrfId vrf, Pexo::IpA
    const std::vector<std::vector<std::string>> steps = {
        {"-n", netns_, "link", "add", h.link, "type", "veth", "peer", "name", "eth0", "netns",
         h.netns},
-       {"-n", netns_, "addr", "add", addressText(gateway) + slashLen, "dev", h.link, "noprefixroute"},
+       {"-n", netns_, "addr", "add", addressText(gateway) + slashLen, "dev", h.link,
+        "noprefixroute"},
        {"-n", netns_, "link", "set", h.link, "up"},
        {"-n", netns_, "rule", "add", "iif", h.link, "lookup", std::to_string(vrf.value())},
        {"-n", h.netns, "addr", "add", addressText(address) + slashLen, "dev", "eth0"},
