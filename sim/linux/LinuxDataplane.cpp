@@ -152,6 +152,14 @@ int runIp(const std::vector<std::string>& args, std::string* said = nullptr) {
    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// What a command printed, on one line.
+std::string oneLine(std::string text) {
+   for (size_t i = 0; (i = text.find('\n', i)) != std::string::npos;) {
+      text.replace(i, 1, "; ");
+   }
+   return text;
+}
+
 bool reservedTable(uint32_t table) {
    return table == RT_TABLE_UNSPEC || table == RT_TABLE_DEFAULT || table == RT_TABLE_MAIN ||
           table == RT_TABLE_LOCAL;
@@ -211,7 +219,7 @@ std::shared_ptr<LinuxDataplane> LinuxDataplane::open(const std::string& netns) {
       ++opened;
       std::string said;
       if (runIp({"netns", "add", dp->netns_}, &said) != 0) {
-         throw Error("cannot create network namespace " + dp->netns_ + ": " + said);
+         throw Error("cannot create network namespace " + dp->netns_ + ": " + oneLine(said));
       }
       dp->ownNamespace_ = true;
       ownNetnsIs(dp->netns_);
@@ -231,14 +239,14 @@ std::shared_ptr<LinuxDataplane> LinuxDataplane::open(const std::string& netns) {
    if (runIp({"-n", n, "link", "show", kLink}) != 0) {
       if (runIp({"-n", n, "link", "add", kLink, "type", "veth", "peer", "name", kPeer}, &said) !=
           0) {
-         throw Error("cannot add the next-hop link in " + n + ": " + said);
+         throw Error("cannot add the next-hop link in " + n + ": " + oneLine(said));
       }
       dp->ownLink_ = true;
       runIp({"-n", n, "addr", "add", kLinkAddress4, "dev", kLink});
    }
    for (const char* link : {"lo", kLink, kPeer}) {
       if (runIp({"-n", n, "link", "set", link, "up"}, &said) != 0) {
-         throw Error("cannot bring " + std::string(link) + " up in " + n + ": " + said);
+         throw Error("cannot bring " + std::string(link) + " up in " + n + ": " + oneLine(said));
       }
    }
    // The socket is opened by a thread of its own that enters the namespace:
@@ -606,7 +614,7 @@ std::string LinuxDataplane::hostIs(const std::string& name, VrfId vrf, Pexo::IpA
       if (runIp({"netns", "exec", netns_, "sysctl", "-qw", "net.ipv4.ip_forward=1",
                  "net.ipv4.conf.all.rp_filter=0", "net.ipv4.conf.default.rp_filter=0"},
                 &said) != 0) {
-         return "cannot turn forwarding on: " + said;
+         return "cannot turn forwarding on: " + oneLine(said);
       }
       forwarding_ = true;
    }
@@ -616,7 +624,7 @@ std::string LinuxDataplane::hostIs(const std::string& name, VrfId vrf, Pexo::IpA
    h.link = "kh" + std::to_string(n);
    h.address = address;
    if (runIp({"netns", "add", h.netns}, &said) != 0) {
-      return "cannot create the host's namespace " + h.netns + ": " + said;
+      return "cannot create the host's namespace " + h.netns + ": " + oneLine(said);
    }
    if (!ownNetnsIs(h.netns)) {
       ownNetnsDel(h.netns);
@@ -639,7 +647,7 @@ std::string LinuxDataplane::hostIs(const std::string& name, VrfId vrf, Pexo::IpA
       if (runIp(step, &said) != 0) {
          runIp({"-n", netns_, "rule", "del", "iif", h.link});
          ownNetnsDel(h.netns);
-         return "host '" + name + "': ip " + step[2] + " " + step[3] + ": " + said;
+         return "host '" + name + "': ip " + step[2] + " " + step[3] + ": " + oneLine(said);
       }
    }
    h.linkIndex = linkIndexIn(netns_, h.link);
@@ -724,7 +732,7 @@ std::string LinuxDataplane::rulesAre(const std::vector<Rule>& rules) {
    const int rc = written ? runIp({"netns", "exec", netns_, "nft", "-f", path}, &said) : -1;
    unlink(path);
    if (rc != 0) {
-      return "nft refused the rules: " + said;
+      return "nft refused the rules: " + oneLine(said);
    }
    ruleTable_ = true;
    return "";
