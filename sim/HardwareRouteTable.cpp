@@ -216,7 +216,11 @@ const std::map<HardwareRouteTable::Key, HardwareRouteTable::Entry>& HardwareRout
    if (!dataplane_) {
       return entries_;
    }
-   dataplaneView_ = dataplane_->entries();
+   // Replaced only when it changed, so that what an earlier call handed out
+   // stays valid while the dataplane holds the same.
+   if (auto fresh = dataplane_->entries(); fresh != dataplaneView_) {
+      dataplaneView_.swap(fresh);
+   }
    return dataplaneView_;
 }
 
