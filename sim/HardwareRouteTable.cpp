@@ -94,6 +94,10 @@ bool HardwareRouteTable::programRoute(const Key& key, const RouteInfo& oldRouteI
          logError("programRoute " + keyText(key) + ": asked to remove the FIB route's entry");
          return false;
       }
+      if (dataplane_ && !dataplane_->entryDel(key)) {
+         ++counters_.refusals;
+         return false;
+      }
       entries_.erase(it);
       ++counters_.routePrograms;
       checkRoom();
@@ -105,9 +109,19 @@ bool HardwareRouteTable::programRoute(const Key& key, const RouteInfo& oldRouteI
          resourceFullIs(true);
          return false;
       }
-      entries_.emplace(key, Entry{newRouteInfo, SegmentHwId(0), Owner::segmentRoute});
+      const Entry entry{newRouteInfo, SegmentHwId(0), Owner::segmentRoute};
+      if (dataplane_ && !dataplane_->entryIs(key, entry)) {
+         ++counters_.refusals;
+         return false;
+      }
+      entries_.emplace(key, entry);
       ++counters_.routePrograms;
       return true;
+   }
+   if (dataplane_ &&
+       !dataplane_->entryIs(key, Entry{newRouteInfo, it->second.classId, it->second.owner})) {
+      ++counters_.refusals;
+      return false;
    }
    if (it->second.owner == Owner::fibRoute && it->second.routeInfo != newRouteInfo) {
       ++counters_.fibRouteOverwrites;
@@ -120,8 +134,11 @@ bool HardwareRouteTable::programRoute(const Key& key, const RouteInfo& oldRouteI
 }
 
 SegmentHwId HardwareRouteTable::hardwareId(const Key& key) const {
-   const Entry* e = entry(key);
-   return e ? e->classId : SegmentHwId(SegmentHwId::kInvalid);
+   if (dataplane_) {
+      return dataplane_->classId(key).value_or(SegmentHwId(SegmentHwId::kInvalid));
+   }
+   auto it = entries_.find(key);
+   return it != entries_.end() ? it->second.classId : SegmentHwId(SegmentHwId::kInvalid);
 }
 
 bool HardwareRouteTable::hardwareIdIs(const Key& key, SegmentHwId id) {
@@ -133,6 +150,10 @@ bool HardwareRouteTable::hardwareIdIs(const Key& key, SegmentHwId id) {
       ++counters_.missingEntryWrites;
       logError("updateHardwareId " + keyText(key) + ": no such entry (id " +
                std::to_string(id.value()) + ")");
+      return false;
+   }
+   if (dataplane_ && !dataplane_->entryIs(key, Entry{it->second.routeInfo, id, it->second.owner})) {
+      ++counters_.refusals;
       return false;
    }
    it->second.classId = id;
@@ -160,12 +181,23 @@ void HardwareRouteTable::fibRouteIs(const Key& key, const RouteInfo& routeInfo) 
       it->second.owner = Owner::fibRoute;
    }
    ++counters_.fibWrites;
+   // The routing agent's writes are never refused here; one the dataplane
+   // refuses is an error of the dataplane's, and check shows the route missing.
+   if (dataplane_ && !dataplane_->entryIs(key, it->second)) {
+      ++counters_.dataplaneFibRefusals;
+      logError("fibRouteIs " + keyText(key) + ": the dataplane refused " +
+               entryText(routeInfo, it->second.classId));
+   }
 }
 
 bool HardwareRouteTable::fibRouteDel(const Key& key) {
    auto it = entries_.find(key);
    if (it == entries_.end() || it->second.owner != Owner::fibRoute) {
       return false;
+   }
+   if (dataplane_ && !dataplane_->entryDel(key)) {
+      ++counters_.dataplaneFibRefusals;
+      logError("fibRouteDel " + keyText(key) + ": the dataplane refused the removal");
    }
    entries_.erase(it);
    ++counters_.fibWrites;
@@ -174,8 +206,22 @@ bool HardwareRouteTable::fibRouteDel(const Key& key) {
 }
 
 const HardwareRouteTable::Entry* HardwareRouteTable::entry(const Key& key) const {
-   auto it = entries_.find(key);
-   return it == entries_.end() ? nullptr : &it->second;
+   const auto& all = entries();
+   auto it = all.find(key);
+   return it == all.end() ? nullptr : &it->second;
+}
+
+const std::map<HardwareRouteTable::Key, HardwareRouteTable::Entry>& HardwareRouteTable::entries()
+    const {
+   if (!dataplane_) {
+      return entries_;
+   }
+   // Replaced only when it changed, so that what an earlier call handed out
+   // stays valid while the dataplane holds the same.
+   if (auto fresh = dataplane_->entries(); fresh != dataplaneView_) {
+      dataplaneView_.swap(fresh);
+   }
+   return dataplaneView_;
 }
 
 void HardwareRouteTable::faultIs(const Key& key, Fault fault) {

@@ -46,11 +46,19 @@
 // change, is reported to the resource listener, the platform's hook for its
 // resource syslogs.
 //
+// Dataplane: with one attached (dataplaneIs, see sim/Dataplane.h) every
+// write the table takes, the library's and the routing agent's, is made in
+// the dataplane first; one the dataplane refuses is a refused write to the
+// library (counted with the refusals, nothing changes), and to the routing
+// agent an error line (counted as dataplaneFibRefusals). hardwareId reads the
+// dataplane's class id, and entries() and entry() show the dataplane's view.
+//
 // All of it runs on the reactor thread and calls nothing back.
 
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -61,26 +69,15 @@
 #include "Routing/RouteSmHelper.h"
 #include "Zop/Ptr.h"
 #include "Zop/String.h"
+#include "sim/Dataplane.h"
 
 namespace sim {
 
 class HardwareRouteTable : public Zop::PtrInterface {
 public:
-   struct Key {
-      VrfId vrfId;
-      Pexo::IpGenPrefix prefix;
-      friend auto operator<=>(const Key&, const Key&) = default;
-      friend bool operator==(const Key&, const Key&) = default;
-   };
-
-   enum class Owner : uint8_t { fibRoute, segmentRoute };
-
-   struct Entry {
-      RouteInfo routeInfo;
-      SegmentHwId classId = SegmentHwId(0);
-      Owner owner = Owner::segmentRoute;
-      friend bool operator==(const Entry&, const Entry&) = default;
-   };
+   using Key = HwKey;
+   using Owner = HwOwner;
+   using Entry = HwEntry;
 
    enum class Fault : uint8_t { none, once, always };
 
@@ -92,9 +89,11 @@ public:
       uint64_t fibRouteRemovals = 0;    // programRoute asked to remove a FIB route's entry
       uint64_t fibRouteOverwrites = 0;  // programRoute changed a FIB route's forwarding
       uint64_t missingEntryWrites = 0;  // hardwareIdIs on a key without an entry
-      uint64_t refusals = 0;            // calls refused by a fault or for want of space
+      uint64_t refusals = 0;  // calls refused by a fault, for want of space or by the dataplane
+      uint64_t dataplaneFibRefusals = 0;  // FIB route writes the dataplane refused
       uint64_t errors() const {
-         return oldRouteMismatches + fibRouteRemovals + fibRouteOverwrites + missingEntryWrites;
+         return oldRouteMismatches + fibRouteRemovals + fibRouteOverwrites + missingEntryWrites +
+                dataplaneFibRefusals;
       }
    };
 
@@ -123,9 +122,16 @@ public:
    bool fibRouteDel(const Key& key);
 
    // ---- Looking ----
+   // With a dataplane: its view, read back at each call.
    const Entry* entry(const Key& key) const;
-   const std::map<Key, Entry>& entries() const { return entries_; }
+   const std::map<Key, Entry>& entries() const;
+   // The entries the table placed (its own record, whatever the dataplane).
    size_t size() const { return entries_.size(); }
+
+   // ---- The dataplane ----
+   // None (the default): the table is the simulated hardware itself.
+   void dataplaneIs(std::shared_ptr<Dataplane> dataplane) { dataplane_ = std::move(dataplane); }
+   Dataplane* dataplane() const { return dataplane_.get(); }
 
    // ---- Faults and limits ----
    void faultIs(const Key& key, Fault fault);
@@ -158,6 +164,9 @@ private:
    void checkRoom();
 
    std::map<Key, Entry> entries_;
+   std::shared_ptr<Dataplane> dataplane_;
+   // The dataplane's view as last read by entries().
+   mutable std::map<Key, Entry> dataplaneView_;
    std::map<Key, Fault> faults_;
    std::optional<size_t> capacity_;
    bool resourceFull_ = false;

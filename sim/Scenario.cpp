@@ -1,5 +1,7 @@
 #include "sim/Scenario.h"
 
+#include <arpa/inet.h>
+
 #include <cxxabi.h>
 #include <malloc.h>
 
@@ -9,6 +11,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <istream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -232,19 +235,23 @@ Scenario::Scenario(Options options)
    if (options_.traceStream) {
       duolog_.setTextStream(*options_.traceStream);
    }
+   sim::Switch::Options switchOptions;
+   switchOptions.dataplane = options_.dataplane;
    if (options_.yieldEvery > 0) {
       uint32_t n =
           options_.yieldEvery > 0xFFFFFFFFull ? 0xFFFFFFFFu : uint32_t(options_.yieldEvery);
-      switch_ = std::make_unique<sim::Switch>(Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(n));
+      switchOptions.yieldPolicy = Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(n);
+      switch_ = std::make_unique<sim::Switch>(switchOptions);
       // Show commands yield wherever they may too (after every VRF).
       Agent::AgentCommandServiceSettings cli;
       cli.bufferSize = 1;
       switch_->cliServiceSettingsIs(cli);
    } else if (options_.realTimeSlice > 0) {
-      switch_ = std::make_unique<sim::Switch>(
-          Zop::makePtr<Ruv::RealTimeSliceYieldPolicy>(options_.realTimeSlice));
+      switchOptions.yieldPolicy =
+          Zop::makePtr<Ruv::RealTimeSliceYieldPolicy>(options_.realTimeSlice);
+      switch_ = std::make_unique<sim::Switch>(switchOptions);
    } else {
-      switch_ = std::make_unique<sim::Switch>();
+      switch_ = std::make_unique<sim::Switch>(switchOptions);
    }
    if (options_.timeHandlers) {
       Zop::notificationTimingIs(true);
@@ -389,6 +396,10 @@ bool Scenario::execute(const Words& w, std::ostream& out) {
       prefix(w);
    } else if (c == "policy") {
       policy(w);
+   } else if (c == "host") {
+      host(w);
+   } else if (c == "send") {
+      send(w, out);
    } else if (c == "settle") {
       usage(w, 1, 1, "settle");
       settle();
@@ -694,7 +705,11 @@ void Scenario::prefix(const Words& w) {
 }
 
 void Scenario::policy(const Words& w) {
-   usage(w, 5, 5, "policy VRF DST SRC NAME | policy VRF DST SRC delete");
+   constexpr const char* form = "policy VRF DST SRC NAME [permit/deny] | policy VRF DST SRC delete";
+   usage(w, 5, 6, form);
+   if (w.size() == 6 && (w[4] == "delete" || (w[5] != "permit" && w[5] != "deny"))) {
+      bad("unexpected word " + quoted(w[5]) + ": " + form);
+   }
    L3::VrfName name = vrfNameOf(w[1]);
    auto fwVrf = switch_->fwConfig()->vrf(name);
    if (!fwVrf) {
@@ -709,8 +724,171 @@ void Scenario::policy(const Words& w) {
          bad("no policy from " + quoted(w[3]) + " to " + quoted(w[2]));
       }
       dst->sourceSegmentDel(w[3]);
+      denied_.erase({w[1], w[2], w[3]});
    } else {
       dst->sourceSegmentIs(w[3], w[4]);
+      if (w.size() == 6 && w[5] == "deny") {
+         denied_[{w[1], w[2], w[3]}] = true;
+      } else {
+         denied_.erase({w[1], w[2], w[3]});
+      }
+   }
+}
+
+namespace {
+
+std::optional<Pexo::IpAddr> ipv4Address(const std::string& word) {
+   in_addr a{};
+   if (inet_pton(AF_INET, word.c_str(), &a) != 1) {
+      return std::nullopt;
+   }
+   return Pexo::IpAddr(ntohl(a.s_addr));
+}
+
+}  // namespace
+
+void Scenario::host(const Words& w) {
+   constexpr const char* form = "host NAME VRF ADDRESS/LEN via GATEWAY";
+   usage(w, 6, 6, form);
+   const std::string& name = w[1];
+   if (name.empty() || name.size() > 12 ||
+       name.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789-") != std::string::npos) {
+      bad("bad host name " + quoted(name) + " (1 to 12 of a-z, 0-9, -)");
+   }
+   const VrfId vrfId = knownVrf(*switch_, w[2]);
+   const size_t slash = w[3].find('/');
+   const auto address = ipv4Address(w[3].substr(0, slash));
+   uint64_t len = 0;
+   if (slash == std::string::npos || !address) {
+      bad("bad address " + quoted(w[3]) + " (an IPv4 ADDRESS/LEN)");
+   }
+   len = number(w[3].substr(slash + 1), "length", 30);
+   if (len < 8) {
+      bad("bad length in " + quoted(w[3]) + " (8 to 30)");
+   }
+   if (w[4] != "via") {
+      bad("unexpected word " + quoted(w[4]) + ": " + form);
+   }
+   const auto gateway = ipv4Address(w[5]);
+   const uint32_t mask = ~uint32_t(0) << (32 - len);
+   if (!gateway || (gateway->value() & mask) != (address->value() & mask) || *gateway == *address) {
+      bad("bad gateway " + quoted(w[5]) + " (another address on " + w[3] + ")");
+   }
+   Dataplane* dataplane = switch_->hardware().dataplane();
+   if (!dataplane) {
+      bad("hosts need a dataplane that forwards packets (kivsim --dataplane linux)");
+   }
+   uint64_t adj = 0;
+   if (std::string why = dataplane->hostIs(name, vrfId, *address, uint32_t(len), *gateway, adj);
+       !why.empty()) {
+      bad(why);
+   }
+   // The link's connected route is a FIB route of the VRF.
+   outcome(switch_->routing().fibAdd(
+       vrfNameOf(w[2]),
+       Pexo::IpGenPrefix(Pexo::Prefix(Pexo::IpAddr(address->value() & mask), uint32_t(len))), adj));
+}
+
+void Scenario::send(const Words& w, std::ostream& out) {
+   usage(w, 3, 3, "send HOST ADDRESS");
+   const auto to = ipv4Address(w[2]);
+   if (!to) {
+      bad("bad address " + quoted(w[2]) + " (an IPv4 address)");
+   }
+   Dataplane* dataplane = switch_->hardware().dataplane();
+   if (!dataplane) {
+      bad("sending needs a dataplane that forwards packets (kivsim --dataplane linux)");
+   }
+   rulesToDataplane();
+   bool delivered = false;
+   if (std::string why = dataplane->send(w[1], *to, delivered); !why.empty()) {
+      bad(why);
+   }
+   out << (delivered ? "delivered" : "dropped") << '\n';
+   countsFromDataplane();
+}
+
+void Scenario::rulesToDataplane() {
+   Dataplane* dataplane = switch_->hardware().dataplane();
+   if (!dataplane) {
+      return;
+   }
+   std::map<std::pair<uint32_t, std::string>, uint32_t> ids;
+   for (const auto& [key, grant] : switch_->segmentIdResponse()->status()) {
+      const uint32_t id = grant.hwId.value();
+      if (id != 0 && id != SegmentHwId::kInvalid) {
+         ids[{key.vrfId().value(), key.segment()}] = id;
+      }
+   }
+   std::vector<Dataplane::Rule> rules, defaultDrops;
+   const auto& fw = *switch_->fwConfig();
+   if (fw.fwActive()) {
+      for (const auto& [vrfName, fwVrf] : fw.vrf()) {
+         auto vrfId = switch_->routing().vrfId(vrfName);
+         if (!vrfId) {
+            continue;
+         }
+         const std::string vrf = vrfName.value();
+         for (const auto& [dst, segment] : fwVrf->segmentDir()->segment()) {
+            auto d = ids.find({vrfId->value(), dst});
+            if (d == ids.end()) {
+               continue;
+            }
+            for (const auto& [src, policyName] : segment->sourceSegment()) {
+               auto sId = ids.find({vrfId->value(), src});
+               if (sId == ids.end()) {
+                  continue;
+               }
+               rules.push_back({sId->second << 16 | d->second, 0xFFFFFFFF,
+                                !denied_.count({vrf, dst, src}),
+                                "policy " + vrf + " " + dst + " " + src + " " + policyName});
+            }
+            if (fw.fwDefaultDrop()) {
+               defaultDrops.push_back(
+                   {d->second, 0xFFFF, false, "default-drop " + vrf + " " + dst});
+            }
+         }
+      }
+   }
+   rules.insert(rules.end(), defaultDrops.begin(), defaultDrops.end());
+   if (rules == rules_) {
+      return;  // as sent (or none, and none sent)
+   }
+   if (std::string why = dataplane->rulesAre(rules); !why.empty()) {
+      bad(why);
+   }
+   rules_ = rules;
+}
+
+void Scenario::countsFromDataplane() {
+   Dataplane* dataplane = switch_->hardware().dataplane();
+   if (!dataplane || rules_.empty()) {
+      return;
+   }
+   const auto counts = dataplane->ruleCounts();
+   Firewall::Counters& live = *switch_->counters();
+   std::map<std::pair<std::string, std::string>, std::pair<uint64_t, uint64_t>> byPolicy;
+   for (const auto& rule : rules_) {
+      auto it = counts.find(rule.name);
+      const uint64_t packets = it == counts.end() ? 0 : it->second;
+      std::istringstream in(rule.name);
+      Words w{std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+      const L3::VrfName vrf = vrfNameOf(w[1]);
+      if (w[0] == "policy") {
+         auto sc = live.vrfIs(vrf)->countersDir()->segmentIs(w[2])->segmentCountersIs(w[3]);
+         sc->hitCountIs(packets);
+         sc->dropCountIs(rule.permit ? 0 : packets);
+         auto& [hits, drops] = byPolicy[{w[1], w[4]}];
+         hits += packets;
+         drops += rule.permit ? 0 : packets;
+      } else {
+         live.vrfIs(vrf)->countersDir()->segmentIs(w[2])->defaultDropIs(packets);
+      }
+   }
+   for (const auto& [key, count] : byPolicy) {
+      auto p = live.vrfIs(vrfNameOf(key.first))->countersDir()->policyIs(key.second);
+      p->hitCountIs(count.first);
+      p->dropCountIs(count.second);
    }
 }
 
@@ -718,6 +896,7 @@ void Scenario::settle() {
    const Zop::Time virtualStart = switch_->clock()->now();
    const Zop::Time realStart = Zop::monotonicNow();
    const size_t slices = switch_->settle();
+   rulesToDataplane();
    const Zop::Time realEnd = Zop::monotonicNow();
    stats_.slices += slices;
    ScenarioStats::Settle s;
@@ -832,6 +1011,11 @@ void Scenario::status(const Words& w, std::ostream& out) {
        << s.waitForSegmentSecurityRoutingDisabledCnt() << '\n'
        << "hwRouting: " << b(switch_->multicastStatus()->hwRouting()) << '\n'
        << "routingSuspended: " << b(switch_->routingLayer().suspended()) << '\n';
+   if (const Dataplane* dataplane = switch_->hardware().dataplane()) {
+      for (const auto& line : dataplane->statusLines()) {
+         out << line << '\n';
+      }
+   }
 }
 
 bool Scenario::check(const Words& w, std::ostream& out) {

@@ -16,6 +16,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Trace/Trace.h"
@@ -38,6 +39,9 @@ struct ScenarioOptions {
    Zop::Time realTimeSlice = 0;
    // Notification handlers are timed, for the figures.
    bool timeHandlers = false;
+   // The switch's dataplane (sim/Dataplane.h); none: the simulated table.
+   // `status` adds its lines.
+   std::shared_ptr<Dataplane> dataplane = nullptr;
 };
 
 struct ScenarioResult {
@@ -142,6 +146,12 @@ private:
    void segment(const Words& w);
    void prefix(const Words& w);
    void policy(const Words& w);
+   void host(const Words& w);
+   void send(const Words& w, std::ostream& out);
+   // A dataplane that forwards gets the policies as its rules (when they
+   // changed), and its rule counts go to the live firewall counters.
+   void rulesToDataplane();
+   void countsFromDataplane();
    void settle();
    void step(const Words& w);
    void hw(const Words& w, std::ostream& out);
@@ -174,6 +184,10 @@ private:
    uint64_t hwWritesAtSettle_ = 0;
    // The line being run, for the figures.
    std::string where_;
+   // The action of each policy (VRF, destination, source) given as deny; the
+   // others permit.
+   std::map<std::tuple<std::string, std::string, std::string>, bool> denied_;
+   std::vector<Dataplane::Rule> rules_;
 };
 
 }  // namespace sim

@@ -34,6 +34,7 @@ Switch::Switch(Options options)
       syslogSink_(Zop::makePtr<Syslog::MemorySink>()),
       syslogRegistry_(Zop::makePtr<Syslog::Registry>(syslogSink_)),
       hardware_(Zop::makePtr<HardwareRouteTable>()) {
+   hardware_->dataplaneIs(std::move(options.dataplane));
    routing_ = std::make_unique<RoutingAgent>(scheduler_, l3Status_, fibRoutes_, fibRoutes6_,
                                              routeStatus_, route6Status_, hardware_);
    resolver_ =

@@ -58,6 +58,9 @@ struct SwitchOptions {
    Zop::Ptr<Ruv::YieldPolicy> yieldPolicy;
    // The caller plays the configuration side; see above.
    bool manualConfiguration = false;
+   // Where the hardware table's entries really go (sim/Dataplane.h); none:
+   // the simulated table is the hardware.
+   std::shared_ptr<Dataplane> dataplane = nullptr;
 };
 
 class Switch {

@@ -5,6 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <memory>
+#include <set>
+
 #include "SimFixture.h"
 
 using sim::HardwareRouteTable;
@@ -195,4 +199,94 @@ TEST(SimHardwareRouteTable, ResourceStateIsReportedOnChangeOnly) {
    hw.table->capacityIs(std::nullopt);
    EXPECT_EQ(reports, (std::vector<bool>{true, false, true, false}));
    EXPECT_TRUE(hw.program(1, "10.4.0.0/16", {}, kDrop));
+}
+
+namespace {
+
+// A dataplane that holds what it is given, refuses the keys it is told to,
+// and can be made to hold something else behind the table's back.
+struct FakeDataplane final : sim::Dataplane {
+   std::map<sim::HwKey, sim::HwEntry> held;
+   std::set<sim::HwKey> refusing;
+   bool entryIs(const sim::HwKey& key, const sim::HwEntry& entry) override {
+      if (refusing.count(key)) {
+         return false;
+      }
+      held[key] = entry;
+      return true;
+   }
+   bool entryDel(const sim::HwKey& key) override {
+      if (refusing.count(key)) {
+         return false;
+      }
+      held.erase(key);
+      return true;
+   }
+   std::optional<SegmentHwId> classId(const sim::HwKey& key) override {
+      auto it = held.find(key);
+      return it == held.end() ? std::nullopt : std::optional(it->second.classId);
+   }
+   std::map<sim::HwKey, sim::HwEntry> entries() override { return held; }
+   std::vector<std::string> statusLines() const override { return {}; }
+};
+
+}  // namespace
+
+TEST(HardwareRouteTableDataplane, EveryTakenWriteReachesTheDataplaneAndARefusalChangesNothing) {
+   Adapters a;
+   auto dp = std::make_shared<FakeDataplane>();
+   a.table->dataplaneIs(dp);
+   a.table->fibRouteIs(hwKey(1, "10.1.1.0/24"), kFib);
+   ASSERT_TRUE(a.program(1, "10.1.0.0/16", RouteInfo(), kDrop));
+   ASSERT_TRUE(a.program(2, "2001:db8::/32", RouteInfo(), kForward));
+   ASSERT_TRUE(a.writeId(1, "10.1.0.0/16", 5));
+   ASSERT_TRUE(a.writeId(1, "10.1.1.0/24", 5));
+   ASSERT_TRUE(a.writeId(2, "2001:db8::/32", 6));
+   using sim::HwOwner;
+   const std::map<sim::HwKey, sim::HwEntry> expected = {
+       {hwKey(1, "10.1.0.0/16"), {kDrop, SegmentHwId(5), HwOwner::segmentRoute}},
+       {hwKey(1, "10.1.1.0/24"), {kFib, SegmentHwId(5), HwOwner::fibRoute}},
+       {hwKey(2, "2001:db8::/32"), {kForward, SegmentHwId(6), HwOwner::segmentRoute}},
+   };
+   EXPECT_EQ(dp->held, expected);
+   EXPECT_EQ(a.table->entries(), expected);
+
+   // Refused: the program, the id write and the removal answer false, the
+   // table keeps what it had, and each is counted as a refusal.
+   dp->refusing = {hwKey(1, "10.1.0.0/16"), hwKey(1, "10.9.0.0/16")};
+   EXPECT_FALSE(a.program(1, "10.1.0.0/16", kDrop, kForward));
+   EXPECT_FALSE(a.writeId(1, "10.1.0.0/16", 7));
+   EXPECT_FALSE(a.program(1, "10.1.0.0/16", kDrop, RouteInfo()));
+   EXPECT_FALSE(a.program(1, "10.9.0.0/16", RouteInfo(), kDrop));
+   EXPECT_EQ(a.table->counters().refusals, 4u);
+   EXPECT_EQ(a.table->counters().errors(), 0u);
+   EXPECT_EQ(a.table->size(), 3u);
+   EXPECT_EQ(dp->held, expected);
+   EXPECT_EQ(a.readId(1, "10.1.0.0/16"), 5);
+
+   // The routing agent's writes are never refused; the dataplane's refusal
+   // is an error of its own.
+   dp->refusing = {hwKey(1, "10.1.1.0/24")};
+   EXPECT_TRUE(a.table->fibRouteDel(hwKey(1, "10.1.1.0/24")));
+   EXPECT_EQ(a.table->counters().dataplaneFibRefusals, 1u);
+   EXPECT_EQ(a.table->counters().errors(), 1u);
+}
+
+TEST(HardwareRouteTableDataplane, TheLibraryReadsAndLooksAtTheDataplane) {
+   Adapters a;
+   auto dp = std::make_shared<FakeDataplane>();
+   a.table->dataplaneIs(dp);
+   ASSERT_TRUE(a.program(1, "10.1.0.0/16", RouteInfo(), kDrop));
+   ASSERT_TRUE(a.writeId(1, "10.1.0.0/16", 5));
+   // Something else rewrites the id and adds a route: what the library reads,
+   // and what entries() shows, are the dataplane's.
+   dp->held[hwKey(1, "10.1.0.0/16")].classId = SegmentHwId(9);
+   dp->held[hwKey(1, "10.2.0.0/16")] = {kDrop, SegmentHwId(3), sim::HwOwner::segmentRoute};
+   EXPECT_EQ(a.readId(1, "10.1.0.0/16"), 9);
+   EXPECT_EQ(a.table->entries().size(), 2u);
+   ASSERT_NE(a.table->entry(hwKey(1, "10.2.0.0/16")), nullptr);
+   EXPECT_EQ(a.table->entry(hwKey(1, "10.2.0.0/16"))->classId, SegmentHwId(3));
+   EXPECT_EQ(a.table->size(), 1u) << "the table's own record is unchanged";
+   dp->held.clear();
+   EXPECT_EQ(a.readId(1, "10.1.0.0/16"), 65535);
 }

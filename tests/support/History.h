@@ -86,7 +86,9 @@ enum class Pace : uint8_t {
 // know about the faults made so far.
 class Runner {
 public:
-   Runner() : scenario_(options()) {}
+   // `dataplane`: the switch's (none: the simulated table).
+   explicit Runner(std::shared_ptr<sim::Dataplane> dataplane = nullptr)
+       : scenario_(options(std::move(dataplane))) {}
 
    // Runs one line. Nullopt when the engine refused it (it changed nothing);
    // otherwise what the judge found after it (only a settle is judged).
@@ -176,9 +178,10 @@ private:
       return {};
    }
 
-   static sim::ScenarioOptions options() {
+   static sim::ScenarioOptions options(std::shared_ptr<sim::Dataplane> dataplane) {
       sim::ScenarioOptions o;
       o.yieldEvery = 1;
+      o.dataplane = std::move(dataplane);
       return o;
    }
 

@@ -16,6 +16,9 @@
 #include "Prompt.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioCommands.h"
+#ifdef KIVSIM_LINUX_DATAPLANE
+#include "sim/linux/LinuxDataplane.h"
+#endif
 
 namespace {
 
@@ -47,6 +50,11 @@ const char* kUsage =
     "  --slice-us N       every task yields after N microseconds of real time (the\n"
     "                     figures then reflect a real agent's slices; where runs are\n"
     "                     cut depends on the machine)\n"
+    "  --dataplane KIND   where the hardware table's routes go: 'sim' (the default,\n"
+    "                     the simulated table) or 'linux' (kernel routes in a\n"
+    "                     network namespace; needs root; see docs/DATAPLANE.md)\n"
+    "  --netns NAME       with --dataplane linux: use the existing namespace NAME\n"
+    "                     (default: one of its own, deleted at exit)\n"
     "  --help             this text\n"
     "  --version          the version\n"
     "Exit status: 0 all lines ran and every check passed; 1 a check found a\n"
@@ -220,6 +228,8 @@ int main(int argc, char** argv) {
    bool autoSettle = true;
    const char* traceFile = nullptr;
    std::vector<std::string> files;
+   std::string dataplane = "sim";
+   std::string netns;
    for (int i = 1; i < argc; ++i) {
       std::string arg = argv[i];
       auto value = [&](uint64_t& n, uint64_t least) {
@@ -273,6 +283,20 @@ int main(int argc, char** argv) {
             return kBad;
          }
          options.yieldEvery = n;
+      } else if (arg == "--dataplane" || arg == "--netns") {
+         if (i + 1 >= argc) {
+            std::cerr << "kivsim: " << arg << " needs a value\n";
+            return kBad;
+         }
+         std::string v = argv[++i];
+         if (arg == "--netns") {
+            netns = v;
+         } else if (v == "sim" || v == "linux") {
+            dataplane = v;
+         } else {
+            std::cerr << "kivsim: --dataplane: unknown dataplane '" << v << "' (sim or linux)\n";
+            return kBad;
+         }
       } else if (arg.size() > 1 && arg[0] == '-') {
          std::cerr << "kivsim: unknown option '" << arg << "' (see --help)\n";
          return kBad;
@@ -305,6 +329,24 @@ int main(int argc, char** argv) {
          return kBad;
       }
       options.traceStream = &trace;
+   }
+
+   if (!netns.empty() && dataplane != "linux") {
+      std::cerr << "kivsim: --netns goes with --dataplane linux\n";
+      return kBad;
+   }
+   if (dataplane == "linux") {
+#ifdef KIVSIM_LINUX_DATAPLANE
+      try {
+         options.dataplane = sim::LinuxDataplane::open(netns);
+      } catch (const sim::LinuxDataplane::Error& e) {
+         std::cerr << "kivsim: --dataplane linux: " << e.what() << '\n';
+         return kBad;
+      }
+#else
+      std::cerr << "kivsim: --dataplane linux: not built (needs libmnl, Debian: libmnl-dev)\n";
+      return kBad;
+#endif
    }
 
    const bool terminal = isatty(STDIN_FILENO);

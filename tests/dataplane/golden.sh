@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Runs SCENARIO under --dataplane linux and fails unless it prints EXPECTED
+# byte for byte and exits 0. Exit 77 (skipped) where network namespaces
+# cannot be made. Leaves `ip netns list` as it was.
+set -uo pipefail
+kivsim="$1" scenario="$2" expected="$3"
+if [[ $(id -u) -ne 0 ]]; then
+   echo "skipped: --dataplane linux needs root (network namespaces)"; exit 77
+fi
+probe="kivtest-probe-$$"
+if ! ip netns add "$probe" 2>/dev/null; then
+   echo "skipped: cannot create a network namespace here"; exit 77
+fi
+ip netns del "$probe"
+before=$(ip netns list)
+actual=$("$kivsim" --dataplane linux "$scenario"); rc=$?
+status=0
+if ((rc != 0)); then
+   echo "exit status $rc"; status=1
+fi
+if ! diff <(echo "$actual") "$expected"; then
+   echo "output differs from $expected (< actual, > expected)"; status=1
+fi
+if [[ "$before" != "$(ip netns list)" ]]; then
+   echo "network namespaces left behind"; status=1
+fi
+exit $status
