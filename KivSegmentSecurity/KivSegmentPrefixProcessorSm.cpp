@@ -281,7 +281,8 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
    // list's first member; a member removed meanwhile is simply not met. The
    // FIB range walks a member queues go on before the next member, so the
    // FIB route review keeps pace with the segment prefixes.
-   while (continueFibRangeWalks() && segmentReviewList_->vrfIpGenPrefixCount() != 0) {
+   while (continueRoutingWalks() && continueFibRangeWalks() &&
+          segmentReviewList_->vrfIpGenPrefixCount() != 0) {
       if (Ruv::taskShouldYield()) {
          break;
       }
@@ -341,7 +342,8 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
       }
       segmentRoutesList_->reviewSegmentHwIdInc(1);
    }
-   if ((segmentReviewList_->vrfIpGenPrefixCount() != 0 || !rangeWalks_.empty()) &&
+   if ((segmentReviewList_->vrfIpGenPrefixCount() != 0 || !rangeWalks_.empty() ||
+        !routingWalks_.empty()) &&
        segmentSubnetTask_) {
       segmentSubnetTask_->scheduleTask();
    }
@@ -686,32 +688,45 @@ void KivSegmentPrefixProcessorSm::routingFlagChanged(const L3::VrfName& name,
 }
 
 void KivSegmentPrefixProcessorSm::queueRoutingChanges() {
-   if (routingChanges_.empty()) {
-      return;
-   }
-   std::vector<VrfAndIpGenPrefix> keys;
    for (const auto& [name, af] : routingChanges_) {
       const VrfId* vrfId = l3Status_->vrfId(name);
       if (!vrfId) {
          continue;  // gone: its prefixes leave with the configuration
       }
-      const size_t before = keys.size();
-      for (const auto& [key, route] : segmentRoutesList_->routeInfo()) {
-         if (key.vrfId() == *vrfId && key.prefix().af() == af) {
-            keys.push_back(key);
-         }
-      }
-      if (keys.size() != before) {
-         TRACE5_FN("doReviewConfiguredSegmentSubnets",
-                   " Routing changed. Vrf: " << name << " " << af
-                                             << " prefixes to review: " << keys.size() - before);
-      }
+      routingWalks_.push_back(RoutingWalk{name, *vrfId, af, std::nullopt, 0});
    }
    routingChanges_.clear();
-   for (const auto& key : keys) {
-      routingReview_.insert(key);
-      segmentReviewList_->vrfIpGenPrefixIs(key);
+}
+
+bool KivSegmentPrefixProcessorSm::continueRoutingWalks() {
+   while (!routingWalks_.empty()) {
+      RoutingWalk& walk = routingWalks_.front();
+      bool stopped = false;
+      segmentRoutesList_->routeInfoOfVrf(walk.vrfId, walk.last,
+                                         [&](SegmentHwId hwId, const VrfAndIpGenPrefix& key) {
+                                            if (Ruv::taskShouldYield()) {
+                                               stopped = true;
+                                               return false;
+                                            }
+                                            walk.last = {hwId, key};
+                                            if (key.prefix().af() == walk.af) {
+                                               routingReview_.insert(key);
+                                               segmentReviewList_->vrfIpGenPrefixIs(key);
+                                               ++walk.queued;
+                                            }
+                                            return true;
+                                         });
+      if (stopped) {
+         return false;
+      }
+      if (walk.queued != 0) {
+         TRACE5_FN("doReviewConfiguredSegmentSubnets",
+                   " Routing changed. Vrf: " << walk.name << " " << walk.af
+                                             << " prefixes to review: " << walk.queued);
+      }
+      routingWalks_.pop_front();
    }
+   return true;
 }
 
 void KivSegmentPrefixProcessorSm::followRoutingFlag(const VrfAndIpGenPrefix& vrfPrefix) {

@@ -171,8 +171,11 @@ private:
    void vrfStatusChanged(const L3::VrfName& name);
    void routingFlagChanged(const L3::VrfName& name, Pexo::AddressFamily af);
    // Puts the recorded prefixes of every VRF and family whose routing flag
-   // changed on the review list (traced under the review task's name).
+   // changed on the review list (traced under the review task's name): a
+   // walk of the VRF's records per change, asking taskShouldYield() before
+   // each record; false when asked to yield with a walk unfinished.
    void queueRoutingChanges();
+   bool continueRoutingWalks();
 
    Zop::Ptr<L3::VrfStatus> vrfL3Status(VrfId vrfId) const;
    // Puts the FIB routes of the queued range walks on the FIB route review
@@ -248,6 +251,16 @@ private:
    std::set<std::pair<L3::VrfName, Pexo::AddressFamily>> routingChanges_;
    // Prefixes queued for review because their VRF's routing flag changed.
    std::set<VrfAndIpGenPrefix> routingReview_;
+   // The walks of the records of a VRF and family whose routing flag
+   // changed, each with its place and what it queued so far.
+   struct RoutingWalk {
+      L3::VrfName name;
+      VrfId vrfId;
+      Pexo::AddressFamily af;
+      std::optional<KivSegmentRouteInfoColl::RecordBookmark> last;
+      size_t queued = 0;
+   };
+   std::deque<RoutingWalk> routingWalks_;
    std::unique_ptr<ReviewListNotifiee> reviewListNotifiee_;
    std::unique_ptr<RouteStatusNotifiee> routeStatusNotifiee_;
    std::unique_ptr<Route6StatusNotifiee> route6StatusNotifiee_;

@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <map>
+#include <optional>
 #include <set>
 
 #include "Kiv/KivExport.h"
@@ -167,6 +168,29 @@ public:
    // when there are none): a segment's records without a walk of every
    // record. Up to date before any handler hears of a change.
    const std::set<VrfAndIpGenPrefix>& routeInfoWithHwId(VrfId vrfId, SegmentHwId hwId) const;
+   // Where a walk of a VRF's records stands: the last record visited.
+   struct RecordBookmark {
+      SegmentHwId hwId;
+      VrfAndIpGenPrefix key;
+   };
+   // Calls f(hwId, key) for the VRF's records that come after `after` (all
+   // of them without one), by hw id and then in key order, until f answers
+   // false. A walk may stop and go on later from its last record, whatever
+   // changed meanwhile: records added behind the bookmark are not met.
+   template <class F>
+   void routeInfoOfVrf(VrfId vrfId, const std::optional<RecordBookmark>& after, F&& f) const {
+      auto group = byHwId_.lower_bound({vrfId, after ? after->hwId : SegmentHwId(0)});
+      for (; group != byHwId_.end() && group->first.first == vrfId; ++group) {
+         auto key = after && group->first.second == after->hwId
+                        ? group->second.upper_bound(after->key)
+                        : group->second.begin();
+         for (; key != group->second.end(); ++key) {
+            if (!f(group->first.second, *key)) {
+               return;
+            }
+         }
+      }
+   }
 
    uint32_t reviewSegmentHwId() const { return reviewSegmentHwId_.get(); }
    void reviewSegmentHwIdIs(uint32_t n) { reviewSegmentHwId_.is(*this, n); }
