@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
+#include <optional>
 #include <ostream>
+#include <set>
 #include <vector>
 
 #include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
+#include "Ruv/TaskScheduler.h"
 #include "Zop/Error.h"
 
 #include "KivSegmentSecurity/KivSegmentSecurityTrace.h"
@@ -79,23 +83,168 @@ std::optional<SegmentView> resolveSegment(VrfId vrfId, const Zop::String& segmen
    return SegmentView{segment, status->hwId};
 }
 
+// A piece-at-a-time question: the scheduler is asked before each piece, and
+// a yes pauses the command's run (see the header comment). The first piece of
+// a run always goes ahead, so every run makes progress.
+std::function<bool()> piecePause(AsyncCommandSm& sm) {
+   return [&sm, progressed = false]() mutable {
+      const bool yield = Ruv::taskShouldYield();
+      if (yield && progressed) {
+         sm.pauseRun();
+         return true;
+      }
+      progressed = true;
+      return false;
+   };
+}
+
+// For the paths that build or print in one go.
+bool neverPause() {
+   return false;
+}
+
+using SegmentMap = std::map<Zop::String, Zop::Ptr<SortedSegmentPrefix>>;
+using RowMap = std::map<SortedPrefixInfo, bool>;
+
+// Where a listing of one VRF's segments stands. The snapshot is private and
+// never changes once built, so its iterators stay valid across runs.
+struct SegmentCursor {
+   bool active = false;
+   Zop::Ptr<SortedVrfRouteInfo> vrf;
+   SegmentMap::const_iterator segment;
+   SegmentMap::const_iterator end;
+   // Inside a segment: its entry is open and `row` is the next row.
+   bool inSegment = false;
+   RowMap::const_iterator row;
+   bool firstRow = true;
+   SegmentHwId hwId;
+};
+
+// One programmed prefix of a segment; `first` is the segment's first row,
+// which carries its name and id.
+using RowPrinter =
+    std::function<void(const Zop::String& segmentName, uint32_t hwId, const SortedPrefixInfo& info,
+                       const Zop::String& prefix, bool first)>;
+
 // Detail and routes share their row layout: name and id on the first row
 // only, then one row per programmed prefix with a last column of their own.
-template <class LastColumn>
-void showSegmentPrefixes(lumo::Printer& printer, const Zop::String& segmentName,
-                         const SegmentView& view, const char* firstRow, const char* nextRow,
-                         LastColumn&& lastColumn) {
-   printer.startDictEntry(lumo::StrAttr{"segmentName", segmentName});
-   printer.addAttributesJson({lumo::U32Attr{"hardwareId", view.hwId.value()}});
-   printer.startDict("prefixes");
-   bool first = true;
-   for (const auto& [info, present] : view.segment->programmedPrefix()) {
-      const Zop::String prefix = prefixText(info);
-      lastColumn(info, prefix, first ? firstRow : nextRow, first);
-      first = false;
+// Lists the segments of `vrfId` in the snapshot (only `only` when given) from
+// where `c` stands, asking `pause` before each segment and each row but a
+// segment's first; false when it paused (`c` then holds the place).
+bool listSegments(lumo::Printer& printer, VrfId vrfId, const Zop::String* only,
+                  const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                  const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                  const Zop::Ptr<const L3Status>& l3Status, SegmentCursor& c,
+                  const std::function<bool()>& pause, const RowPrinter& row) {
+   if (!c.active) {
+      c = SegmentCursor{};
+      c.vrf = sorted->sortedVrf(vrfId);
+      if (!c.vrf) {
+         return true;
+      }
+      c.active = true;
+      const SegmentMap& segments = c.vrf->sortedPrefix();
+      if (only) {
+         c.segment = segments.find(*only);
+         c.end = c.segment == segments.end() ? c.segment : std::next(c.segment);
+      } else {
+         c.segment = segments.begin();
+         c.end = segments.end();
+      }
    }
-   printer.endDict();
+   while (c.segment != c.end) {
+      const Zop::String& name = c.segment->first;
+      if (!c.inSegment) {
+         if (pause()) {
+            return false;
+         }
+         auto view = resolveSegment(vrfId, name, sorted, hwIdStatus, l3Status);
+         if (!view) {
+            ++c.segment;
+            continue;
+         }
+         printer.startDictEntry(lumo::StrAttr{"segmentName", name});
+         printer.addAttributesJson({lumo::U32Attr{"hardwareId", view->hwId.value()}});
+         printer.startDict("prefixes");
+         c.inSegment = true;
+         c.hwId = view->hwId;
+         c.row = view->segment->programmedPrefix().begin();
+         c.firstRow = true;
+      }
+      const RowMap& rows = c.segment->second->programmedPrefix();
+      for (; c.row != rows.end(); ++c.row) {
+         if (!c.firstRow && pause()) {
+            return false;
+         }
+         row(name, c.hwId.value(), c.row->first, prefixText(c.row->first), c.firstRow);
+         c.firstRow = false;
+      }
+      printer.endDict();
+      printer.endDictEntry();
+      c.inSegment = false;
+      ++c.segment;
+   }
+   c = SegmentCursor{};
+   return true;
+}
+
+void detailRow(lumo::Printer& printer, const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+               const Zop::String& segmentName, uint32_t hwId, const SortedPrefixInfo& info,
+               const Zop::String& prefix, bool first) {
+   const KivSegmentRouteInfo* record = routeInfo->routeInfoFind(info.vrfPrefix());
+   const uint64_t adj = record ? record->routeInfo().adjIndex() : 0;
+   if (first) {
+      printer.addFrills("%-20s %-15u %-39s %-15llu\n", segmentName.c_str(), hwId, prefix.c_str(),
+                        static_cast<unsigned long long>(adj));
+   } else {
+      printer.addFrills("%-20s %-15s %-39s %-15llu\n", "", "", prefix.c_str(),
+                        static_cast<unsigned long long>(adj));
+   }
+   // A prefix recorded with no route of its own (waiting for the resolver's
+   // answer, or for a withdrawn FIB route's entry to go) is not in hardware:
+   // said under its row and in its entry, the rows keeping their format.
+   const bool notInHardware =
+       record && record->routeInfo().routeType() == RouteType::routeTypeInvalid;
+   if (notInHardware) {
+      printer.addFrills("%-20s %-15s %s\n", "", "", "(recorded, not in hardware)");
+   }
+   printer.startDictEntry(lumo::StrAttr{"prefix", prefix});
+   if (notInHardware) {
+      printer.addAttributesJson(
+          {lumo::U64Attr{"l2AdjIndex", adj}, lumo::StrAttr{"hardware", "not installed"}});
+   } else {
+      printer.addAttributesJson({lumo::U64Attr{"l2AdjIndex", adj}});
+   }
    printer.endDictEntry();
+}
+
+void routesRow(lumo::Printer& printer, const Zop::String& segmentName, uint32_t hwId,
+               const SortedPrefixInfo& info, const Zop::String& prefix, bool first) {
+   const char* letter = segmentRouteTypeLetter(info.routeType());
+   if (first) {
+      printer.addFrills("%-20s %-15u %-39s %-10s\n", segmentName.c_str(), hwId, prefix.c_str(),
+                        letter);
+   } else {
+      printer.addFrills("%-20s %-15s %-39s %-10s\n", "", "", prefix.c_str(), letter);
+   }
+   printer.startDictEntry(lumo::StrAttr{"prefix", prefix});
+   printer.addAttributesJson({lumo::StrAttr{"routeType", letter}});
+   printer.endDictEntry();
+}
+
+RowPrinter detailRows(lumo::Printer& printer,
+                      const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo) {
+   return
+       [&printer, routeInfo](const Zop::String& segmentName, uint32_t hwId,
+                             const SortedPrefixInfo& info, const Zop::String& prefix, bool first) {
+          detailRow(printer, routeInfo, segmentName, hwId, info, prefix, first);
+       };
+}
+
+RowPrinter routesRows(lumo::Printer& printer) {
+   return [&printer](const Zop::String& segmentName, uint32_t hwId, const SortedPrefixInfo& info,
+                     const Zop::String& prefix,
+                     bool first) { routesRow(printer, segmentName, hwId, info, prefix, first); };
 }
 
 }  // namespace
@@ -232,37 +381,132 @@ Zop::Ptr<SortedSegmentPrefix> getSortedPrefixListForSegment(
    return sortedSegmentFor(vrfRoutes, key->segment());
 }
 
+// The summary and detail snapshot, built a piece at a time: the records, then
+// the configured prefixes, then the segments with an id. Each list is taken
+// (copied) in one run when the build reaches it, then worked off one entry
+// per piece.
+struct SortedPrefixInfoBuild {
+   enum class Phase { records, configured, ids, done };
+   Phase phase = Phase::records;
+   bool taken = false;
+   size_t next = 0;
+   std::vector<VrfAndIpGenPrefix> records;
+   std::vector<std::pair<VrfId, Zop::String>> configured;
+   std::vector<SegmentIdRequestKey> ids;
+};
+
+namespace {
+
+// Moves to the next phase, dropping what the last one took.
+void nextPhase(SortedPrefixInfoBuild& b, SortedPrefixInfoBuild::Phase phase) {
+   b.phase = phase;
+   b.taken = false;
+   b.next = 0;
+   b.records = {};
+   b.configured = {};
+   b.ids = {};
+}
+
+// True once `sorted` is complete; false when `pause` stopped it.
+bool buildSortedSegmentPrefixInfo(SortedPrefixInfoBuild& b,
+                                  const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                                  const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                                  const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                                  const Zop::Ptr<const L3Status>& l3Status,
+                                  const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                                  const std::function<bool()>& pause) {
+   using Phase = SortedPrefixInfoBuild::Phase;
+   // Programmed prefixes: a record still installed when reached is listed
+   // under the segment that owns its id.
+   if (b.phase == Phase::records) {
+      if (!b.taken) {
+         if (pause()) {
+            return false;
+         }
+         b.records.reserve(routeInfo->routeInfoCount());
+         for (const auto& [key, info] : routeInfo->routeInfo()) {
+            b.records.push_back(key);
+            sortedVrfFor(sorted, key.vrfId());
+         }
+         b.taken = true;
+      }
+      while (b.next < b.records.size()) {
+         if (pause()) {
+            return false;
+         }
+         const VrfAndIpGenPrefix& key = b.records[b.next++];
+         const KivSegmentRouteInfo* record = routeInfo->routeInfoFind(key);
+         if (!record) {
+            continue;
+         }
+         if (const SegmentIdRequestKey* owner = hwIdStatus->hwIdKey(record->hwId())) {
+            sortedSegmentFor(sortedVrfFor(sorted, key.vrfId()), owner->segment())
+                ->programmedPrefixIs(SortedPrefixInfo(key, routeTypeSegmentOnly), true);
+         }
+      }
+      nextPhase(b, Phase::configured);
+   }
+   // Configured prefixes, counted per segment.
+   if (b.phase == Phase::configured) {
+      if (!b.taken) {
+         if (pause()) {
+            return false;
+         }
+         for (const auto& [vrfName, fwVrf] : fwConfig->vrf()) {
+            const VrfId* vrfId = l3Status->vrfId(vrfName);
+            if (!vrfId) {
+               continue;
+            }
+            sortedVrfFor(sorted, *vrfId);
+            for (const auto& [prefix, segmentName] : fwVrf->prefixList()) {
+               b.configured.emplace_back(*vrfId, segmentName);
+            }
+         }
+         b.taken = true;
+      }
+      while (b.next < b.configured.size()) {
+         if (pause()) {
+            return false;
+         }
+         const auto& [vrfId, segmentName] = b.configured[b.next++];
+         sortedSegmentFor(sortedVrfFor(sorted, vrfId), segmentName)->configuredPrefixInc(1);
+      }
+      nextPhase(b, Phase::ids);
+   }
+   // Segments with an id, listed even without a prefix.
+   if (b.phase == Phase::ids) {
+      if (!b.taken) {
+         if (pause()) {
+            return false;
+         }
+         for (const auto& [key, status] : hwIdStatus->status()) {
+            if (l3Status->vrfNameHas(key.vrfId())) {
+               b.ids.push_back(key);
+            }
+         }
+         b.taken = true;
+      }
+      while (b.next < b.ids.size()) {
+         if (pause()) {
+            return false;
+         }
+         const SegmentIdRequestKey& key = b.ids[b.next++];
+         sortedSegmentFor(sortedVrfFor(sorted, key.vrfId()), key.segment());
+      }
+      nextPhase(b, Phase::done);
+   }
+   return true;
+}
+
+}  // namespace
+
 void getSortedSegmentPrefixInfo(const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
                                 const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
                                 const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
                                 const Zop::Ptr<const L3Status>& l3Status,
                                 const Zop::Ptr<const Firewall::HwConfig>& fwConfig) {
-   // Programmed prefixes.
-   for (const auto& [key, info] : routeInfo->routeInfo()) {
-      Zop::Ptr<SortedVrfRouteInfo> vrf = sortedVrfFor(sorted, key.vrfId());
-      if (const SegmentIdRequestKey* owner = hwIdStatus->hwIdKey(info.hwId())) {
-         sortedSegmentFor(vrf, owner->segment())
-             ->programmedPrefixIs(SortedPrefixInfo(key, routeTypeSegmentOnly), true);
-      }
-   }
-   // Configured prefixes.
-   for (const auto& [vrfName, fwVrf] : fwConfig->vrf()) {
-      const VrfId* vrfId = l3Status->vrfId(vrfName);
-      if (!vrfId) {
-         continue;
-      }
-      Zop::Ptr<SortedVrfRouteInfo> vrf = sortedVrfFor(sorted, *vrfId);
-      for (const auto& [prefix, segmentName] : fwVrf->prefixList()) {
-         sortedSegmentFor(vrf, segmentName)->configuredPrefixInc(1);
-      }
-   }
-   // Segments with an id, listed even without a prefix.
-   for (const auto& [key, status] : hwIdStatus->status()) {
-      if (!l3Status->vrfNameHas(key.vrfId())) {
-         continue;
-      }
-      sortedSegmentFor(sortedVrfFor(sorted, key.vrfId()), key.segment());
-   }
+   SortedPrefixInfoBuild b;
+   buildSortedSegmentPrefixInfo(b, sorted, hwIdStatus, routeInfo, l3Status, fwConfig, neverPause);
 }
 
 // ---- Printers ----
@@ -320,41 +564,9 @@ void showSegmentHardwareDetail(lumo::Printer& printer, VrfId vrfId, const Zop::S
                                const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
                                const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
                                const Zop::Ptr<const L3Status>& l3Status) {
-   auto view = resolveSegment(vrfId, segmentName, sorted, hwIdStatus, l3Status);
-   if (!view) {
-      return;
-   }
-   const uint32_t hwId = view->hwId.value();
-   showSegmentPrefixes(
-       printer, segmentName, *view, "%-20s %-15u %-39s %-15llu\n", "%-20s %-15s %-39s %-15llu\n",
-       [&](const SortedPrefixInfo& info, const Zop::String& prefix, const char*, bool first) {
-          const KivSegmentRouteInfo* record = routeInfo->routeInfoFind(info.vrfPrefix());
-          const uint64_t adj = record ? record->routeInfo().adjIndex() : 0;
-          if (first) {
-             printer.addFrills("%-20s %-15u %-39s %-15llu\n", segmentName.c_str(), hwId,
-                               prefix.c_str(), static_cast<unsigned long long>(adj));
-          } else {
-             printer.addFrills("%-20s %-15s %-39s %-15llu\n", "", "", prefix.c_str(),
-                               static_cast<unsigned long long>(adj));
-          }
-          // A prefix recorded with no route of its own (waiting for the
-          // resolver's answer, or for a withdrawn FIB route's entry to go) is
-          // not in hardware: said under its row and in its entry, the rows
-          // keeping their format.
-          const bool notInHardware =
-              record && record->routeInfo().routeType() == RouteType::routeTypeInvalid;
-          if (notInHardware) {
-             printer.addFrills("%-20s %-15s %s\n", "", "", "(recorded, not in hardware)");
-          }
-          printer.startDictEntry(lumo::StrAttr{"prefix", prefix});
-          if (notInHardware) {
-             printer.addAttributesJson(
-                 {lumo::U64Attr{"l2AdjIndex", adj}, lumo::StrAttr{"hardware", "not installed"}});
-          } else {
-             printer.addAttributesJson({lumo::U64Attr{"l2AdjIndex", adj}});
-          }
-          printer.endDictEntry();
-       });
+   SegmentCursor c;
+   listSegments(printer, vrfId, &segmentName, sorted, hwIdStatus, l3Status, c, neverPause,
+                detailRows(printer, routeInfo));
 }
 
 void showSegmentHardwareRoutes(lumo::Printer& printer, VrfId vrfId, const Zop::String& segmentName,
@@ -362,25 +574,9 @@ void showSegmentHardwareRoutes(lumo::Printer& printer, VrfId vrfId, const Zop::S
                                const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
                                const Zop::Ptr<const KivSegmentRouteInfoColl>&,
                                const Zop::Ptr<const L3Status>& l3Status) {
-   auto view = resolveSegment(vrfId, segmentName, sorted, hwIdStatus, l3Status);
-   if (!view) {
-      return;
-   }
-   const uint32_t hwId = view->hwId.value();
-   showSegmentPrefixes(
-       printer, segmentName, *view, "%-20s %-15u %-39s %-10s\n", "%-20s %-15s %-39s %-10s\n",
-       [&](const SortedPrefixInfo& info, const Zop::String& prefix, const char*, bool first) {
-          const char* letter = segmentRouteTypeLetter(info.routeType());
-          if (first) {
-             printer.addFrills("%-20s %-15u %-39s %-10s\n", segmentName.c_str(), hwId,
-                               prefix.c_str(), letter);
-          } else {
-             printer.addFrills("%-20s %-15s %-39s %-10s\n", "", "", prefix.c_str(), letter);
-          }
-          printer.startDictEntry(lumo::StrAttr{"prefix", prefix});
-          printer.addAttributesJson({lumo::StrAttr{"routeType", letter}});
-          printer.endDictEntry();
-       });
+   SegmentCursor c;
+   listSegments(printer, vrfId, &segmentName, sorted, hwIdStatus, l3Status, c, neverPause,
+                routesRows(printer));
 }
 
 namespace {
@@ -414,19 +610,19 @@ void showVrfHardwareDetail(lumo::Printer& printer, VrfId vrfId,
                            const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
                            const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
                            const Zop::Ptr<const L3Status>& l3Status) {
-   forEachSegment(vrfId, sorted, [&](const Zop::String& name) {
-      showSegmentHardwareDetail(printer, vrfId, name, sorted, hwIdStatus, routeInfo, l3Status);
-   });
+   SegmentCursor c;
+   listSegments(printer, vrfId, nullptr, sorted, hwIdStatus, l3Status, c, neverPause,
+                detailRows(printer, routeInfo));
 }
 
 void showVrfHardwareRoutes(lumo::Printer& printer, VrfId vrfId,
                            const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
                            const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
-                           const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                           const Zop::Ptr<const KivSegmentRouteInfoColl>&,
                            const Zop::Ptr<const L3Status>& l3Status) {
-   forEachSegment(vrfId, sorted, [&](const Zop::String& name) {
-      showSegmentHardwareRoutes(printer, vrfId, name, sorted, hwIdStatus, routeInfo, l3Status);
-   });
+   SegmentCursor c;
+   listSegments(printer, vrfId, nullptr, sorted, hwIdStatus, l3Status, c, neverPause,
+                routesRows(printer));
 }
 
 // ---- Counters ----
@@ -577,11 +773,28 @@ void showVrfHardwareCounters(lumo::Printer& printer, const L3::VrfName& vrfName,
 
 // ---- The detail and routes walk ----
 
+// Where the printing of a detail or routes command stands between runs.
+struct ShowWalkState {
+   // The vrfs dictionary is open: the snapshot is built.
+   bool printing = false;
+   // One VRF named: its entry is open, and the VRF's id when known.
+   bool singleStarted = false;
+   std::optional<VrfId> singleVrf;
+   // Paused inside the listing of the bookmarked VRF (its entry is open).
+   bool inVrf = false;
+   // The run, pauses aside, began by printing the bookmarked VRF once more
+   // (at startVrf).
+   bool resumedAtBookmark = false;
+   std::optional<VrfId> startVrf;
+   SegmentCursor cursor;
+};
+
 namespace {
 
-// The walk both resumable commands share; `header`, `showSegment` and
-// `showVrf` print their own command's pieces, `legend` prints the routes
-// legend (nothing for detail).
+// The walk the three show commands share; `header` prints their own title,
+// `legend` the routes legend (nothing for the others), and `list` one VRF's
+// segments (only the named one when given) from where the walk's cursor
+// stands, false when it paused.
 struct VrfWalk {
    AsyncCommandSm& sm;
    const Zop::Ptr<const L3Status>& l3Status;
@@ -589,23 +802,27 @@ struct VrfWalk {
    const Zop::String& segmentName;
    Zop::Ptr<SortedSegmentRouteInfo>& sortedData;
    Zop::Ptr<SortedVrfRouteInfo>& vrfBookmark;
+   ShowWalkState& state;
    // The summary walks everything in one run.
    bool mayYield = true;
 
-   template <class Legend, class Header, class ShowSegment, class ShowVrf>
-   void run(Legend&& legend, Header&& header, ShowSegment&& showSegment, ShowVrf&& showVrf) {
+   template <class Legend, class Header, class List>
+   void run(Legend&& legend, Header&& header, List&& list) {
       lumo::Printer& p = sm.printer();
       if (!vrfName.empty()) {
-         p.startDictEntry(lumo::StrAttr{"vrf", vrfName});
-         p.startDict("segments");
-         legend();
-         if (const VrfId* vrfId = requestVrfId(l3Status, vrfName)) {
-            header(vrfName);
-            if (!segmentName.empty()) {
-               showSegment(*vrfId, segmentName);
-            } else {
-               showVrf(*vrfId);
+         if (!state.singleStarted) {
+            state.singleStarted = true;
+            p.startDictEntry(lumo::StrAttr{"vrf", vrfName});
+            p.startDict("segments");
+            legend();
+            if (const VrfId* vrfId = requestVrfId(l3Status, vrfName)) {
+               header(vrfName);
+               state.singleVrf = *vrfId;
             }
+         }
+         if (state.singleVrf &&
+             !list(*state.singleVrf, segmentName.empty() ? nullptr : &segmentName)) {
+            return;
          }
          p.endDict();
          p.endDictEntry();
@@ -615,35 +832,48 @@ struct VrfWalk {
 
       const auto& vrfs = sortedData->sortedVrf();
       auto it = vrfs.end();
-      // A run that starts at the bookmark prints that VRF again; it must not
-      // yield before it has printed one more, or a command whose every VRF
-      // fills the output buffer would never end.
-      const bool resumed = bool(vrfBookmark);
-      if (!resumed) {
-         if (vrfs.empty()) {
-            complete();
-            return;
-         }
-         it = vrfs.begin();
-         vrfBookmark = it->second;
-         legend();
+      if (state.inVrf) {
+         it = vrfs.find(vrfBookmark->vrfId());
       } else {
-         it = vrfs.lower_bound(vrfBookmark->vrfId());
+         // A run that starts at the bookmark prints that VRF again; it must
+         // not yield before it has printed one more, or a command whose every
+         // VRF fills the output buffer would never end.
+         const bool resumed = bool(vrfBookmark);
+         if (!resumed) {
+            if (vrfs.empty()) {
+               complete();
+               return;
+            }
+            it = vrfs.begin();
+            vrfBookmark = it->second;
+            legend();
+         } else {
+            it = vrfs.lower_bound(vrfBookmark->vrfId());
+         }
+         state.resumedAtBookmark = resumed;
+         state.startVrf = it == vrfs.end() ? std::nullopt : std::optional<VrfId>(it->first);
       }
-      const auto start = it;
       for (; it != vrfs.end(); ++it) {
-         vrfBookmark = it->second;
          const VrfId vrfId = it->first;
-         if (l3Status->vrfNameHas(vrfId)) {
-            const Zop::String name = l3Status->vrfName(vrfId).value();
-            header(name);
-            p.startDictEntry(lumo::StrAttr{"vrf", name});
-            p.startDict("segments");
-            showVrf(vrfId);
+         if (!state.inVrf) {
+            vrfBookmark = it->second;
+            if (l3Status->vrfNameHas(vrfId)) {
+               const Zop::String name = l3Status->vrfName(vrfId).value();
+               header(name);
+               p.startDictEntry(lumo::StrAttr{"vrf", name});
+               p.startDict("segments");
+               state.inVrf = true;
+            }
+         }
+         if (state.inVrf) {
+            if (!list(vrfId, nullptr)) {
+               return;
+            }
             p.endDict();
             p.endDictEntry();
+            state.inVrf = false;
          }
-         const bool madeProgress = !resumed || it != start;
+         const bool madeProgress = !state.resumedAtBookmark || vrfId != state.startVrf;
          if (mayYield && madeProgress && std::next(it) != vrfs.end() && sm.shouldYield()) {
             p.ioflush();
             return;
@@ -679,6 +909,20 @@ ShowSegmentPrefixInfoSm::ShowSegmentPrefixInfoSm(
       vrfName_(vrfName),
       segmentName_(segmentName) {}
 
+ShowSegmentPrefixInfoSm::~ShowSegmentPrefixInfoSm() = default;
+
+bool ShowSegmentPrefixInfoSm::buildSnapshot() {
+   if (!build_) {
+      build_ = std::make_unique<SortedPrefixInfoBuild>();
+      sortedData_ = sortedSegmentRouteInfoFactory();
+   }
+   if (build_->phase == SortedPrefixInfoBuild::Phase::done) {
+      return true;
+   }
+   return buildSortedSegmentPrefixInfo(*build_, sortedData_, hwIdStatus_, routeInfo_, l3Status_,
+                                       fwConfig_, piecePause(*this));
+}
+
 // ---- ShowSegmentHardwareSummarySm ----
 
 void ShowSegmentHardwareSummarySm::handleInitialized() {
@@ -690,24 +934,33 @@ void ShowSegmentHardwareSummarySm::handleInitialized() {
 void ShowSegmentHardwareSummarySm::handleAsyncCommand() {
    TRACE8_FN("virtual void Kiv::ShowSegmentHardwareSummarySm::handleAsyncCommand()");
    lumo::Printer& p = printer();
-   p.start();
-   // Built and dropped within the one run.
-   Zop::Ptr<SortedSegmentRouteInfo> sorted = sortedSegmentRouteInfoFactory();
+   if (!build_) {
+      p.start();
+   }
+   // Built a piece at a time; the listing, a row per segment, in one run.
+   if (!buildSnapshot()) {
+      return;
+   }
    Zop::Ptr<SortedVrfRouteInfo> bookmark;
-   getSortedSegmentPrefixInfo(sorted, hwIdStatus_, routeInfo_, l3Status_, fwConfig_);
+   ShowWalkState state;
    p.startDict("vrfs");
-   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sorted, bookmark, false};
+   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sortedData_, bookmark, state, false};
    walk.run([] {}, [&](const Zop::String& name) { showSegmentHardwareSummaryHeader(p, name); },
-            [&](VrfId vrfId, const Zop::String& segment) {
-               showSegmentHardwareSummary(p, vrfId, segment, sorted, hwIdStatus_, fwConfig_,
-                                          l3Status_);
-            },
-            [&](VrfId vrfId) {
-               showVrfHardwareSummary(p, vrfId, sorted, hwIdStatus_, fwConfig_, l3Status_);
+            [&](VrfId vrfId, const Zop::String* segment) {
+               if (segment) {
+                  showSegmentHardwareSummary(p, vrfId, *segment, sortedData_, hwIdStatus_,
+                                             fwConfig_, l3Status_);
+               } else {
+                  showVrfHardwareSummary(p, vrfId, sortedData_, hwIdStatus_, fwConfig_, l3Status_);
+               }
+               return true;
             });
+   sortedData_ = nullptr;
 }
 
 // ---- ShowSegmentHardwareDetailSm ----
+
+ShowSegmentHardwareDetailSm::~ShowSegmentHardwareDetailSm() = default;
 
 void ShowSegmentHardwareDetailSm::handleInitialized() {
    TRACE8_FN("void Kiv::ShowSegmentHardwareDetailSm::handleInitialized()",
@@ -718,25 +971,42 @@ void ShowSegmentHardwareDetailSm::handleInitialized() {
 void ShowSegmentHardwareDetailSm::handleAsyncCommand() {
    TRACE8_FN("virtual void Kiv::ShowSegmentHardwareDetailSm::handleAsyncCommand()");
    lumo::Printer& p = printer();
-   if (continuationState() == ContinuationState::initial) {
+   if (!walk_) {
       p.start();
       vrfBookmark_ = nullptr;
-      sortedData_ = sortedSegmentRouteInfoFactory();
-      getSortedSegmentPrefixInfo(sortedData_, hwIdStatus_, routeInfo_, l3Status_, fwConfig_);
+      walk_ = std::make_unique<ShowWalkState>();
+   }
+   if (!walk_->printing) {
+      if (!buildSnapshot()) {
+         return;
+      }
+      walk_->printing = true;
       p.startDict("vrfs");
    }
-   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sortedData_, vrfBookmark_};
+   const std::function<bool()> pause = piecePause(*this);
+   const RowPrinter rows = detailRows(p, routeInfo_);
+   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sortedData_, vrfBookmark_, *walk_};
    walk.run([] {}, [&](const Zop::String& name) { showSegmentHardwareDetailHeader(p, name); },
-            [&](VrfId vrfId, const Zop::String& segment) {
-               showSegmentHardwareDetail(p, vrfId, segment, sortedData_, hwIdStatus_, routeInfo_,
-                                         l3Status_);
-            },
-            [&](VrfId vrfId) {
-               showVrfHardwareDetail(p, vrfId, sortedData_, hwIdStatus_, routeInfo_, l3Status_);
+            [&](VrfId vrfId, const Zop::String* segment) {
+               return listSegments(p, vrfId, segment, sortedData_, hwIdStatus_, l3Status_,
+                                   walk_->cursor, pause, rows);
             });
 }
 
 // ---- ShowSegmentHardwareRoutesSm ----
+
+// The routes snapshot, built a piece at a time: the first run takes the
+// record keys (and makes the VRFs' entries), the next ones sort them a key
+// per piece, then each outermost key is one piece with everything beneath it.
+struct SortedRoutesBuild {
+   enum class Phase { take, sort, outermost, done };
+   Phase phase = Phase::take;
+   std::vector<VrfAndIpGenPrefix> taken;
+   size_t next = 0;
+   std::set<VrfAndIpGenPrefix> keys;
+   // The next outermost key; the set is private, so it stays valid.
+   std::set<VrfAndIpGenPrefix>::const_iterator at;
+};
 
 ShowSegmentHardwareRoutesSm::ShowSegmentHardwareRoutesSm(
     const Zop::String& name, const Zop::Ptr<Agent::AgentCommandRequest>& request, double timeValue,
@@ -760,6 +1030,8 @@ ShowSegmentHardwareRoutesSm::ShowSegmentHardwareRoutesSm(
       vrfFibRouteDb_(vrfFibRouteDb),
       vrfFibRoute6Db_(vrfFibRoute6Db) {}
 
+ShowSegmentHardwareRoutesSm::~ShowSegmentHardwareRoutesSm() = default;
+
 void ShowSegmentHardwareRoutesSm::handleInitialized() {
    TRACE8_FN("void Kiv::ShowSegmentHardwareRoutesSm::handleInitialized()",
              " VrfName: " << vrfName_ << " segmentName: " << segmentName_);
@@ -774,84 +1046,137 @@ bool ShowSegmentHardwareRoutesSm::inFib(const VrfAndIpGenPrefix& key) const {
 }
 
 void ShowSegmentHardwareRoutesSm::getSortedRoutes(const Zop::Ptr<SortedSegmentRouteInfo>& sorted) {
-   // Segment prefixes.
-   for (const auto& [key, info] : routeInfo_->routeInfo()) {
-      sortedVrfFor(sorted, key.vrfId());
+   SortedRoutesBuild build;
+   buildSortedRoutes(build, sorted, neverPause);
+}
+
+bool ShowSegmentHardwareRoutesSm::buildSortedRoutes(SortedRoutesBuild& b,
+                                                    const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                                                    const std::function<bool()>& pause) {
+   using Phase = SortedRoutesBuild::Phase;
+   if (b.phase == Phase::take) {
+      if (pause()) {
+         return false;
+      }
+      b.taken.reserve(routeInfo_->routeInfoCount());
+      std::optional<VrfId> last;
+      for (const auto& [key, info] : routeInfo_->routeInfo()) {
+         b.taken.push_back(key);
+         if (last != key.vrfId()) {
+            sortedVrfFor(sorted, key.vrfId());
+            last = key.vrfId();
+         }
+      }
+      b.phase = Phase::sort;
+   }
+   if (b.phase == Phase::sort) {
+      while (b.next < b.taken.size()) {
+         if (pause()) {
+            return false;
+         }
+         b.keys.insert(b.taken[b.next++]);
+      }
+      b.taken = {};
+      b.at = b.keys.begin();
+      b.phase = Phase::outermost;
+   }
+   if (b.phase == Phase::outermost) {
+      while (b.at != b.keys.end()) {
+         if (pause()) {
+            return false;
+         }
+         addOutermost(b, sorted);
+      }
+      b.keys = {};
+      b.phase = Phase::done;
+   }
+   return true;
+}
+
+void ShowSegmentHardwareRoutesSm::addOutermost(SortedRoutesBuild& b,
+                                               const Zop::Ptr<SortedSegmentRouteInfo>& sorted) {
+   // The segment prefixes: the outermost key and those inside it, which
+   // follow it in key order (a prefix's cover comes before it). Each one
+   // still installed is listed under the segment owning its record's id: S,
+   // or S,F when it is also a FIB route.
+   const VrfAndIpGenPrefix outer = *b.at;
+   const VrfId vrfId = outer.vrfId();
+   for (; b.at != b.keys.end(); ++b.at) {
+      const VrfAndIpGenPrefix& key = *b.at;
+      if (key != outer && !(key.vrfId() == vrfId && outer.prefix().contains(key.prefix()))) {
+         break;
+      }
+      const KivSegmentRouteInfo* record = routeInfo_->routeInfoFind(key);
+      if (!record) {
+         continue;
+      }
       Zop::Ptr<SortedSegmentPrefix> list =
-          getSortedPrefixListForSegment(sorted, hwIdStatus_, key.vrfId(), info.hwId());
+          getSortedPrefixListForSegment(sorted, hwIdStatus_, vrfId, record->hwId());
       if (!list) {
          continue;
       }
       const SegmentRouteType type = inFib(key) ? routeTypeSegmentAndFib : routeTypeSegmentOnly;
       list->programmedPrefixIs(SortedPrefixInfo(key, type), true);
    }
-   // FIB routes inside segment prefixes. A FIB route inside a nested segment
-   // prefix is also inside the outer one, and the lists are sets, so walking
-   // the outermost segment prefixes alone collects the same routes, each once.
-   // In key order, a prefix's cover comes before it.
-   std::vector<VrfAndIpGenPrefix> keys;
-   keys.reserve(routeInfo_->routeInfoCount());
-   for (const auto& [key, info] : routeInfo_->routeInfo()) {
-      keys.push_back(key);
+   // The FIB routes inside it. A FIB route inside a nested segment prefix is
+   // also inside the outer one, and the lists are sets, so walking the
+   // outermost segment prefixes alone collects the same routes, each once.
+   auto routes = vrfPrefixCollectionFactory();
+   if (outer.prefix().isIpv4()) {
+      Zop::Ptr<const Routing::Trie> fibTrie = routeStatus_->fibTrie(vrfId);
+      if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
+         return;  // The VRF is gone, and its FIB routes with it.
+      }
+      ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
+      getV4FibRoutes(vrfId, outer.prefix(), outer.prefix(), routeInfo_, routes, fibTrie);
+   } else {
+      Zop::Ptr<const Routing6::Trie> fibTrie = route6Status_->fibTrie(vrfId);
+      if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
+         return;
+      }
+      ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
+      getV6FibRoutes(vrfId, outer.prefix(), outer.prefix(), routeInfo_, routes, fibTrie);
    }
-   std::sort(keys.begin(), keys.end());
-   const VrfAndIpGenPrefix* outer = nullptr;
-   for (const VrfAndIpGenPrefix& key : keys) {
-      if (outer && outer->vrfId() == key.vrfId() && outer->prefix().contains(key.prefix())) {
+   for (const VrfAndIpGenPrefix& route : routes->vrfIpGenPrefix()) {
+      const SegmentHwId hwId = segmentRouteHelper_->getHardwareId(route);
+      TRACE8_FN("getSortedRoutes", " Fib route: " << route << " " << hwId);
+      Zop::Ptr<SortedSegmentPrefix> list =
+          getSortedPrefixListForSegment(sorted, hwIdStatus_, vrfId, hwId);
+      if (!list) {
          continue;
       }
-      outer = &key;
-      const VrfId vrfId = key.vrfId();
-      auto routes = vrfPrefixCollectionFactory();
-      if (key.prefix().isIpv4()) {
-         Zop::Ptr<const Routing::Trie> fibTrie = routeStatus_->fibTrie(vrfId);
-         if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
-            continue;  // The VRF is gone, and its FIB routes with it.
-         }
-         ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
-         getV4FibRoutes(vrfId, key.prefix(), key.prefix(), routeInfo_, routes, fibTrie);
-      } else {
-         Zop::Ptr<const Routing6::Trie> fibTrie = route6Status_->fibTrie(vrfId);
-         if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
-            continue;
-         }
-         ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
-         getV6FibRoutes(vrfId, key.prefix(), key.prefix(), routeInfo_, routes, fibTrie);
-      }
-      for (const VrfAndIpGenPrefix& route : routes->vrfIpGenPrefix()) {
-         const SegmentHwId hwId = segmentRouteHelper_->getHardwareId(route);
-         TRACE8_FN("getSortedRoutes", " Fib route: " << route << " " << hwId);
-         Zop::Ptr<SortedSegmentPrefix> list =
-             getSortedPrefixListForSegment(sorted, hwIdStatus_, vrfId, hwId);
-         if (!list) {
-            continue;
-         }
-         const SegmentRouteType type =
-             routeInfo_->routeInfoHas(route) ? routeTypeSegmentAndFib : routeTypeFibOnly;
-         list->programmedPrefixIs(SortedPrefixInfo(route, type), true);
-      }
+      const SegmentRouteType type =
+          routeInfo_->routeInfoHas(route) ? routeTypeSegmentAndFib : routeTypeFibOnly;
+      list->programmedPrefixIs(SortedPrefixInfo(route, type), true);
    }
 }
 
 void ShowSegmentHardwareRoutesSm::handleAsyncCommand() {
    TRACE8_FN("virtual void Kiv::ShowSegmentHardwareRoutesSm::handleAsyncCommand()");
    lumo::Printer& p = printer();
-   if (continuationState() == ContinuationState::initial) {
+   if (!walk_) {
       p.start();
       vrfBookmark_ = nullptr;
       sortedData_ = sortedSegmentRouteInfoFactory();
-      getSortedRoutes(sortedData_);
+      build_ = std::make_unique<SortedRoutesBuild>();
+      walk_ = std::make_unique<ShowWalkState>();
+   }
+   const std::function<bool()> pause = piecePause(*this);
+   if (!walk_->printing) {
+      if (!buildSortedRoutes(*build_, sortedData_, pause)) {
+         return;
+      }
+      build_ = nullptr;
+      walk_->printing = true;
       p.startDict("vrfs");
    }
-   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sortedData_, vrfBookmark_};
+   const RowPrinter rows = routesRows(p);
+   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sortedData_, vrfBookmark_, *walk_};
    walk.run([&] { showSegmentHardwareRouteLegend(p); },
             [&](const Zop::String& name) { showSegmentHardwareRoutesHeader(p, name); },
-            [&](VrfId vrfId, const Zop::String& segment) {
-               showSegmentHardwareRoutes(p, vrfId, segment, sortedData_, hwIdStatus_, routeInfo_,
-                                         l3Status_);
-            },
-            [&](VrfId vrfId) {
-               showVrfHardwareRoutes(p, vrfId, sortedData_, hwIdStatus_, routeInfo_, l3Status_);
+            [&](VrfId vrfId, const Zop::String* segment) {
+               return listSegments(p, vrfId, segment, sortedData_, hwIdStatus_, l3Status_,
+                                   walk_->cursor, pause, rows);
             });
 }
 

@@ -5,16 +5,45 @@
 // KivSegmentSecurityCliSm, the root, registers KivSegmentCliCallbackWithFormat
 // with the agent's command-request service. The callback reads the request
 // text "COMMAND#VRF#SEGMENT" (an empty field means all) and makes one reactor:
-//   HardwareSummary        ShowSegmentHardwareSummarySm   one run
-//   HardwareDetail         ShowSegmentHardwareDetailSm    yields between VRFs
-//   HardwareRoutes         ShowSegmentHardwareRoutesSm    yields between VRFs
+//   HardwareSummary        ShowSegmentHardwareSummarySm   builds in pieces,
+//                                                         prints in one run
+//   HardwareDetail         ShowSegmentHardwareDetailSm    builds and prints in
+//                                                         pieces
+//   HardwareRoutes         ShowSegmentHardwareRoutesSm    builds and prints in
+//                                                         pieces
 //   ShowHardwareCounters   ShowSegmentHardwareCountersSm  one run
 //   ClearHardwareCounters  ClearSegmentHardwareCountersSm one run, no output
 //
-// The show commands list VRFs, segments and prefixes in a fixed order, and
-// the two long ones can stop after any VRF and go on later, so each builds a
-// private sorted snapshot (SortedSegmentRouteInfo) on its first run and
-// prints from it; the snapshot is never refreshed from the live state.
+// The show commands list VRFs, segments and prefixes in a fixed order, so
+// each builds a private sorted snapshot (SortedSegmentRouteInfo) and prints
+// from it. A full table is far too much for one run of the reactor thread,
+// so both the building and the printing go a piece at a time: before each
+// piece the command asks the scheduler (Ruv::taskShouldYield()) and, told to
+// give the thread back, pauses (AgentAsyncCommandRequestSm::pauseRun) and
+// goes on next run from its bookmark. A piece is, for routes, one outermost
+// segment prefix with everything beneath it; for detail and summary, one
+// record, one configured prefix or one segment with an id; when printing,
+// one segment's start or one row. A pause never changes the output: the
+// command prints exactly what it would have printed in one run from the same
+// snapshot. (Detail and routes also stop between VRFs when their own budget,
+// time or output, is spent, and then print that VRF once more on the next
+// run, as they always have; pauses do not count as new runs for it.)
+//
+// What a reader sees when the table changes while a command is between
+// runs: the first run takes the list of installed segment prefixes (the
+// record keys) and the VRFs they are in. The build then takes each piece
+// whole at the moment it reaches it, reading the live state: for routes,
+// each outermost listed prefix in VRF and prefix order, with the records of
+// the listed prefixes beneath it still installed then (their segment, and
+// whether each is also a FIB route) and the FIB routes beneath it then,
+// under the ids hardware gives them then; for detail and summary, each
+// listed record still installed when reached, then the configured prefixes
+// and the segments with ids, each list taken in one run when the build
+// reaches it. So a prefix installed after the first run is not listed, one
+// removed before the build reaches it is not listed (the FIB routes beneath
+// a removed outermost prefix still are, under their own ids), and a piece
+// once taken is never refreshed. VRF and segment names and ids are read when
+// printed, as before.
 //
 // Counters: the firewall's counts are free running, and clear must not touch
 // the hardware; the root keeps a baseline tree (snapshot), clear copies the
@@ -22,6 +51,7 @@
 // its baseline, after a hardware reset or wrap, is shown whole).
 
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <memory>
@@ -209,6 +239,11 @@ KIV_EXPORT void showVrfHardwareCounters(lumo::Printer& printer, const L3::VrfNam
 
 using AsyncCommandSm = Agent::AgentAsyncCommandRequestSm;
 
+// The resumable pieces, defined with the reactors.
+struct SortedPrefixInfoBuild;
+struct SortedRoutesBuild;
+struct ShowWalkState;
+
 // What the summary and detail commands read: the installed routes, the ids,
 // the VRF names and the configuration, for one VRF or all, one segment or all.
 class KIV_EXPORT ShowSegmentPrefixInfoSm : public AsyncCommandSm {
@@ -222,13 +257,21 @@ public:
                            const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
                            const Zop::String& vrfName, const Zop::String& segmentName);
 
+   ~ShowSegmentPrefixInfoSm() override;
+
 protected:
+   // Builds the snapshot a piece at a time into sortedData_ (a fresh one on
+   // the first call); true once it is complete, false when the run paused.
+   bool buildSnapshot();
+
    Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
    Zop::Ptr<const SegmentIdResponse> hwIdStatus_;
    Zop::Ptr<const L3Status> l3Status_;
    Zop::Ptr<const Firewall::HwConfig> fwConfig_;
    Zop::String vrfName_;
    Zop::String segmentName_;
+   Zop::Ptr<SortedSegmentRouteInfo> sortedData_;
+   std::unique_ptr<SortedPrefixInfoBuild> build_;
 };
 
 class KIV_EXPORT ShowSegmentHardwareSummarySm : public ShowSegmentPrefixInfoSm {
@@ -238,7 +281,8 @@ public:
    void handleAsyncCommand() override;
 };
 
-// The detail and routes commands: one VRF per step, resumable after a yield.
+// The detail and routes commands: built and printed a piece at a time,
+// resumable after a pause or a yield between VRFs.
 class KIV_EXPORT ShowSegmentHardwareDetailSm : public ShowSegmentPrefixInfoSm {
 public:
    using ShowSegmentPrefixInfoSm::ShowSegmentPrefixInfoSm;
@@ -247,10 +291,11 @@ public:
 
    const Zop::Ptr<SortedSegmentRouteInfo>& sortedData() const { return sortedData_; }
    const Zop::Ptr<SortedVrfRouteInfo>& vrfBookmark() const { return vrfBookmark_; }
+   ~ShowSegmentHardwareDetailSm() override;
 
 private:
-   Zop::Ptr<SortedSegmentRouteInfo> sortedData_;
    Zop::Ptr<SortedVrfRouteInfo> vrfBookmark_;
+   std::unique_ptr<ShowWalkState> walk_;
 };
 
 class KIV_EXPORT ShowSegmentHardwareRoutesSm : public AsyncCommandSm {
@@ -269,15 +314,22 @@ public:
                                const Zop::Ptr<const KivVrfFibRoute6Collection>& vrfFibRoute6Db);
    void handleInitialized() override;
    void handleAsyncCommand() override;
-   // Fills an empty snapshot: segment prefixes (S, or S,F when also a FIB
-   // route), then the FIB routes inside them (F, or S,F).
+   // Fills an empty snapshot in one go: segment prefixes (S, or S,F when
+   // also a FIB route) and the FIB routes inside them (F, or S,F).
    void getSortedRoutes(const Zop::Ptr<SortedSegmentRouteInfo>& sorted);
 
    const Zop::Ptr<SortedSegmentRouteInfo>& sortedData() const { return sortedData_; }
    const Zop::Ptr<SortedVrfRouteInfo>& vrfBookmark() const { return vrfBookmark_; }
+   ~ShowSegmentHardwareRoutesSm() override;
 
 private:
    bool inFib(const VrfAndIpGenPrefix& key) const;
+   // One piece of the build at a time, asking `pause` before each; true once
+   // `sorted` is complete.
+   bool buildSortedRoutes(SortedRoutesBuild& build, const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                          const std::function<bool()>& pause);
+   // The segment prefixes beneath one outermost one, and the FIB routes.
+   void addOutermost(SortedRoutesBuild& build, const Zop::Ptr<SortedSegmentRouteInfo>& sorted);
 
    Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
    Zop::Ptr<const SegmentIdResponse> hwIdStatus_;
@@ -291,6 +343,8 @@ private:
    Zop::Ptr<const KivVrfFibRoute6Collection> vrfFibRoute6Db_;
    Zop::Ptr<SortedSegmentRouteInfo> sortedData_;
    Zop::Ptr<SortedVrfRouteInfo> vrfBookmark_;
+   std::unique_ptr<SortedRoutesBuild> build_;
+   std::unique_ptr<ShowWalkState> walk_;
 };
 
 class KIV_EXPORT ShowSegmentHardwareCountersSm : public AsyncCommandSm {
