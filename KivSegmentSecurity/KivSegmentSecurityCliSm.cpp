@@ -997,15 +997,22 @@ void ShowSegmentHardwareDetailSm::handleAsyncCommand() {
 
 // The routes snapshot, built a piece at a time: the first run takes the
 // record keys (and makes the VRFs' entries), the next ones sort them a key
-// per piece, then each outermost key is one piece with everything beneath it.
+// per piece; then, per outermost key, one piece takes the FIB routes beneath
+// it, and each listed segment prefix beneath it and each of those FIB routes
+// is a piece of its own.
 struct SortedRoutesBuild {
    enum class Phase { take, sort, outermost, done };
    Phase phase = Phase::take;
    std::vector<VrfAndIpGenPrefix> taken;
    size_t next = 0;
    std::set<VrfAndIpGenPrefix> keys;
-   // The next outermost key; the set is private, so it stays valid.
+   // The next key to list; the set is private, so it stays valid.
    std::set<VrfAndIpGenPrefix>::const_iterator at;
+   // The outermost key being listed, and the FIB routes beneath it as they
+   // were when the build reached it.
+   std::optional<VrfAndIpGenPrefix> outer;
+   std::vector<VrfAndIpGenPrefix> fibRoutes;
+   size_t fibNext = 0;
 };
 
 ShowSegmentHardwareRoutesSm::ShowSegmentHardwareRoutesSm(
@@ -1081,11 +1088,40 @@ bool ShowSegmentHardwareRoutesSm::buildSortedRoutes(SortedRoutesBuild& b,
       b.phase = Phase::outermost;
    }
    if (b.phase == Phase::outermost) {
-      while (b.at != b.keys.end()) {
-         if (pause()) {
-            return false;
+      for (;;) {
+         if (!b.outer) {
+            if (b.at == b.keys.end()) {
+               break;
+            }
+            if (pause()) {
+               return false;
+            }
+            b.outer = *b.at;
+            takeFibRoutes(b);
          }
-         addOutermost(b, sorted);
+         // The outermost key and the keys inside it, which follow it in key
+         // order (a prefix's cover comes before it).
+         const VrfAndIpGenPrefix& outer = *b.outer;
+         for (; b.at != b.keys.end(); ++b.at) {
+            const VrfAndIpGenPrefix& key = *b.at;
+            if (key != outer &&
+                !(key.vrfId() == outer.vrfId() && outer.prefix().contains(key.prefix()))) {
+               break;
+            }
+            if (pause()) {
+               return false;
+            }
+            addSegmentPrefix(key, sorted);
+         }
+         while (b.fibNext < b.fibRoutes.size()) {
+            if (pause()) {
+               return false;
+            }
+            addFibRoute(b.fibRoutes[b.fibNext++], sorted);
+         }
+         b.outer.reset();
+         b.fibRoutes = {};
+         b.fibNext = 0;
       }
       b.keys = {};
       b.phase = Phase::done;
@@ -1093,62 +1129,63 @@ bool ShowSegmentHardwareRoutesSm::buildSortedRoutes(SortedRoutesBuild& b,
    return true;
 }
 
-void ShowSegmentHardwareRoutesSm::addOutermost(SortedRoutesBuild& b,
-                                               const Zop::Ptr<SortedSegmentRouteInfo>& sorted) {
-   // The segment prefixes: the outermost key and those inside it, which
-   // follow it in key order (a prefix's cover comes before it). Each one
-   // still installed is listed under the segment owning its record's id: S,
-   // or S,F when it is also a FIB route.
-   const VrfAndIpGenPrefix outer = *b.at;
+void ShowSegmentHardwareRoutesSm::takeFibRoutes(SortedRoutesBuild& b) {
+   // A FIB route inside a nested segment prefix is also inside the outer
+   // one, and the lists are sets, so the FIB routes beneath the outermost
+   // segment prefixes alone are the same routes, each once.
+   const VrfAndIpGenPrefix& outer = *b.outer;
    const VrfId vrfId = outer.vrfId();
-   for (; b.at != b.keys.end(); ++b.at) {
-      const VrfAndIpGenPrefix& key = *b.at;
-      if (key != outer && !(key.vrfId() == vrfId && outer.prefix().contains(key.prefix()))) {
-         break;
-      }
-      const KivSegmentRouteInfo* record = routeInfo_->routeInfoFind(key);
-      if (!record) {
-         continue;
-      }
-      Zop::Ptr<SortedSegmentPrefix> list =
-          getSortedPrefixListForSegment(sorted, hwIdStatus_, vrfId, record->hwId());
-      if (!list) {
-         continue;
-      }
-      const SegmentRouteType type = inFib(key) ? routeTypeSegmentAndFib : routeTypeSegmentOnly;
-      list->programmedPrefixIs(SortedPrefixInfo(key, type), true);
-   }
-   // The FIB routes inside it. A FIB route inside a nested segment prefix is
-   // also inside the outer one, and the lists are sets, so walking the
-   // outermost segment prefixes alone collects the same routes, each once.
-   auto routes = vrfPrefixCollectionFactory();
    if (outer.prefix().isIpv4()) {
       Zop::Ptr<const Routing::Trie> fibTrie = routeStatus_->fibTrie(vrfId);
       if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
          return;  // The VRF is gone, and its FIB routes with it.
       }
       ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
-      getV4FibRoutes(vrfId, outer.prefix(), outer.prefix(), routeInfo_, routes, fibTrie);
+      fibTrie->preOrderWalk(outer.prefix().v4(), [&](const Pexo::Prefix& p) {
+         b.fibRoutes.emplace_back(vrfId, Pexo::IpGenPrefix(p));
+      });
    } else {
       Zop::Ptr<const Routing6::Trie> fibTrie = route6Status_->fibTrie(vrfId);
       if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
          return;
       }
       ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
-      getV6FibRoutes(vrfId, outer.prefix(), outer.prefix(), routeInfo_, routes, fibTrie);
+      fibTrie->preOrderWalk(
+          outer.prefix(), [&](const Pexo::IpGenPrefix& p) { b.fibRoutes.emplace_back(vrfId, p); });
    }
-   for (const VrfAndIpGenPrefix& route : routes->vrfIpGenPrefix()) {
-      const SegmentHwId hwId = segmentRouteHelper_->getHardwareId(route);
-      TRACE8_FN("getSortedRoutes", " Fib route: " << route << " " << hwId);
-      Zop::Ptr<SortedSegmentPrefix> list =
-          getSortedPrefixListForSegment(sorted, hwIdStatus_, vrfId, hwId);
-      if (!list) {
-         continue;
-      }
-      const SegmentRouteType type =
-          routeInfo_->routeInfoHas(route) ? routeTypeSegmentAndFib : routeTypeFibOnly;
-      list->programmedPrefixIs(SortedPrefixInfo(route, type), true);
+}
+
+void ShowSegmentHardwareRoutesSm::addSegmentPrefix(const VrfAndIpGenPrefix& key,
+                                                   const Zop::Ptr<SortedSegmentRouteInfo>& sorted) {
+   // Still installed: listed under the segment owning its record's id, S, or
+   // S,F when it is also a FIB route.
+   const KivSegmentRouteInfo* record = routeInfo_->routeInfoFind(key);
+   if (!record) {
+      return;
    }
+   Zop::Ptr<SortedSegmentPrefix> list =
+       getSortedPrefixListForSegment(sorted, hwIdStatus_, key.vrfId(), record->hwId());
+   if (!list) {
+      return;
+   }
+   const SegmentRouteType type = inFib(key) ? routeTypeSegmentAndFib : routeTypeSegmentOnly;
+   list->programmedPrefixIs(SortedPrefixInfo(key, type), true);
+}
+
+void ShowSegmentHardwareRoutesSm::addFibRoute(const VrfAndIpGenPrefix& route,
+                                              const Zop::Ptr<SortedSegmentRouteInfo>& sorted) {
+   // Listed under the segment owning the id hardware gives it: F, or S,F
+   // when it is a segment prefix too.
+   const SegmentHwId hwId = segmentRouteHelper_->getHardwareId(route);
+   TRACE8_FN("getSortedRoutes", " Fib route: " << route << " " << hwId);
+   Zop::Ptr<SortedSegmentPrefix> list =
+       getSortedPrefixListForSegment(sorted, hwIdStatus_, route.vrfId(), hwId);
+   if (!list) {
+      return;
+   }
+   const SegmentRouteType type =
+       routeInfo_->routeInfoHas(route) ? routeTypeSegmentAndFib : routeTypeFibOnly;
+   list->programmedPrefixIs(SortedPrefixInfo(route, type), true);
 }
 
 void ShowSegmentHardwareRoutesSm::handleAsyncCommand() {

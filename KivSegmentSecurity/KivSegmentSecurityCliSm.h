@@ -20,29 +20,30 @@
 // so both the building and the printing go a piece at a time: before each
 // piece the command asks the scheduler (Ruv::taskShouldYield()) and, told to
 // give the thread back, pauses (AgentAsyncCommandRequestSm::pauseRun) and
-// goes on next run from its bookmark. A piece is, for routes, one outermost
-// segment prefix with everything beneath it; for detail and summary, one
-// record, one configured prefix or one segment with an id; when printing,
-// one segment's start or one row. A pause never changes the output: the
-// command prints exactly what it would have printed in one run from the same
+// goes on next run from its bookmark. The pieces: for routes, taking the
+// record keys, sorting one key, taking the FIB routes beneath one outermost
+// segment prefix, listing one segment prefix or one FIB route; for detail
+// and summary, taking one list (the records, the configured prefixes, the
+// segments with an id) and then one entry of it; when printing, one
+// segment's start or one row. A pause never changes the output: the command
+// prints exactly what it would have printed in one run from the same
 // snapshot. (Detail and routes also stop between VRFs when their own budget,
 // time or output, is spent, and then print that VRF once more on the next
-// run, as they always have; pauses do not count as new runs for it.)
+// run, as they always have; a pause is not a new run for that budget.)
 //
 // What a reader sees when the table changes while a command is between
 // runs: the first run takes the list of installed segment prefixes (the
-// record keys) and the VRFs they are in. The build then takes each piece
-// whole at the moment it reaches it, reading the live state: for routes,
-// each outermost listed prefix in VRF and prefix order, with the records of
-// the listed prefixes beneath it still installed then (their segment, and
-// whether each is also a FIB route) and the FIB routes beneath it then,
-// under the ids hardware gives them then; for detail and summary, each
-// listed record still installed when reached, then the configured prefixes
-// and the segments with ids, each list taken in one run when the build
-// reaches it. So a prefix installed after the first run is not listed, one
-// removed before the build reaches it is not listed (the FIB routes beneath
-// a removed outermost prefix still are, under their own ids), and a piece
-// once taken is never refreshed. VRF and segment names and ids are read when
+// record keys) and the VRFs they are in; nothing installed later is listed.
+// Everything else is read live when the build reaches it, and once taken it
+// is never refreshed: for routes, in VRF and prefix order, each outermost
+// listed prefix brings the FIB routes beneath it at that moment; then each
+// listed prefix beneath it (itself included) that is still installed when
+// reached is listed under the segment owning its record's id, and each of
+// those FIB routes under the segment owning the id hardware gives it when
+// reached (one no longer in hardware then has no id and is left out). For
+// detail and summary, each listed record still installed when reached, then
+// the configured prefixes and the segments with an id as they are when the
+// build reaches each list. VRF and segment names and ids are read when
 // printed, as before.
 //
 // Counters: the firewall's counts are free running, and clear must not touch
@@ -328,8 +329,12 @@ private:
    // `sorted` is complete.
    bool buildSortedRoutes(SortedRoutesBuild& build, const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
                           const std::function<bool()>& pause);
-   // The segment prefixes beneath one outermost one, and the FIB routes.
-   void addOutermost(SortedRoutesBuild& build, const Zop::Ptr<SortedSegmentRouteInfo>& sorted);
+   // The FIB routes beneath the build's outermost key, as they are now.
+   void takeFibRoutes(SortedRoutesBuild& build);
+   // One segment prefix, one FIB route into `sorted`, as they are now.
+   void addSegmentPrefix(const VrfAndIpGenPrefix& key,
+                         const Zop::Ptr<SortedSegmentRouteInfo>& sorted);
+   void addFibRoute(const VrfAndIpGenPrefix& route, const Zop::Ptr<SortedSegmentRouteInfo>& sorted);
 
    Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
    Zop::Ptr<const SegmentIdResponse> hwIdStatus_;

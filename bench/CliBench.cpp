@@ -28,10 +28,18 @@
 //
 // The command service keeps its default settings (5 ms longest run, 64 KiB
 // output per run). On the switch's virtual clock a run never uses up its time,
-// so only the output size makes a reactor yield, and the detail and routes
-// commands look at it only between VRFs: with one VRF a command is one run.
-// A run that resumes prints the VRF it stopped after once more before going
-// on, so with several VRFs the output holds every VRF but the last twice.
+// so only the output size spends a command's own budget, and the detail and
+// routes commands look at it only between VRFs. A run that resumes after such
+// a yield prints the VRF it stopped after once more before going on, so with
+// several VRFs the output holds every VRF but the last twice.
+//
+// The commands themselves run under Ruv::RealTimeSliceYieldPolicy at the
+// scheduler's default slice (2 ms), as a real agent's scheduler would cut
+// them (the setup before runs on the virtual clock's slices, which never
+// cut): the commands build and print a piece at a time and pause when the
+// slice is spent, so longest_run_ms is the longest piece of work a command
+// cannot split. A pause is not a new run for the command's own budget, so
+// the output is the same as in one run.
 //
 // The machine these run on is shared, so next to the wall-clock figures the
 // timed parts also report this thread's CPU time, the steadier of the two.
@@ -77,8 +85,9 @@
 //   (as above) and timed, then the request is served by the same loop as
 //   cliRequest's, each slice timed with a steady clock and attributed to the
 //   command's task when that task's run count went up.
-//     first_run_ms      the command's first run (snapshot plus what it prints
-//                       before it first may yield)
+//     first_run_ms      the command's first run (the snapshot's first
+//                       pieces, or all of it and what it prints before it
+//                       first may yield when nothing cuts it)
 //     first_run_cpu_ms  the same in CPU time
 //     snapshot_ms, snapshot_cpu_ms
 //                       the snapshot alone
@@ -372,8 +381,10 @@ Setup buildSetup(unsigned vrfs) {
       s.error = "the oracle found differences after settling";
    }
    // The commands run with the service's defaults, stated here rather than
-   // assumed.
+   // assumed, and with a real agent's slices.
    sw.cliServiceSettingsIs(Agent::AgentCommandServiceSettings{});
+   sw.scheduler()->yieldPolicyIs(
+       Zop::makePtr<Ruv::RealTimeSliceYieldPolicy>(Ruv::TimeSliceYieldPolicy::kDefaultSlice));
    return s;
 }
 
