@@ -188,6 +188,45 @@ bool listSegments(lumo::Printer& printer, VrfId vrfId, const Zop::String* only,
    return true;
 }
 
+// Empties a snapshot a piece (one row, one segment, one VRF) at a time;
+// true once it is empty.
+bool dropSorted(const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                const std::function<bool()>& pause) {
+   while (!sorted->sortedVrf().empty()) {
+      const auto& [vrfId, vrf] = *sorted->sortedVrf().begin();
+      while (!vrf->sortedPrefix().empty()) {
+         const auto& [name, segment] = *vrf->sortedPrefix().begin();
+         while (!segment->programmedPrefix().empty()) {
+            if (pause()) {
+               return false;
+            }
+            segment->programmedPrefixDelFirst();
+         }
+         vrf->sortedPrefixDel(Zop::String(name));
+      }
+      sorted->sortedVrfDel(VrfId(vrfId));
+   }
+   return true;
+}
+
+// A command whose listing has just completed drops its snapshot before it
+// says so; `dropping` remembers that across runs.
+void dropThenComplete(AsyncCommandSm& sm, Zop::Ptr<SortedSegmentRouteInfo>& sorted, bool& dropping,
+                      const std::function<bool()>& pause) {
+   if (!dropping) {
+      if (!sm.executionCompleted()) {
+         return;
+      }
+      sm.executionCompletedIs(false);
+      dropping = true;
+   }
+   if (sorted && !dropSorted(sorted, pause)) {
+      return;
+   }
+   sorted = nullptr;
+   sm.executionCompletedIs(true);
+}
+
 void detailRow(lumo::Printer& printer, const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
                const Zop::String& segmentName, uint32_t hwId, const SortedPrefixInfo& info,
                const Zop::String& prefix, bool first) {
@@ -381,31 +420,59 @@ Zop::Ptr<SortedSegmentPrefix> getSortedPrefixListForSegment(
    return sortedSegmentFor(vrfRoutes, key->segment());
 }
 
-// The summary and detail snapshot, built a piece at a time: the records, then
-// the configured prefixes, then the segments with an id. Each list is taken
-// (copied) in one run when the build reaches it, then worked off one entry
-// per piece.
+namespace {
+
+// A walk over a hash map that can stop after any bucket and go on in a later
+// run. The map may change in between, so the bookmark is a bucket number,
+// never an iterator: an entry added meanwhile may or may not be seen, one
+// removed before its bucket is reached is not. When the map rehashes (its
+// bucket count changes) the walk starts over after calling `restart`, so an
+// entry may be seen twice: what the walk does with one must not mind, or
+// `restart` must undo it.
+struct BucketWalk {
+   size_t bucket = 0;
+   size_t buckets = 0;
+   bool done = false;
+
+   // One bucket: f(key, value) for each entry in it.
+   template <class Map, class F, class Restart>
+   void step(const Map& map, F&& f, Restart&& restart) {
+      if (buckets != map.bucket_count()) {
+         if (buckets != 0) {
+            restart();
+         }
+         buckets = map.bucket_count();
+         bucket = 0;
+      }
+      if (bucket < buckets) {
+         for (auto it = map.begin(bucket); it != map.end(bucket); ++it) {
+            f(it->first, it->second);
+         }
+         ++bucket;
+      }
+      done = bucket >= buckets;
+   }
+};
+
+}  // namespace
+
+// The summary and detail snapshot, built a piece at a time (one bucket of a
+// hash map per piece): the records, then each firewall VRF's configured
+// prefixes, then the segments with an id.
 struct SortedPrefixInfoBuild {
    enum class Phase { records, configured, ids, done };
    Phase phase = Phase::records;
-   bool taken = false;
-   size_t next = 0;
-   std::vector<VrfAndIpGenPrefix> records;
-   std::vector<std::pair<VrfId, Zop::String>> configured;
-   std::vector<SegmentIdRequestKey> ids;
+   BucketWalk walk;
+   // The firewall VRF being counted (its entry kept alive), its VRF id when
+   // it has one, and its counts so far per segment.
+   bool vrfStarted = false;
+   L3::VrfName vrfName;
+   Zop::Ptr<Firewall::FwVrf> fwVrf;
+   std::optional<VrfId> vrfId;
+   std::map<Zop::String, uint32_t> counts;
 };
 
 namespace {
-
-// Moves to the next phase, dropping what the last one took.
-void nextPhase(SortedPrefixInfoBuild& b, SortedPrefixInfoBuild::Phase phase) {
-   b.phase = phase;
-   b.taken = false;
-   b.next = 0;
-   b.records = {};
-   b.configured = {};
-   b.ids = {};
-}
 
 // True once `sorted` is complete; false when `pause` stopped it.
 bool buildSortedSegmentPrefixInfo(SortedPrefixInfoBuild& b,
@@ -416,84 +483,94 @@ bool buildSortedSegmentPrefixInfo(SortedPrefixInfoBuild& b,
                                   const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
                                   const std::function<bool()>& pause) {
    using Phase = SortedPrefixInfoBuild::Phase;
-   // Programmed prefixes: a record still installed when reached is listed
-   // under the segment that owns its id.
+   const auto nothing = [] {};
+   // Programmed prefixes: each record, under the segment that owns its id.
    if (b.phase == Phase::records) {
-      if (!b.taken) {
+      while (!b.walk.done) {
          if (pause()) {
             return false;
          }
-         b.records.reserve(routeInfo->routeInfoCount());
-         for (const auto& [key, info] : routeInfo->routeInfo()) {
-            b.records.push_back(key);
-            sortedVrfFor(sorted, key.vrfId());
-         }
-         b.taken = true;
+         b.walk.step(
+             routeInfo->routeInfo().members(),
+             [&](const VrfAndIpGenPrefix& key, const KivSegmentRouteInfo& info) {
+                Zop::Ptr<SortedVrfRouteInfo> vrf = sortedVrfFor(sorted, key.vrfId());
+                if (const SegmentIdRequestKey* owner = hwIdStatus->hwIdKey(info.hwId())) {
+                   sortedSegmentFor(vrf, owner->segment())
+                       ->programmedPrefixIs(SortedPrefixInfo(key, routeTypeSegmentOnly), true);
+                }
+             },
+             nothing);
       }
-      while (b.next < b.records.size()) {
-         if (pause()) {
-            return false;
-         }
-         const VrfAndIpGenPrefix& key = b.records[b.next++];
-         const KivSegmentRouteInfo* record = routeInfo->routeInfoFind(key);
-         if (!record) {
-            continue;
-         }
-         if (const SegmentIdRequestKey* owner = hwIdStatus->hwIdKey(record->hwId())) {
-            sortedSegmentFor(sortedVrfFor(sorted, key.vrfId()), owner->segment())
-                ->programmedPrefixIs(SortedPrefixInfo(key, routeTypeSegmentOnly), true);
-         }
-      }
-      nextPhase(b, Phase::configured);
+      b.phase = Phase::configured;
+      b.walk = {};
    }
-   // Configured prefixes, counted per segment.
+   // Configured prefixes, counted per segment, one firewall VRF after the
+   // other in name order; a VRF's counts go in once it is walked whole.
    if (b.phase == Phase::configured) {
-      if (!b.taken) {
-         if (pause()) {
-            return false;
-         }
-         for (const auto& [vrfName, fwVrf] : fwConfig->vrf()) {
-            const VrfId* vrfId = l3Status->vrfId(vrfName);
-            if (!vrfId) {
-               continue;
+      const auto& vrfs = fwConfig->vrf().members();
+      for (;;) {
+         if (!b.vrfStarted) {
+            auto it = b.fwVrf ? vrfs.upper_bound(b.vrfName) : vrfs.begin();
+            if (it == vrfs.end()) {
+               break;
             }
-            sortedVrfFor(sorted, *vrfId);
-            for (const auto& [prefix, segmentName] : fwVrf->prefixList()) {
-               b.configured.emplace_back(*vrfId, segmentName);
+            if (pause()) {
+               return false;
+            }
+            b.vrfStarted = true;
+            b.vrfName = it->first;
+            b.fwVrf = it->second;
+            b.vrfId.reset();
+            if (const VrfId* vrfId = l3Status->vrfId(b.vrfName)) {
+               b.vrfId = *vrfId;
+               sortedVrfFor(sorted, *vrfId);
+            }
+            b.walk = {};
+            b.counts.clear();
+         }
+         while (b.vrfId && !b.walk.done) {
+            if (pause()) {
+               return false;
+            }
+            b.walk.step(
+                b.fwVrf->prefixList().members(),
+                [&](const Pexo::IpGenPrefix&, const Zop::String& segmentName) {
+                   ++b.counts[segmentName];
+                },
+                [&] { b.counts.clear(); });
+         }
+         if (b.vrfId) {
+            if (pause()) {
+               return false;
+            }
+            Zop::Ptr<SortedVrfRouteInfo> vrf = sortedVrfFor(sorted, *b.vrfId);
+            for (const auto& [segmentName, count] : b.counts) {
+               sortedSegmentFor(vrf, segmentName)->configuredPrefixInc(count);
             }
          }
-         b.taken = true;
+         b.vrfStarted = false;
       }
-      while (b.next < b.configured.size()) {
-         if (pause()) {
-            return false;
-         }
-         const auto& [vrfId, segmentName] = b.configured[b.next++];
-         sortedSegmentFor(sortedVrfFor(sorted, vrfId), segmentName)->configuredPrefixInc(1);
-      }
-      nextPhase(b, Phase::ids);
+      b.phase = Phase::ids;
+      b.walk = {};
+      b.counts.clear();
+      b.fwVrf = nullptr;
    }
    // Segments with an id, listed even without a prefix.
    if (b.phase == Phase::ids) {
-      if (!b.taken) {
+      while (!b.walk.done) {
          if (pause()) {
             return false;
          }
-         for (const auto& [key, status] : hwIdStatus->status()) {
-            if (l3Status->vrfNameHas(key.vrfId())) {
-               b.ids.push_back(key);
-            }
-         }
-         b.taken = true;
+         b.walk.step(
+             hwIdStatus->status().members(),
+             [&](const SegmentIdRequestKey& key, const SegmentIdStatus&) {
+                if (l3Status->vrfNameHas(key.vrfId())) {
+                   sortedSegmentFor(sortedVrfFor(sorted, key.vrfId()), key.segment());
+                }
+             },
+             nothing);
       }
-      while (b.next < b.ids.size()) {
-         if (pause()) {
-            return false;
-         }
-         const SegmentIdRequestKey& key = b.ids[b.next++];
-         sortedSegmentFor(sortedVrfFor(sorted, key.vrfId()), key.segment());
-      }
-      nextPhase(b, Phase::done);
+      b.phase = Phase::done;
    }
    return true;
 }
@@ -911,7 +988,7 @@ ShowSegmentPrefixInfoSm::ShowSegmentPrefixInfoSm(
 
 ShowSegmentPrefixInfoSm::~ShowSegmentPrefixInfoSm() = default;
 
-bool ShowSegmentPrefixInfoSm::buildSnapshot() {
+bool ShowSegmentPrefixInfoSm::buildSnapshot(const std::function<bool()>& pause) {
    if (!build_) {
       build_ = std::make_unique<SortedPrefixInfoBuild>();
       sortedData_ = sortedSegmentRouteInfoFactory();
@@ -920,7 +997,7 @@ bool ShowSegmentPrefixInfoSm::buildSnapshot() {
       return true;
    }
    return buildSortedSegmentPrefixInfo(*build_, sortedData_, hwIdStatus_, routeInfo_, l3Status_,
-                                       fwConfig_, piecePause(*this));
+                                       fwConfig_, pause);
 }
 
 // ---- ShowSegmentHardwareSummarySm ----
@@ -934,11 +1011,16 @@ void ShowSegmentHardwareSummarySm::handleInitialized() {
 void ShowSegmentHardwareSummarySm::handleAsyncCommand() {
    TRACE8_FN("virtual void Kiv::ShowSegmentHardwareSummarySm::handleAsyncCommand()");
    lumo::Printer& p = printer();
+   const std::function<bool()> pause = piecePause(*this);
+   if (dropping_) {
+      dropThenComplete(*this, sortedData_, dropping_, pause);
+      return;
+   }
    if (!build_) {
       p.start();
    }
    // Built a piece at a time; the listing, a row per segment, in one run.
-   if (!buildSnapshot()) {
+   if (!buildSnapshot(pause)) {
       return;
    }
    Zop::Ptr<SortedVrfRouteInfo> bookmark;
@@ -955,7 +1037,7 @@ void ShowSegmentHardwareSummarySm::handleAsyncCommand() {
                }
                return true;
             });
-   sortedData_ = nullptr;
+   dropThenComplete(*this, sortedData_, dropping_, pause);
 }
 
 // ---- ShowSegmentHardwareDetailSm ----
@@ -971,19 +1053,23 @@ void ShowSegmentHardwareDetailSm::handleInitialized() {
 void ShowSegmentHardwareDetailSm::handleAsyncCommand() {
    TRACE8_FN("virtual void Kiv::ShowSegmentHardwareDetailSm::handleAsyncCommand()");
    lumo::Printer& p = printer();
+   const std::function<bool()> pause = piecePause(*this);
+   if (dropping_) {
+      dropThenComplete(*this, sortedData_, dropping_, pause);
+      return;
+   }
    if (!walk_) {
       p.start();
       vrfBookmark_ = nullptr;
       walk_ = std::make_unique<ShowWalkState>();
    }
    if (!walk_->printing) {
-      if (!buildSnapshot()) {
+      if (!buildSnapshot(pause)) {
          return;
       }
       walk_->printing = true;
       p.startDict("vrfs");
    }
-   const std::function<bool()> pause = piecePause(*this);
    const RowPrinter rows = detailRows(p, routeInfo_);
    VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sortedData_, vrfBookmark_, *walk_};
    walk.run([] {}, [&](const Zop::String& name) { showSegmentHardwareDetailHeader(p, name); },
@@ -991,20 +1077,19 @@ void ShowSegmentHardwareDetailSm::handleAsyncCommand() {
                return listSegments(p, vrfId, segment, sortedData_, hwIdStatus_, l3Status_,
                                    walk_->cursor, pause, rows);
             });
+   dropThenComplete(*this, sortedData_, dropping_, pause);
 }
 
 // ---- ShowSegmentHardwareRoutesSm ----
 
-// The routes snapshot, built a piece at a time: the first run takes the
-// record keys (and makes the VRFs' entries), the next ones sort them a key
-// per piece; then, per outermost key, one piece takes the FIB routes beneath
-// it, and each listed segment prefix beneath it and each of those FIB routes
-// is a piece of its own.
+// The routes snapshot, built a piece at a time: the record keys are taken
+// into a sorted set one hash bucket per piece; then, per outermost key, one
+// piece takes the FIB routes beneath it, and each listed segment prefix
+// beneath it and each of those FIB routes is a piece of its own.
 struct SortedRoutesBuild {
-   enum class Phase { take, sort, outermost, done };
+   enum class Phase { take, outermost, done };
    Phase phase = Phase::take;
-   std::vector<VrfAndIpGenPrefix> taken;
-   size_t next = 0;
+   BucketWalk walk;
    std::set<VrfAndIpGenPrefix> keys;
    // The next key to list; the set is private, so it stays valid.
    std::set<VrfAndIpGenPrefix>::const_iterator at;
@@ -1062,28 +1147,21 @@ bool ShowSegmentHardwareRoutesSm::buildSortedRoutes(SortedRoutesBuild& b,
                                                     const std::function<bool()>& pause) {
    using Phase = SortedRoutesBuild::Phase;
    if (b.phase == Phase::take) {
-      if (pause()) {
-         return false;
-      }
-      b.taken.reserve(routeInfo_->routeInfoCount());
-      std::optional<VrfId> last;
-      for (const auto& [key, info] : routeInfo_->routeInfo()) {
-         b.taken.push_back(key);
-         if (last != key.vrfId()) {
-            sortedVrfFor(sorted, key.vrfId());
-            last = key.vrfId();
-         }
-      }
-      b.phase = Phase::sort;
-   }
-   if (b.phase == Phase::sort) {
-      while (b.next < b.taken.size()) {
+      // The keys (a key seen twice after a rehash is one in the set) and
+      // the VRFs' entries.
+      while (!b.walk.done) {
          if (pause()) {
             return false;
          }
-         b.keys.insert(b.taken[b.next++]);
+         b.walk.step(
+             routeInfo_->routeInfo().members(),
+             [&](const VrfAndIpGenPrefix& key, const KivSegmentRouteInfo&) {
+                if (b.keys.insert(key).second) {
+                   sortedVrfFor(sorted, key.vrfId());
+                }
+             },
+             [] {});
       }
-      b.taken = {};
       b.at = b.keys.begin();
       b.phase = Phase::outermost;
    }
@@ -1102,7 +1180,8 @@ bool ShowSegmentHardwareRoutesSm::buildSortedRoutes(SortedRoutesBuild& b,
          // The outermost key and the keys inside it, which follow it in key
          // order (a prefix's cover comes before it).
          const VrfAndIpGenPrefix& outer = *b.outer;
-         for (; b.at != b.keys.end(); ++b.at) {
+         // Each key goes once listed: the set empties as the build goes on.
+         while (b.at != b.keys.end()) {
             const VrfAndIpGenPrefix& key = *b.at;
             if (key != outer &&
                 !(key.vrfId() == outer.vrfId() && outer.prefix().contains(key.prefix()))) {
@@ -1112,6 +1191,7 @@ bool ShowSegmentHardwareRoutesSm::buildSortedRoutes(SortedRoutesBuild& b,
                return false;
             }
             addSegmentPrefix(key, sorted);
+            b.at = b.keys.erase(b.at);
          }
          while (b.fibNext < b.fibRoutes.size()) {
             if (pause()) {
@@ -1191,6 +1271,11 @@ void ShowSegmentHardwareRoutesSm::addFibRoute(const VrfAndIpGenPrefix& route,
 void ShowSegmentHardwareRoutesSm::handleAsyncCommand() {
    TRACE8_FN("virtual void Kiv::ShowSegmentHardwareRoutesSm::handleAsyncCommand()");
    lumo::Printer& p = printer();
+   const std::function<bool()> pause = piecePause(*this);
+   if (dropping_) {
+      dropThenComplete(*this, sortedData_, dropping_, pause);
+      return;
+   }
    if (!walk_) {
       p.start();
       vrfBookmark_ = nullptr;
@@ -1198,7 +1283,6 @@ void ShowSegmentHardwareRoutesSm::handleAsyncCommand() {
       build_ = std::make_unique<SortedRoutesBuild>();
       walk_ = std::make_unique<ShowWalkState>();
    }
-   const std::function<bool()> pause = piecePause(*this);
    if (!walk_->printing) {
       if (!buildSortedRoutes(*build_, sortedData_, pause)) {
          return;
@@ -1215,6 +1299,7 @@ void ShowSegmentHardwareRoutesSm::handleAsyncCommand() {
                return listSegments(p, vrfId, segment, sortedData_, hwIdStatus_, l3Status_,
                                    walk_->cursor, pause, rows);
             });
+   dropThenComplete(*this, sortedData_, dropping_, pause);
 }
 
 // ---- ShowSegmentHardwareCountersSm ----

@@ -126,6 +126,7 @@ public:
    const std::map<SortedPrefixInfo, bool>& programmedPrefix() const { return programmedPrefix_; }
    void programmedPrefixIs(const SortedPrefixInfo& info, bool v) { programmedPrefix_[info] = v; }
    void programmedPrefixDel(const SortedPrefixInfo& info) { programmedPrefix_.erase(info); }
+   void programmedPrefixDelFirst() { programmedPrefix_.erase(programmedPrefix_.begin()); }
    void programmedPrefixDelAll() { programmedPrefix_.clear(); }
 
 private:
@@ -147,6 +148,7 @@ public:
    void sortedPrefixIs(const Zop::Ptr<SortedSegmentPrefix>& s) {
       sortedPrefix_[s->segmentName()] = s;
    }
+   void sortedPrefixDel(const Zop::String& segmentName) { sortedPrefix_.erase(segmentName); }
 
 private:
    const VrfId vrfId_;
@@ -159,6 +161,7 @@ public:
    const std::map<VrfId, Zop::Ptr<SortedVrfRouteInfo>>& sortedVrf() const { return sortedVrf_; }
    Zop::Ptr<SortedVrfRouteInfo> sortedVrf(VrfId vrfId) const;
    void sortedVrfIs(const Zop::Ptr<SortedVrfRouteInfo>& v) { sortedVrf_[v->vrfId()] = v; }
+   void sortedVrfDel(VrfId vrfId) { sortedVrf_.erase(vrfId); }
 
 private:
    std::map<VrfId, Zop::Ptr<SortedVrfRouteInfo>> sortedVrf_;
@@ -263,7 +266,7 @@ public:
 protected:
    // Builds the snapshot a piece at a time into sortedData_ (a fresh one on
    // the first call); true once it is complete, false when the run paused.
-   bool buildSnapshot();
+   bool buildSnapshot(const std::function<bool()>& pause);
 
    Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
    Zop::Ptr<const SegmentIdResponse> hwIdStatus_;
@@ -273,6 +276,9 @@ protected:
    Zop::String segmentName_;
    Zop::Ptr<SortedSegmentRouteInfo> sortedData_;
    std::unique_ptr<SortedPrefixInfoBuild> build_;
+   // The listing is out; the snapshot is being dropped a piece at a time (a
+   // full table's is a million entries) before the command completes.
+   bool dropping_ = false;
 };
 
 class KIV_EXPORT ShowSegmentHardwareSummarySm : public ShowSegmentPrefixInfoSm {
@@ -350,6 +356,7 @@ private:
    Zop::Ptr<SortedVrfRouteInfo> vrfBookmark_;
    std::unique_ptr<SortedRoutesBuild> build_;
    std::unique_ptr<ShowWalkState> walk_;
+   bool dropping_ = false;
 };
 
 class KIV_EXPORT ShowSegmentHardwareCountersSm : public AsyncCommandSm {
