@@ -1083,9 +1083,12 @@ void ShowSegmentHardwareDetailSm::handleAsyncCommand() {
 // ---- ShowSegmentHardwareRoutesSm ----
 
 // The routes snapshot, built a piece at a time: the record keys are taken
-// into a sorted set one hash bucket per piece; then, per outermost key, one
-// piece takes the FIB routes beneath it, and each listed segment prefix
-// beneath it and each of those FIB routes is a piece of its own.
+// into a sorted set one hash bucket per piece; then, per outermost key, each
+// listed segment prefix beneath it is a piece, each batch of the FIB routes
+// beneath it (up to kFibBatch, in prefix order, after the last one taken) is
+// one, and each of those FIB routes is one.
+constexpr size_t kFibBatch = 1024;
+
 struct SortedRoutesBuild {
    enum class Phase { take, outermost, done };
    Phase phase = Phase::take;
@@ -1093,11 +1096,13 @@ struct SortedRoutesBuild {
    std::set<VrfAndIpGenPrefix> keys;
    // The next key to list; the set is private, so it stays valid.
    std::set<VrfAndIpGenPrefix>::const_iterator at;
-   // The outermost key being listed, and the FIB routes beneath it as they
-   // were when the build reached it.
+   // The outermost key being listed; the batch of FIB routes beneath it
+   // being listed, the last one taken and whether there are no more.
    std::optional<VrfAndIpGenPrefix> outer;
    std::vector<VrfAndIpGenPrefix> fibRoutes;
    size_t fibNext = 0;
+   std::optional<Pexo::IpGenPrefix> fibLast;
+   bool fibDone = false;
 };
 
 ShowSegmentHardwareRoutesSm::ShowSegmentHardwareRoutesSm(
@@ -1175,7 +1180,8 @@ bool ShowSegmentHardwareRoutesSm::buildSortedRoutes(SortedRoutesBuild& b,
                return false;
             }
             b.outer = *b.at;
-            takeFibRoutes(b);
+            b.fibLast.reset();
+            b.fibDone = false;
          }
          // The outermost key and the keys inside it, which follow it in key
          // order (a prefix's cover comes before it).
@@ -1193,11 +1199,22 @@ bool ShowSegmentHardwareRoutesSm::buildSortedRoutes(SortedRoutesBuild& b,
             addSegmentPrefix(key, sorted);
             b.at = b.keys.erase(b.at);
          }
-         while (b.fibNext < b.fibRoutes.size()) {
+         for (;;) {
+            while (b.fibNext < b.fibRoutes.size()) {
+               if (pause()) {
+                  return false;
+               }
+               addFibRoute(b.fibRoutes[b.fibNext++], sorted);
+            }
+            if (b.fibDone) {
+               break;
+            }
             if (pause()) {
                return false;
             }
-            addFibRoute(b.fibRoutes[b.fibNext++], sorted);
+            b.fibRoutes.clear();
+            b.fibNext = 0;
+            takeFibRoutes(b);
          }
          b.outer.reset();
          b.fibRoutes = {};
@@ -1213,26 +1230,44 @@ void ShowSegmentHardwareRoutesSm::takeFibRoutes(SortedRoutesBuild& b) {
    // A FIB route inside a nested segment prefix is also inside the outer
    // one, and the lists are sets, so the FIB routes beneath the outermost
    // segment prefixes alone are the same routes, each once.
+   //
+   // The walk goes in prefix order and starts over at the outermost prefix
+   // each batch: what lies before the last route taken is skipped (whole
+   // subtrees at once, except the ones holding that route), and once the
+   // batch is full the rest is skipped likewise. The FIB may change between
+   // batches; a route is taken as it is when its batch is.
    const VrfAndIpGenPrefix& outer = *b.outer;
    const VrfId vrfId = outer.vrfId();
+   bool full = false;
+   const auto visit = [&](const Pexo::IpGenPrefix& p) {
+      if (full) {
+         return false;
+      }
+      if (b.fibLast && p <= *b.fibLast) {
+         return p.contains(*b.fibLast);
+      }
+      b.fibRoutes.emplace_back(vrfId, p);
+      b.fibLast = p;
+      full = b.fibRoutes.size() >= kFibBatch;
+      return !full;
+   };
    if (outer.prefix().isIpv4()) {
       Zop::Ptr<const Routing::Trie> fibTrie = routeStatus_->fibTrie(vrfId);
-      if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
-         return;  // The VRF is gone, and its FIB routes with it.
+      if (fibTrie || l3Status_->vrfNameHas(vrfId)) {
+         ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
+         fibTrie->preOrderWalk(outer.prefix().v4(),
+                               [&](const Pexo::Prefix& p) { return visit(Pexo::IpGenPrefix(p)); });
       }
-      ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
-      fibTrie->preOrderWalk(outer.prefix().v4(), [&](const Pexo::Prefix& p) {
-         b.fibRoutes.emplace_back(vrfId, Pexo::IpGenPrefix(p));
-      });
    } else {
       Zop::Ptr<const Routing6::Trie> fibTrie = route6Status_->fibTrie(vrfId);
-      if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
-         return;
+      if (fibTrie || l3Status_->vrfNameHas(vrfId)) {
+         ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
+         fibTrie->preOrderWalk(outer.prefix(), visit);
       }
-      ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
-      fibTrie->preOrderWalk(
-          outer.prefix(), [&](const Pexo::IpGenPrefix& p) { b.fibRoutes.emplace_back(vrfId, p); });
    }
+   // A VRF that is gone took its FIB routes with it; a walk that did not
+   // fill its batch has taken the last route.
+   b.fibDone = !full;
 }
 
 void ShowSegmentHardwareRoutesSm::addSegmentPrefix(const VrfAndIpGenPrefix& key,

@@ -20,31 +20,35 @@
 // so both the building and the printing go a piece at a time: before each
 // piece the command asks the scheduler (Ruv::taskShouldYield()) and, told to
 // give the thread back, pauses (AgentAsyncCommandRequestSm::pauseRun) and
-// goes on next run from its bookmark. The pieces: for routes, taking the
-// record keys, sorting one key, taking the FIB routes beneath one outermost
-// segment prefix, listing one segment prefix or one FIB route; for detail
-// and summary, taking one list (the records, the configured prefixes, the
-// segments with an id) and then one entry of it; when printing, one
-// segment's start or one row. A pause never changes the output: the command
-// prints exactly what it would have printed in one run from the same
-// snapshot. (Detail and routes also stop between VRFs when their own budget,
-// time or output, is spent, and then print that VRF once more on the next
-// run, as they always have; a pause is not a new run for that budget.)
+// goes on next run from its bookmark. The pieces: for routes, one hash
+// bucket of the records taken into a sorted key set, then one listed segment
+// prefix, one batch of FIB routes taken (at most 1,024), or one FIB route
+// listed; for detail and summary, one hash bucket of the records, of a
+// firewall VRF's configured prefixes or of the id grants; when printing, one
+// segment's start or one row; at the end, one snapshot entry dropped (the
+// command completes once its snapshot is gone). A pause never changes the
+// output: the command prints exactly what it would have printed in one run
+// from the same snapshot. (Detail and routes also stop between VRFs when
+// their own budget, time or output, is spent, and then print that VRF once
+// more on the next run, as they always have; a pause is not a new run for
+// that budget.)
 //
 // What a reader sees when the table changes while a command is between
-// runs: the first run takes the list of installed segment prefixes (the
-// record keys) and the VRFs they are in; nothing installed later is listed.
-// Everything else is read live when the build reaches it, and once taken it
-// is never refreshed: for routes, in VRF and prefix order, each outermost
-// listed prefix brings the FIB routes beneath it at that moment; then each
-// listed prefix beneath it (itself included) that is still installed when
-// reached is listed under the segment owning its record's id, and each of
-// those FIB routes under the segment owning the id hardware gives it when
-// reached (one no longer in hardware then has no id and is left out). For
-// detail and summary, each listed record still installed when reached, then
-// the configured prefixes and the segments with an id as they are when the
-// build reaches each list. VRF and segment names and ids are read when
-// printed, as before.
+// runs: the snapshot is taken a piece at a time, each piece as the live
+// state is when the build reaches it, and a piece once taken is never
+// refreshed. The records are walked bucket by bucket: a record installed or
+// removed meanwhile may or may not be listed (a rehash makes the walk start
+// over, and for routes a key once taken stays taken). Routes then goes in
+// VRF and prefix order through those keys, outermost first: each segment
+// prefix still installed when reached is listed under the segment owning its
+// record's id, and the FIB routes beneath the outermost one are taken in
+// prefix order a batch at a time, each listed under the segment owning the
+// id hardware gives it when listed (one no longer in hardware then has no id
+// and is left out). Detail and summary list each record as it is when its
+// bucket is walked, count a firewall VRF's configured prefixes bucket by
+// bucket (starting over if its list rehashes), and list
+// the segments with an id as the grants are when walked. VRF and segment
+// names and ids are read when printed, as before.
 //
 // Counters: the firewall's counts are free running, and clear must not touch
 // the hardware; the root keeps a baseline tree (snapshot), clear copies the
@@ -335,7 +339,8 @@ private:
    // `sorted` is complete.
    bool buildSortedRoutes(SortedRoutesBuild& build, const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
                           const std::function<bool()>& pause);
-   // The FIB routes beneath the build's outermost key, as they are now.
+   // The next batch of the FIB routes beneath the build's outermost key, as
+   // they are now.
    void takeFibRoutes(SortedRoutesBuild& build);
    // One segment prefix, one FIB route into `sorted`, as they are now.
    void addSegmentPrefix(const VrfAndIpGenPrefix& key,

@@ -175,3 +175,46 @@ TEST_F(CliPieces, PausesLeaveTheCommandsOwnBudgetWhereItWas) {
 }
 
 }  // namespace
+
+// An outermost segment prefix over more FIB routes than one batch takes: the
+// batches resume after the last route taken, through nested FIB routes and
+// nested segment prefixes, and list every route once.
+TEST_F(CliPieces, FibRoutesBeneathOnePrefixAreTakenInBatchesThatResume) {
+   run("vrf red id 1");
+   run("gen fib red 2500 10.200.0.0/24");
+   for (const char* p :
+        {"10.201.0.0/16", "10.203.0.0/17", "10.203.128.0/18", "10.192.0.0/12", "10.207.255.0/25"}) {
+      run(std::string("fib red ") + p + " adj 7");
+   }
+   run("prefix red 10.192.0.0/12 wide");
+   run("prefix red 10.201.0.0/16 narrow");
+   run("prefix red 10.203.128.0/20 narrow");
+   run("prefix red 10.208.0.0/16 other");
+   run("firewall on");
+   run("settle");
+   ASSERT_TRUE(sc_->sw().check().empty());
+   for (lumo::Format format : {lumo::Format::text, lumo::Format::json}) {
+      everyItemIs(false);
+      const Served whole = serve("HardwareRoutes##", format);
+      everyItemIs(true);
+      const Served pieces = serve("HardwareRoutes##", format);
+      EXPECT_EQ(pieces.out, whole.out);
+      EXPECT_GT(pieces.runs, 2500u);
+   }
+   // 10.192.0.0/12 holds the /24s up to 10.207.255.0 and the nested routes:
+   // more than two batches.
+   everyItemIs(true);
+   const std::string text = serve("HardwareRoutes#red#", lumo::Format::text).out;
+   size_t rows = 0;
+   for (size_t at = text.find("/24 "); at != std::string::npos; at = text.find("/24 ", at + 1)) {
+      ++rows;
+   }
+   // The 2,048 of them beneath 10.192.0.0/12 and the 256 beneath
+   // 10.208.0.0/16; the ones beyond are beneath no segment prefix.
+   EXPECT_EQ(rows, 2304u);
+   EXPECT_EQ(text.find("10.209.0.0/24"), std::string::npos);
+   for (const char* route : {"10.200.0.0/24", "10.207.255.0/24", "10.207.255.0/25",
+                             "10.203.128.0/18", "10.208.0.0/24"}) {
+      EXPECT_NE(text.find(std::string(route) + " "), std::string::npos) << route;
+   }
+}
