@@ -1226,48 +1226,98 @@ bool ShowSegmentHardwareRoutesSm::buildSortedRoutes(SortedRoutesBuild& b,
    return true;
 }
 
+namespace {
+
+// Thrown by a walk's callback once a batch is full: a trie walk cannot stop
+// otherwise, and a batch must not pay for the routes after it.
+struct BatchFull {};
+
+using U128 = unsigned __int128;
+
+U128 addressBits(const Pexo::IpGenPrefix& p) {
+   if (p.isIpv4()) {
+      return U128(p.v4().addr().value()) << 96;
+   }
+   const Pexo::Ip6Addr a = p.v6().addr();
+   return (U128(a.hi()) << 64) | a.lo();
+}
+
+// Bit `i` (0 the first) of the prefix's address.
+bool bitAt(const Pexo::IpGenPrefix& p, unsigned i) {
+   return ((addressBits(p) >> (127 - i)) & 1) != 0;
+}
+
+// The first `i` bits of `p` followed by a 1, of length i + 1: the branch
+// beside the one `p` lies on, after it in prefix order.
+Pexo::IpGenPrefix rightSibling(const Pexo::IpGenPrefix& p, unsigned i) {
+   const U128 top = i == 0 ? U128(0) : addressBits(p) & (~U128(0) << (128 - i));
+   const U128 bits = top | (U128(1) << (127 - i));
+   if (p.isIpv4()) {
+      return Pexo::Prefix(Pexo::IpAddr(uint32_t(bits >> 96)), i + 1);
+   }
+   return Pexo::Ip6Prefix(Pexo::Ip6Addr(uint64_t(bits >> 64), uint64_t(bits)), i + 1);
+}
+
+}  // namespace
+
 void ShowSegmentHardwareRoutesSm::takeFibRoutes(SortedRoutesBuild& b) {
    // A FIB route inside a nested segment prefix is also inside the outer
    // one, and the lists are sets, so the FIB routes beneath the outermost
    // segment prefixes alone are the same routes, each once.
    //
-   // The walk goes in prefix order and starts over at the outermost prefix
-   // each batch: what lies before the last route taken is skipped (whole
-   // subtrees at once, except the ones holding that route), and once the
-   // batch is full the rest is skipped likewise. The FIB may change between
-   // batches; a route is taken as it is when its batch is.
+   // A batch goes on in prefix order after the last route taken, L: first
+   // what lies inside L, then, from the deepest up to the outermost prefix,
+   // each branch beside L's path that comes after it; so a batch walks only
+   // what it takes. The FIB may change between batches; a route is taken as
+   // it is when its batch is.
    const VrfAndIpGenPrefix& outer = *b.outer;
    const VrfId vrfId = outer.vrfId();
-   bool full = false;
+   const Pexo::IpGenPrefix& o = outer.prefix();
+   const std::optional<Pexo::IpGenPrefix> last = b.fibLast;
    const auto visit = [&](const Pexo::IpGenPrefix& p) {
-      if (full) {
-         return false;
-      }
-      if (b.fibLast && p <= *b.fibLast) {
-         return p.contains(*b.fibLast);
+      if (last && p == *last) {
+         return true;
       }
       b.fibRoutes.emplace_back(vrfId, p);
       b.fibLast = p;
-      full = b.fibRoutes.size() >= kFibBatch;
-      return !full;
+      if (b.fibRoutes.size() >= kFibBatch) {
+         throw BatchFull{};
+      }
+      return true;
    };
-   if (outer.prefix().isIpv4()) {
-      Zop::Ptr<const Routing::Trie> fibTrie = routeStatus_->fibTrie(vrfId);
-      if (fibTrie || l3Status_->vrfNameHas(vrfId)) {
+   const auto walk = [&](const Pexo::IpGenPrefix& from) {
+      if (o.isIpv4()) {
+         Zop::Ptr<const Routing::Trie> fibTrie = routeStatus_->fibTrie(vrfId);
+         if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
+            return;  // The VRF is gone, and its FIB routes with it.
+         }
          ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
-         fibTrie->preOrderWalk(outer.prefix().v4(),
+         fibTrie->preOrderWalk(from.v4(),
                                [&](const Pexo::Prefix& p) { return visit(Pexo::IpGenPrefix(p)); });
-      }
-   } else {
-      Zop::Ptr<const Routing6::Trie> fibTrie = route6Status_->fibTrie(vrfId);
-      if (fibTrie || l3Status_->vrfNameHas(vrfId)) {
+      } else {
+         Zop::Ptr<const Routing6::Trie> fibTrie = route6Status_->fibTrie(vrfId);
+         if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
+            return;
+         }
          ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
-         fibTrie->preOrderWalk(outer.prefix(), visit);
+         fibTrie->preOrderWalk(from, visit);
       }
+   };
+   try {
+      if (!last) {
+         walk(o);
+      } else {
+         walk(*last);
+         for (unsigned i = last->len(); i-- > o.len();) {
+            if (!bitAt(*last, i)) {
+               walk(rightSibling(*last, i));
+            }
+         }
+      }
+   } catch (const BatchFull&) {
+      return;
    }
-   // A VRF that is gone took its FIB routes with it; a walk that did not
-   // fill its batch has taken the last route.
-   b.fibDone = !full;
+   b.fibDone = true;
 }
 
 void ShowSegmentHardwareRoutesSm::addSegmentPrefix(const VrfAndIpGenPrefix& key,
