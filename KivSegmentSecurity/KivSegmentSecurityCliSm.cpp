@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
+#include <optional>
 #include <ostream>
+#include <set>
 #include <vector>
 
 #include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
+#include "Ruv/TaskScheduler.h"
 #include "Zop/Error.h"
 
 #include "KivSegmentSecurity/KivSegmentSecurityTrace.h"
@@ -79,23 +83,207 @@ std::optional<SegmentView> resolveSegment(VrfId vrfId, const Zop::String& segmen
    return SegmentView{segment, status->hwId};
 }
 
+// A piece-at-a-time question: the scheduler is asked before each piece, and
+// a yes pauses the command's run (see the header comment). The first piece of
+// a run always goes ahead, so every run makes progress.
+std::function<bool()> piecePause(AsyncCommandSm& sm) {
+   return [&sm, progressed = false]() mutable {
+      const bool yield = Ruv::taskShouldYield();
+      if (yield && progressed) {
+         sm.pauseRun();
+         return true;
+      }
+      progressed = true;
+      return false;
+   };
+}
+
+// For the paths that build or print in one go.
+bool neverPause() {
+   return false;
+}
+
+using SegmentMap = std::map<Zop::String, Zop::Ptr<SortedSegmentPrefix>>;
+using RowMap = std::map<SortedPrefixInfo, bool>;
+
+// Where a listing of one VRF's segments stands. The snapshot is private and
+// never changes once built, so its iterators stay valid across runs.
+struct SegmentCursor {
+   bool active = false;
+   Zop::Ptr<SortedVrfRouteInfo> vrf;
+   SegmentMap::const_iterator segment;
+   SegmentMap::const_iterator end;
+   // Inside a segment: its entry is open and `row` is the next row.
+   bool inSegment = false;
+   RowMap::const_iterator row;
+   bool firstRow = true;
+   SegmentHwId hwId;
+};
+
+// One programmed prefix of a segment; `first` is the segment's first row,
+// which carries its name and id.
+using RowPrinter =
+    std::function<void(const Zop::String& segmentName, uint32_t hwId, const SortedPrefixInfo& info,
+                       const Zop::String& prefix, bool first)>;
+
 // Detail and routes share their row layout: name and id on the first row
 // only, then one row per programmed prefix with a last column of their own.
-template <class LastColumn>
-void showSegmentPrefixes(lumo::Printer& printer, const Zop::String& segmentName,
-                         const SegmentView& view, const char* firstRow, const char* nextRow,
-                         LastColumn&& lastColumn) {
-   printer.startDictEntry(lumo::StrAttr{"segmentName", segmentName});
-   printer.addAttributesJson({lumo::U32Attr{"hardwareId", view.hwId.value()}});
-   printer.startDict("prefixes");
-   bool first = true;
-   for (const auto& [info, present] : view.segment->programmedPrefix()) {
-      const Zop::String prefix = prefixText(info);
-      lastColumn(info, prefix, first ? firstRow : nextRow, first);
-      first = false;
+// Lists the segments of `vrfId` in the snapshot (only `only` when given) from
+// where `c` stands, asking `pause` before each segment and each row but a
+// segment's first; false when it paused (`c` then holds the place).
+bool listSegments(lumo::Printer& printer, VrfId vrfId, const Zop::String* only,
+                  const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                  const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                  const Zop::Ptr<const L3Status>& l3Status, SegmentCursor& c,
+                  const std::function<bool()>& pause, const RowPrinter& row) {
+   if (!c.active) {
+      c = SegmentCursor{};
+      c.vrf = sorted->sortedVrf(vrfId);
+      if (!c.vrf) {
+         return true;
+      }
+      c.active = true;
+      const SegmentMap& segments = c.vrf->sortedPrefix();
+      if (only) {
+         c.segment = segments.find(*only);
+         c.end = c.segment == segments.end() ? c.segment : std::next(c.segment);
+      } else {
+         c.segment = segments.begin();
+         c.end = segments.end();
+      }
    }
-   printer.endDict();
+   while (c.segment != c.end) {
+      const Zop::String& name = c.segment->first;
+      if (!c.inSegment) {
+         if (pause()) {
+            return false;
+         }
+         auto view = resolveSegment(vrfId, name, sorted, hwIdStatus, l3Status);
+         if (!view) {
+            ++c.segment;
+            continue;
+         }
+         printer.startDictEntry(lumo::StrAttr{"segmentName", name});
+         printer.addAttributesJson({lumo::U32Attr{"hardwareId", view->hwId.value()}});
+         printer.startDict("prefixes");
+         c.inSegment = true;
+         c.hwId = view->hwId;
+         c.row = view->segment->programmedPrefix().begin();
+         c.firstRow = true;
+      }
+      const RowMap& rows = c.segment->second->programmedPrefix();
+      for (; c.row != rows.end(); ++c.row) {
+         if (!c.firstRow && pause()) {
+            return false;
+         }
+         row(name, c.hwId.value(), c.row->first, prefixText(c.row->first), c.firstRow);
+         c.firstRow = false;
+      }
+      printer.endDict();
+      printer.endDictEntry();
+      c.inSegment = false;
+      ++c.segment;
+   }
+   c = SegmentCursor{};
+   return true;
+}
+
+// Empties a snapshot a piece (one row, one segment, one VRF) at a time;
+// true once it is empty.
+bool dropSorted(const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                const std::function<bool()>& pause) {
+   while (!sorted->sortedVrf().empty()) {
+      const auto& [vrfId, vrf] = *sorted->sortedVrf().begin();
+      while (!vrf->sortedPrefix().empty()) {
+         const auto& [name, segment] = *vrf->sortedPrefix().begin();
+         while (!segment->programmedPrefix().empty()) {
+            if (pause()) {
+               return false;
+            }
+            segment->programmedPrefixDelFirst();
+         }
+         vrf->sortedPrefixDel(Zop::String(name));
+      }
+      sorted->sortedVrfDel(VrfId(vrfId));
+   }
+   return true;
+}
+
+// A command whose listing has just completed drops its snapshot before it
+// says so; `dropping` remembers that across runs.
+void dropThenComplete(AsyncCommandSm& sm, Zop::Ptr<SortedSegmentRouteInfo>& sorted, bool& dropping,
+                      const std::function<bool()>& pause) {
+   if (!dropping) {
+      if (!sm.executionCompleted()) {
+         return;
+      }
+      sm.executionCompletedIs(false);
+      dropping = true;
+   }
+   if (sorted && !dropSorted(sorted, pause)) {
+      return;
+   }
+   sorted = nullptr;
+   sm.executionCompletedIs(true);
+}
+
+void detailRow(lumo::Printer& printer, const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+               const Zop::String& segmentName, uint32_t hwId, const SortedPrefixInfo& info,
+               const Zop::String& prefix, bool first) {
+   const KivSegmentRouteInfo* record = routeInfo->routeInfoFind(info.vrfPrefix());
+   const uint64_t adj = record ? record->routeInfo().adjIndex() : 0;
+   if (first) {
+      printer.addFrills("%-20s %-15u %-39s %-15llu\n", segmentName.c_str(), hwId, prefix.c_str(),
+                        static_cast<unsigned long long>(adj));
+   } else {
+      printer.addFrills("%-20s %-15s %-39s %-15llu\n", "", "", prefix.c_str(),
+                        static_cast<unsigned long long>(adj));
+   }
+   // A prefix recorded with no route of its own (waiting for the resolver's
+   // answer, or for a withdrawn FIB route's entry to go) is not in hardware:
+   // said under its row and in its entry, the rows keeping their format.
+   const bool notInHardware =
+       record && record->routeInfo().routeType() == RouteType::routeTypeInvalid;
+   if (notInHardware) {
+      printer.addFrills("%-20s %-15s %s\n", "", "", "(recorded, not in hardware)");
+   }
+   printer.startDictEntry(lumo::StrAttr{"prefix", prefix});
+   if (notInHardware) {
+      printer.addAttributesJson(
+          {lumo::U64Attr{"l2AdjIndex", adj}, lumo::StrAttr{"hardware", "not installed"}});
+   } else {
+      printer.addAttributesJson({lumo::U64Attr{"l2AdjIndex", adj}});
+   }
    printer.endDictEntry();
+}
+
+void routesRow(lumo::Printer& printer, const Zop::String& segmentName, uint32_t hwId,
+               const SortedPrefixInfo& info, const Zop::String& prefix, bool first) {
+   const char* letter = segmentRouteTypeLetter(info.routeType());
+   if (first) {
+      printer.addFrills("%-20s %-15u %-39s %-10s\n", segmentName.c_str(), hwId, prefix.c_str(),
+                        letter);
+   } else {
+      printer.addFrills("%-20s %-15s %-39s %-10s\n", "", "", prefix.c_str(), letter);
+   }
+   printer.startDictEntry(lumo::StrAttr{"prefix", prefix});
+   printer.addAttributesJson({lumo::StrAttr{"routeType", letter}});
+   printer.endDictEntry();
+}
+
+RowPrinter detailRows(lumo::Printer& printer,
+                      const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo) {
+   return
+       [&printer, routeInfo](const Zop::String& segmentName, uint32_t hwId,
+                             const SortedPrefixInfo& info, const Zop::String& prefix, bool first) {
+          detailRow(printer, routeInfo, segmentName, hwId, info, prefix, first);
+       };
+}
+
+RowPrinter routesRows(lumo::Printer& printer) {
+   return [&printer](const Zop::String& segmentName, uint32_t hwId, const SortedPrefixInfo& info,
+                     const Zop::String& prefix,
+                     bool first) { routesRow(printer, segmentName, hwId, info, prefix, first); };
 }
 
 }  // namespace
@@ -232,37 +420,170 @@ Zop::Ptr<SortedSegmentPrefix> getSortedPrefixListForSegment(
    return sortedSegmentFor(vrfRoutes, key->segment());
 }
 
+namespace {
+
+// A walk over a hash map that can stop after any bucket and go on in a later
+// run. The map may change in between, so the bookmark is a bucket number,
+// never an iterator: an entry added meanwhile may or may not be seen, one
+// removed before its bucket is reached is not. When the map rehashes (its
+// bucket count changes) the walk starts over after calling `restart`, so an
+// entry may be seen twice: what the walk does with one must not mind, or
+// `restart` must undo it.
+struct BucketWalk {
+   size_t bucket = 0;
+   size_t buckets = 0;
+   bool done = false;
+
+   // One bucket: f(key, value) for each entry in it.
+   template <class Map, class F, class Restart>
+   void step(const Map& map, F&& f, Restart&& restart) {
+      if (buckets != map.bucket_count()) {
+         if (buckets != 0) {
+            restart();
+         }
+         buckets = map.bucket_count();
+         bucket = 0;
+      }
+      if (bucket < buckets) {
+         for (auto it = map.begin(bucket); it != map.end(bucket); ++it) {
+            f(it->first, it->second);
+         }
+         ++bucket;
+      }
+      done = bucket >= buckets;
+   }
+};
+
+}  // namespace
+
+// The summary and detail snapshot, built a piece at a time (one bucket of a
+// hash map per piece): the records, then each firewall VRF's configured
+// prefixes, then the segments with an id.
+struct SortedPrefixInfoBuild {
+   enum class Phase { records, configured, ids, done };
+   Phase phase = Phase::records;
+   BucketWalk walk;
+   // The firewall VRF being counted (its entry kept alive), its VRF id when
+   // it has one, and its counts so far per segment.
+   bool vrfStarted = false;
+   L3::VrfName vrfName;
+   Zop::Ptr<Firewall::FwVrf> fwVrf;
+   std::optional<VrfId> vrfId;
+   std::map<Zop::String, uint32_t> counts;
+};
+
+namespace {
+
+// True once `sorted` is complete; false when `pause` stopped it.
+bool buildSortedSegmentPrefixInfo(SortedPrefixInfoBuild& b,
+                                  const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                                  const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
+                                  const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                                  const Zop::Ptr<const L3Status>& l3Status,
+                                  const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
+                                  const std::function<bool()>& pause) {
+   using Phase = SortedPrefixInfoBuild::Phase;
+   const auto nothing = [] {};
+   // Programmed prefixes: each record, under the segment that owns its id.
+   if (b.phase == Phase::records) {
+      while (!b.walk.done) {
+         if (pause()) {
+            return false;
+         }
+         b.walk.step(
+             routeInfo->routeInfo().members(),
+             [&](const VrfAndIpGenPrefix& key, const KivSegmentRouteInfo& info) {
+                Zop::Ptr<SortedVrfRouteInfo> vrf = sortedVrfFor(sorted, key.vrfId());
+                if (const SegmentIdRequestKey* owner = hwIdStatus->hwIdKey(info.hwId())) {
+                   sortedSegmentFor(vrf, owner->segment())
+                       ->programmedPrefixIs(SortedPrefixInfo(key, routeTypeSegmentOnly), true);
+                }
+             },
+             nothing);
+      }
+      b.phase = Phase::configured;
+      b.walk = {};
+   }
+   // Configured prefixes, counted per segment, one firewall VRF after the
+   // other in name order; a VRF's counts go in once it is walked whole.
+   if (b.phase == Phase::configured) {
+      const auto& vrfs = fwConfig->vrf().members();
+      for (;;) {
+         if (!b.vrfStarted) {
+            auto it = b.fwVrf ? vrfs.upper_bound(b.vrfName) : vrfs.begin();
+            if (it == vrfs.end()) {
+               break;
+            }
+            if (pause()) {
+               return false;
+            }
+            b.vrfStarted = true;
+            b.vrfName = it->first;
+            b.fwVrf = it->second;
+            b.vrfId.reset();
+            if (const VrfId* vrfId = l3Status->vrfId(b.vrfName)) {
+               b.vrfId = *vrfId;
+               sortedVrfFor(sorted, *vrfId);
+            }
+            b.walk = {};
+            b.counts.clear();
+         }
+         while (b.vrfId && !b.walk.done) {
+            if (pause()) {
+               return false;
+            }
+            b.walk.step(
+                b.fwVrf->prefixList().members(),
+                [&](const Pexo::IpGenPrefix&, const Zop::String& segmentName) {
+                   ++b.counts[segmentName];
+                },
+                [&] { b.counts.clear(); });
+         }
+         if (b.vrfId) {
+            if (pause()) {
+               return false;
+            }
+            Zop::Ptr<SortedVrfRouteInfo> vrf = sortedVrfFor(sorted, *b.vrfId);
+            for (const auto& [segmentName, count] : b.counts) {
+               sortedSegmentFor(vrf, segmentName)->configuredPrefixInc(count);
+            }
+         }
+         b.vrfStarted = false;
+      }
+      b.phase = Phase::ids;
+      b.walk = {};
+      b.counts.clear();
+      b.fwVrf = nullptr;
+   }
+   // Segments with an id, listed even without a prefix.
+   if (b.phase == Phase::ids) {
+      while (!b.walk.done) {
+         if (pause()) {
+            return false;
+         }
+         b.walk.step(
+             hwIdStatus->status().members(),
+             [&](const SegmentIdRequestKey& key, const SegmentIdStatus&) {
+                if (l3Status->vrfNameHas(key.vrfId())) {
+                   sortedSegmentFor(sortedVrfFor(sorted, key.vrfId()), key.segment());
+                }
+             },
+             nothing);
+      }
+      b.phase = Phase::done;
+   }
+   return true;
+}
+
+}  // namespace
+
 void getSortedSegmentPrefixInfo(const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
                                 const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
                                 const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
                                 const Zop::Ptr<const L3Status>& l3Status,
                                 const Zop::Ptr<const Firewall::HwConfig>& fwConfig) {
-   // Programmed prefixes.
-   for (const auto& [key, info] : routeInfo->routeInfo()) {
-      Zop::Ptr<SortedVrfRouteInfo> vrf = sortedVrfFor(sorted, key.vrfId());
-      if (const SegmentIdRequestKey* owner = hwIdStatus->hwIdKey(info.hwId())) {
-         sortedSegmentFor(vrf, owner->segment())
-             ->programmedPrefixIs(SortedPrefixInfo(key, routeTypeSegmentOnly), true);
-      }
-   }
-   // Configured prefixes.
-   for (const auto& [vrfName, fwVrf] : fwConfig->vrf()) {
-      const VrfId* vrfId = l3Status->vrfId(vrfName);
-      if (!vrfId) {
-         continue;
-      }
-      Zop::Ptr<SortedVrfRouteInfo> vrf = sortedVrfFor(sorted, *vrfId);
-      for (const auto& [prefix, segmentName] : fwVrf->prefixList()) {
-         sortedSegmentFor(vrf, segmentName)->configuredPrefixInc(1);
-      }
-   }
-   // Segments with an id, listed even without a prefix.
-   for (const auto& [key, status] : hwIdStatus->status()) {
-      if (!l3Status->vrfNameHas(key.vrfId())) {
-         continue;
-      }
-      sortedSegmentFor(sortedVrfFor(sorted, key.vrfId()), key.segment());
-   }
+   SortedPrefixInfoBuild b;
+   buildSortedSegmentPrefixInfo(b, sorted, hwIdStatus, routeInfo, l3Status, fwConfig, neverPause);
 }
 
 // ---- Printers ----
@@ -320,41 +641,9 @@ void showSegmentHardwareDetail(lumo::Printer& printer, VrfId vrfId, const Zop::S
                                const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
                                const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
                                const Zop::Ptr<const L3Status>& l3Status) {
-   auto view = resolveSegment(vrfId, segmentName, sorted, hwIdStatus, l3Status);
-   if (!view) {
-      return;
-   }
-   const uint32_t hwId = view->hwId.value();
-   showSegmentPrefixes(
-       printer, segmentName, *view, "%-20s %-15u %-39s %-15llu\n", "%-20s %-15s %-39s %-15llu\n",
-       [&](const SortedPrefixInfo& info, const Zop::String& prefix, const char*, bool first) {
-          const KivSegmentRouteInfo* record = routeInfo->routeInfoFind(info.vrfPrefix());
-          const uint64_t adj = record ? record->routeInfo().adjIndex() : 0;
-          if (first) {
-             printer.addFrills("%-20s %-15u %-39s %-15llu\n", segmentName.c_str(), hwId,
-                               prefix.c_str(), static_cast<unsigned long long>(adj));
-          } else {
-             printer.addFrills("%-20s %-15s %-39s %-15llu\n", "", "", prefix.c_str(),
-                               static_cast<unsigned long long>(adj));
-          }
-          // A prefix recorded with no route of its own (waiting for the
-          // resolver's answer, or for a withdrawn FIB route's entry to go) is
-          // not in hardware: said under its row and in its entry, the rows
-          // keeping their format.
-          const bool notInHardware =
-              record && record->routeInfo().routeType() == RouteType::routeTypeInvalid;
-          if (notInHardware) {
-             printer.addFrills("%-20s %-15s %s\n", "", "", "(recorded, not in hardware)");
-          }
-          printer.startDictEntry(lumo::StrAttr{"prefix", prefix});
-          if (notInHardware) {
-             printer.addAttributesJson(
-                 {lumo::U64Attr{"l2AdjIndex", adj}, lumo::StrAttr{"hardware", "not installed"}});
-          } else {
-             printer.addAttributesJson({lumo::U64Attr{"l2AdjIndex", adj}});
-          }
-          printer.endDictEntry();
-       });
+   SegmentCursor c;
+   listSegments(printer, vrfId, &segmentName, sorted, hwIdStatus, l3Status, c, neverPause,
+                detailRows(printer, routeInfo));
 }
 
 void showSegmentHardwareRoutes(lumo::Printer& printer, VrfId vrfId, const Zop::String& segmentName,
@@ -362,25 +651,9 @@ void showSegmentHardwareRoutes(lumo::Printer& printer, VrfId vrfId, const Zop::S
                                const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
                                const Zop::Ptr<const KivSegmentRouteInfoColl>&,
                                const Zop::Ptr<const L3Status>& l3Status) {
-   auto view = resolveSegment(vrfId, segmentName, sorted, hwIdStatus, l3Status);
-   if (!view) {
-      return;
-   }
-   const uint32_t hwId = view->hwId.value();
-   showSegmentPrefixes(
-       printer, segmentName, *view, "%-20s %-15u %-39s %-10s\n", "%-20s %-15s %-39s %-10s\n",
-       [&](const SortedPrefixInfo& info, const Zop::String& prefix, const char*, bool first) {
-          const char* letter = segmentRouteTypeLetter(info.routeType());
-          if (first) {
-             printer.addFrills("%-20s %-15u %-39s %-10s\n", segmentName.c_str(), hwId,
-                               prefix.c_str(), letter);
-          } else {
-             printer.addFrills("%-20s %-15s %-39s %-10s\n", "", "", prefix.c_str(), letter);
-          }
-          printer.startDictEntry(lumo::StrAttr{"prefix", prefix});
-          printer.addAttributesJson({lumo::StrAttr{"routeType", letter}});
-          printer.endDictEntry();
-       });
+   SegmentCursor c;
+   listSegments(printer, vrfId, &segmentName, sorted, hwIdStatus, l3Status, c, neverPause,
+                routesRows(printer));
 }
 
 namespace {
@@ -414,19 +687,19 @@ void showVrfHardwareDetail(lumo::Printer& printer, VrfId vrfId,
                            const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
                            const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
                            const Zop::Ptr<const L3Status>& l3Status) {
-   forEachSegment(vrfId, sorted, [&](const Zop::String& name) {
-      showSegmentHardwareDetail(printer, vrfId, name, sorted, hwIdStatus, routeInfo, l3Status);
-   });
+   SegmentCursor c;
+   listSegments(printer, vrfId, nullptr, sorted, hwIdStatus, l3Status, c, neverPause,
+                detailRows(printer, routeInfo));
 }
 
 void showVrfHardwareRoutes(lumo::Printer& printer, VrfId vrfId,
                            const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
                            const Zop::Ptr<const SegmentIdResponse>& hwIdStatus,
-                           const Zop::Ptr<const KivSegmentRouteInfoColl>& routeInfo,
+                           const Zop::Ptr<const KivSegmentRouteInfoColl>&,
                            const Zop::Ptr<const L3Status>& l3Status) {
-   forEachSegment(vrfId, sorted, [&](const Zop::String& name) {
-      showSegmentHardwareRoutes(printer, vrfId, name, sorted, hwIdStatus, routeInfo, l3Status);
-   });
+   SegmentCursor c;
+   listSegments(printer, vrfId, nullptr, sorted, hwIdStatus, l3Status, c, neverPause,
+                routesRows(printer));
 }
 
 // ---- Counters ----
@@ -577,11 +850,28 @@ void showVrfHardwareCounters(lumo::Printer& printer, const L3::VrfName& vrfName,
 
 // ---- The detail and routes walk ----
 
+// Where the printing of a detail or routes command stands between runs.
+struct ShowWalkState {
+   // The vrfs dictionary is open: the snapshot is built.
+   bool printing = false;
+   // One VRF named: its entry is open, and the VRF's id when known.
+   bool singleStarted = false;
+   std::optional<VrfId> singleVrf;
+   // Paused inside the listing of the bookmarked VRF (its entry is open).
+   bool inVrf = false;
+   // The run, pauses aside, began by printing the bookmarked VRF once more
+   // (at startVrf).
+   bool resumedAtBookmark = false;
+   std::optional<VrfId> startVrf;
+   SegmentCursor cursor;
+};
+
 namespace {
 
-// The walk both resumable commands share; `header`, `showSegment` and
-// `showVrf` print their own command's pieces, `legend` prints the routes
-// legend (nothing for detail).
+// The walk the three show commands share; `header` prints their own title,
+// `legend` the routes legend (nothing for the others), and `list` one VRF's
+// segments (only the named one when given) from where the walk's cursor
+// stands, false when it paused.
 struct VrfWalk {
    AsyncCommandSm& sm;
    const Zop::Ptr<const L3Status>& l3Status;
@@ -589,23 +879,27 @@ struct VrfWalk {
    const Zop::String& segmentName;
    Zop::Ptr<SortedSegmentRouteInfo>& sortedData;
    Zop::Ptr<SortedVrfRouteInfo>& vrfBookmark;
+   ShowWalkState& state;
    // The summary walks everything in one run.
    bool mayYield = true;
 
-   template <class Legend, class Header, class ShowSegment, class ShowVrf>
-   void run(Legend&& legend, Header&& header, ShowSegment&& showSegment, ShowVrf&& showVrf) {
+   template <class Legend, class Header, class List>
+   void run(Legend&& legend, Header&& header, List&& list) {
       lumo::Printer& p = sm.printer();
       if (!vrfName.empty()) {
-         p.startDictEntry(lumo::StrAttr{"vrf", vrfName});
-         p.startDict("segments");
-         legend();
-         if (const VrfId* vrfId = requestVrfId(l3Status, vrfName)) {
-            header(vrfName);
-            if (!segmentName.empty()) {
-               showSegment(*vrfId, segmentName);
-            } else {
-               showVrf(*vrfId);
+         if (!state.singleStarted) {
+            state.singleStarted = true;
+            p.startDictEntry(lumo::StrAttr{"vrf", vrfName});
+            p.startDict("segments");
+            legend();
+            if (const VrfId* vrfId = requestVrfId(l3Status, vrfName)) {
+               header(vrfName);
+               state.singleVrf = *vrfId;
             }
+         }
+         if (state.singleVrf &&
+             !list(*state.singleVrf, segmentName.empty() ? nullptr : &segmentName)) {
+            return;
          }
          p.endDict();
          p.endDictEntry();
@@ -615,35 +909,48 @@ struct VrfWalk {
 
       const auto& vrfs = sortedData->sortedVrf();
       auto it = vrfs.end();
-      // A run that starts at the bookmark prints that VRF again; it must not
-      // yield before it has printed one more, or a command whose every VRF
-      // fills the output buffer would never end.
-      const bool resumed = bool(vrfBookmark);
-      if (!resumed) {
-         if (vrfs.empty()) {
-            complete();
-            return;
-         }
-         it = vrfs.begin();
-         vrfBookmark = it->second;
-         legend();
+      if (state.inVrf) {
+         it = vrfs.find(vrfBookmark->vrfId());
       } else {
-         it = vrfs.lower_bound(vrfBookmark->vrfId());
+         // A run that starts at the bookmark prints that VRF again; it must
+         // not yield before it has printed one more, or a command whose every
+         // VRF fills the output buffer would never end.
+         const bool resumed = bool(vrfBookmark);
+         if (!resumed) {
+            if (vrfs.empty()) {
+               complete();
+               return;
+            }
+            it = vrfs.begin();
+            vrfBookmark = it->second;
+            legend();
+         } else {
+            it = vrfs.lower_bound(vrfBookmark->vrfId());
+         }
+         state.resumedAtBookmark = resumed;
+         state.startVrf = it == vrfs.end() ? std::nullopt : std::optional<VrfId>(it->first);
       }
-      const auto start = it;
       for (; it != vrfs.end(); ++it) {
-         vrfBookmark = it->second;
          const VrfId vrfId = it->first;
-         if (l3Status->vrfNameHas(vrfId)) {
-            const Zop::String name = l3Status->vrfName(vrfId).value();
-            header(name);
-            p.startDictEntry(lumo::StrAttr{"vrf", name});
-            p.startDict("segments");
-            showVrf(vrfId);
+         if (!state.inVrf) {
+            vrfBookmark = it->second;
+            if (l3Status->vrfNameHas(vrfId)) {
+               const Zop::String name = l3Status->vrfName(vrfId).value();
+               header(name);
+               p.startDictEntry(lumo::StrAttr{"vrf", name});
+               p.startDict("segments");
+               state.inVrf = true;
+            }
+         }
+         if (state.inVrf) {
+            if (!list(vrfId, nullptr)) {
+               return;
+            }
             p.endDict();
             p.endDictEntry();
+            state.inVrf = false;
          }
-         const bool madeProgress = !resumed || it != start;
+         const bool madeProgress = !state.resumedAtBookmark || vrfId != state.startVrf;
          if (mayYield && madeProgress && std::next(it) != vrfs.end() && sm.shouldYield()) {
             p.ioflush();
             return;
@@ -679,6 +986,20 @@ ShowSegmentPrefixInfoSm::ShowSegmentPrefixInfoSm(
       vrfName_(vrfName),
       segmentName_(segmentName) {}
 
+ShowSegmentPrefixInfoSm::~ShowSegmentPrefixInfoSm() = default;
+
+bool ShowSegmentPrefixInfoSm::buildSnapshot(const std::function<bool()>& pause) {
+   if (!build_) {
+      build_ = std::make_unique<SortedPrefixInfoBuild>();
+      sortedData_ = sortedSegmentRouteInfoFactory();
+   }
+   if (build_->phase == SortedPrefixInfoBuild::Phase::done) {
+      return true;
+   }
+   return buildSortedSegmentPrefixInfo(*build_, sortedData_, hwIdStatus_, routeInfo_, l3Status_,
+                                       fwConfig_, pause);
+}
+
 // ---- ShowSegmentHardwareSummarySm ----
 
 void ShowSegmentHardwareSummarySm::handleInitialized() {
@@ -690,24 +1011,38 @@ void ShowSegmentHardwareSummarySm::handleInitialized() {
 void ShowSegmentHardwareSummarySm::handleAsyncCommand() {
    TRACE8_FN("virtual void Kiv::ShowSegmentHardwareSummarySm::handleAsyncCommand()");
    lumo::Printer& p = printer();
-   p.start();
-   // Built and dropped within the one run.
-   Zop::Ptr<SortedSegmentRouteInfo> sorted = sortedSegmentRouteInfoFactory();
+   const std::function<bool()> pause = piecePause(*this);
+   if (dropping_) {
+      dropThenComplete(*this, sortedData_, dropping_, pause);
+      return;
+   }
+   if (!build_) {
+      p.start();
+   }
+   // Built a piece at a time; the listing, a row per segment, in one run.
+   if (!buildSnapshot(pause)) {
+      return;
+   }
    Zop::Ptr<SortedVrfRouteInfo> bookmark;
-   getSortedSegmentPrefixInfo(sorted, hwIdStatus_, routeInfo_, l3Status_, fwConfig_);
+   ShowWalkState state;
    p.startDict("vrfs");
-   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sorted, bookmark, false};
+   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sortedData_, bookmark, state, false};
    walk.run([] {}, [&](const Zop::String& name) { showSegmentHardwareSummaryHeader(p, name); },
-            [&](VrfId vrfId, const Zop::String& segment) {
-               showSegmentHardwareSummary(p, vrfId, segment, sorted, hwIdStatus_, fwConfig_,
-                                          l3Status_);
-            },
-            [&](VrfId vrfId) {
-               showVrfHardwareSummary(p, vrfId, sorted, hwIdStatus_, fwConfig_, l3Status_);
+            [&](VrfId vrfId, const Zop::String* segment) {
+               if (segment) {
+                  showSegmentHardwareSummary(p, vrfId, *segment, sortedData_, hwIdStatus_,
+                                             fwConfig_, l3Status_);
+               } else {
+                  showVrfHardwareSummary(p, vrfId, sortedData_, hwIdStatus_, fwConfig_, l3Status_);
+               }
+               return true;
             });
+   dropThenComplete(*this, sortedData_, dropping_, pause);
 }
 
 // ---- ShowSegmentHardwareDetailSm ----
+
+ShowSegmentHardwareDetailSm::~ShowSegmentHardwareDetailSm() = default;
 
 void ShowSegmentHardwareDetailSm::handleInitialized() {
    TRACE8_FN("void Kiv::ShowSegmentHardwareDetailSm::handleInitialized()",
@@ -718,25 +1053,57 @@ void ShowSegmentHardwareDetailSm::handleInitialized() {
 void ShowSegmentHardwareDetailSm::handleAsyncCommand() {
    TRACE8_FN("virtual void Kiv::ShowSegmentHardwareDetailSm::handleAsyncCommand()");
    lumo::Printer& p = printer();
-   if (continuationState() == ContinuationState::initial) {
+   const std::function<bool()> pause = piecePause(*this);
+   if (dropping_) {
+      dropThenComplete(*this, sortedData_, dropping_, pause);
+      return;
+   }
+   if (!walk_) {
       p.start();
       vrfBookmark_ = nullptr;
-      sortedData_ = sortedSegmentRouteInfoFactory();
-      getSortedSegmentPrefixInfo(sortedData_, hwIdStatus_, routeInfo_, l3Status_, fwConfig_);
+      walk_ = std::make_unique<ShowWalkState>();
+   }
+   if (!walk_->printing) {
+      if (!buildSnapshot(pause)) {
+         return;
+      }
+      walk_->printing = true;
       p.startDict("vrfs");
    }
-   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sortedData_, vrfBookmark_};
+   const RowPrinter rows = detailRows(p, routeInfo_);
+   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sortedData_, vrfBookmark_, *walk_};
    walk.run([] {}, [&](const Zop::String& name) { showSegmentHardwareDetailHeader(p, name); },
-            [&](VrfId vrfId, const Zop::String& segment) {
-               showSegmentHardwareDetail(p, vrfId, segment, sortedData_, hwIdStatus_, routeInfo_,
-                                         l3Status_);
-            },
-            [&](VrfId vrfId) {
-               showVrfHardwareDetail(p, vrfId, sortedData_, hwIdStatus_, routeInfo_, l3Status_);
+            [&](VrfId vrfId, const Zop::String* segment) {
+               return listSegments(p, vrfId, segment, sortedData_, hwIdStatus_, l3Status_,
+                                   walk_->cursor, pause, rows);
             });
+   dropThenComplete(*this, sortedData_, dropping_, pause);
 }
 
 // ---- ShowSegmentHardwareRoutesSm ----
+
+// The routes snapshot, built a piece at a time: the record keys are taken
+// into a sorted set one hash bucket per piece; then, per outermost key, each
+// listed segment prefix beneath it is a piece, each batch of the FIB routes
+// beneath it (up to kFibBatch, in prefix order, after the last one taken) is
+// one, and each of those FIB routes is one.
+constexpr size_t kFibBatch = 1024;
+
+struct SortedRoutesBuild {
+   enum class Phase { take, outermost, done };
+   Phase phase = Phase::take;
+   BucketWalk walk;
+   std::set<VrfAndIpGenPrefix> keys;
+   // The next key to list; the set is private, so it stays valid.
+   std::set<VrfAndIpGenPrefix>::const_iterator at;
+   // The outermost key being listed; the batch of FIB routes beneath it
+   // being listed, the last one taken and whether there are no more.
+   std::optional<VrfAndIpGenPrefix> outer;
+   std::vector<VrfAndIpGenPrefix> fibRoutes;
+   size_t fibNext = 0;
+   std::optional<Pexo::IpGenPrefix> fibLast;
+   bool fibDone = false;
+};
 
 ShowSegmentHardwareRoutesSm::ShowSegmentHardwareRoutesSm(
     const Zop::String& name, const Zop::Ptr<Agent::AgentCommandRequest>& request, double timeValue,
@@ -760,6 +1127,8 @@ ShowSegmentHardwareRoutesSm::ShowSegmentHardwareRoutesSm(
       vrfFibRouteDb_(vrfFibRouteDb),
       vrfFibRoute6Db_(vrfFibRoute6Db) {}
 
+ShowSegmentHardwareRoutesSm::~ShowSegmentHardwareRoutesSm() = default;
+
 void ShowSegmentHardwareRoutesSm::handleInitialized() {
    TRACE8_FN("void Kiv::ShowSegmentHardwareRoutesSm::handleInitialized()",
              " VrfName: " << vrfName_ << " segmentName: " << segmentName_);
@@ -774,85 +1143,248 @@ bool ShowSegmentHardwareRoutesSm::inFib(const VrfAndIpGenPrefix& key) const {
 }
 
 void ShowSegmentHardwareRoutesSm::getSortedRoutes(const Zop::Ptr<SortedSegmentRouteInfo>& sorted) {
-   // Segment prefixes.
-   for (const auto& [key, info] : routeInfo_->routeInfo()) {
-      sortedVrfFor(sorted, key.vrfId());
-      Zop::Ptr<SortedSegmentPrefix> list =
-          getSortedPrefixListForSegment(sorted, hwIdStatus_, key.vrfId(), info.hwId());
-      if (!list) {
-         continue;
+   SortedRoutesBuild build;
+   buildSortedRoutes(build, sorted, neverPause);
+}
+
+bool ShowSegmentHardwareRoutesSm::buildSortedRoutes(SortedRoutesBuild& b,
+                                                    const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                                                    const std::function<bool()>& pause) {
+   using Phase = SortedRoutesBuild::Phase;
+   if (b.phase == Phase::take) {
+      // The keys (a key seen twice after a rehash is one in the set) and
+      // the VRFs' entries.
+      while (!b.walk.done) {
+         if (pause()) {
+            return false;
+         }
+         b.walk.step(
+             routeInfo_->routeInfo().members(),
+             [&](const VrfAndIpGenPrefix& key, const KivSegmentRouteInfo&) {
+                if (b.keys.insert(key).second) {
+                   sortedVrfFor(sorted, key.vrfId());
+                }
+             },
+             [] {});
       }
-      const SegmentRouteType type = inFib(key) ? routeTypeSegmentAndFib : routeTypeSegmentOnly;
-      list->programmedPrefixIs(SortedPrefixInfo(key, type), true);
+      b.at = b.keys.begin();
+      b.phase = Phase::outermost;
    }
-   // FIB routes inside segment prefixes. A FIB route inside a nested segment
-   // prefix is also inside the outer one, and the lists are sets, so walking
-   // the outermost segment prefixes alone collects the same routes, each once.
-   // In key order, a prefix's cover comes before it.
-   std::vector<VrfAndIpGenPrefix> keys;
-   keys.reserve(routeInfo_->routeInfoCount());
-   for (const auto& [key, info] : routeInfo_->routeInfo()) {
-      keys.push_back(key);
-   }
-   std::sort(keys.begin(), keys.end());
-   const VrfAndIpGenPrefix* outer = nullptr;
-   for (const VrfAndIpGenPrefix& key : keys) {
-      if (outer && outer->vrfId() == key.vrfId() && outer->prefix().contains(key.prefix())) {
-         continue;
+   if (b.phase == Phase::outermost) {
+      for (;;) {
+         if (!b.outer) {
+            if (b.at == b.keys.end()) {
+               break;
+            }
+            if (pause()) {
+               return false;
+            }
+            b.outer = *b.at;
+            b.fibLast.reset();
+            b.fibDone = false;
+         }
+         // The outermost key and the keys inside it, which follow it in key
+         // order (a prefix's cover comes before it).
+         const VrfAndIpGenPrefix& outer = *b.outer;
+         // Each key goes once listed: the set empties as the build goes on.
+         while (b.at != b.keys.end()) {
+            const VrfAndIpGenPrefix& key = *b.at;
+            if (key != outer &&
+                !(key.vrfId() == outer.vrfId() && outer.prefix().contains(key.prefix()))) {
+               break;
+            }
+            if (pause()) {
+               return false;
+            }
+            addSegmentPrefix(key, sorted);
+            b.at = b.keys.erase(b.at);
+         }
+         for (;;) {
+            while (b.fibNext < b.fibRoutes.size()) {
+               if (pause()) {
+                  return false;
+               }
+               addFibRoute(b.fibRoutes[b.fibNext++], sorted);
+            }
+            if (b.fibDone) {
+               break;
+            }
+            if (pause()) {
+               return false;
+            }
+            b.fibRoutes.clear();
+            b.fibNext = 0;
+            takeFibRoutes(b);
+         }
+         b.outer.reset();
+         b.fibRoutes = {};
+         b.fibNext = 0;
       }
-      outer = &key;
-      const VrfId vrfId = key.vrfId();
-      auto routes = vrfPrefixCollectionFactory();
-      if (key.prefix().isIpv4()) {
+      b.keys = {};
+      b.phase = Phase::done;
+   }
+   return true;
+}
+
+namespace {
+
+// Thrown by a walk's callback once a batch is full: a trie walk cannot stop
+// otherwise, and a batch must not pay for the routes after it.
+struct BatchFull {};
+
+using U128 = unsigned __int128;
+
+U128 addressBits(const Pexo::IpGenPrefix& p) {
+   if (p.isIpv4()) {
+      return U128(p.v4().addr().value()) << 96;
+   }
+   const Pexo::Ip6Addr a = p.v6().addr();
+   return (U128(a.hi()) << 64) | a.lo();
+}
+
+// Bit `i` (0 the first) of the prefix's address.
+bool bitAt(const Pexo::IpGenPrefix& p, unsigned i) {
+   return ((addressBits(p) >> (127 - i)) & 1) != 0;
+}
+
+// The first `i` bits of `p` followed by a 1, of length i + 1: the branch
+// beside the one `p` lies on, after it in prefix order.
+Pexo::IpGenPrefix rightSibling(const Pexo::IpGenPrefix& p, unsigned i) {
+   const U128 top = i == 0 ? U128(0) : addressBits(p) & (~U128(0) << (128 - i));
+   const U128 bits = top | (U128(1) << (127 - i));
+   if (p.isIpv4()) {
+      return Pexo::Prefix(Pexo::IpAddr(uint32_t(bits >> 96)), i + 1);
+   }
+   return Pexo::Ip6Prefix(Pexo::Ip6Addr(uint64_t(bits >> 64), uint64_t(bits)), i + 1);
+}
+
+}  // namespace
+
+void ShowSegmentHardwareRoutesSm::takeFibRoutes(SortedRoutesBuild& b) {
+   // A FIB route inside a nested segment prefix is also inside the outer
+   // one, and the lists are sets, so the FIB routes beneath the outermost
+   // segment prefixes alone are the same routes, each once.
+   //
+   // A batch goes on in prefix order after the last route taken, L: first
+   // what lies inside L, then, from the deepest up to the outermost prefix,
+   // each branch beside L's path that comes after it; so a batch walks only
+   // what it takes. The FIB may change between batches; a route is taken as
+   // it is when its batch is.
+   const VrfAndIpGenPrefix& outer = *b.outer;
+   const VrfId vrfId = outer.vrfId();
+   const Pexo::IpGenPrefix& o = outer.prefix();
+   const std::optional<Pexo::IpGenPrefix> last = b.fibLast;
+   const auto visit = [&](const Pexo::IpGenPrefix& p) {
+      if (last && p == *last) {
+         return true;
+      }
+      b.fibRoutes.emplace_back(vrfId, p);
+      b.fibLast = p;
+      if (b.fibRoutes.size() >= kFibBatch) {
+         throw BatchFull{};
+      }
+      return true;
+   };
+   const auto walk = [&](const Pexo::IpGenPrefix& from) {
+      if (o.isIpv4()) {
          Zop::Ptr<const Routing::Trie> fibTrie = routeStatus_->fibTrie(vrfId);
          if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
-            continue;  // The VRF is gone, and its FIB routes with it.
+            return;  // The VRF is gone, and its FIB routes with it.
          }
          ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
-         getV4FibRoutes(vrfId, key.prefix(), key.prefix(), routeInfo_, routes, fibTrie);
+         fibTrie->preOrderWalk(from.v4(),
+                               [&](const Pexo::Prefix& p) { return visit(Pexo::IpGenPrefix(p)); });
       } else {
          Zop::Ptr<const Routing6::Trie> fibTrie = route6Status_->fibTrie(vrfId);
          if (!fibTrie && !l3Status_->vrfNameHas(vrfId)) {
-            continue;
+            return;
          }
          ZOP_ASSERT_FN(fibTrie, " Fib trie does not exist ", kSource, "getSortedRoutes");
-         getV6FibRoutes(vrfId, key.prefix(), key.prefix(), routeInfo_, routes, fibTrie);
+         fibTrie->preOrderWalk(from, visit);
       }
-      for (const VrfAndIpGenPrefix& route : routes->vrfIpGenPrefix()) {
-         const SegmentHwId hwId = segmentRouteHelper_->getHardwareId(route);
-         TRACE8_FN("getSortedRoutes", " Fib route: " << route << " " << hwId);
-         Zop::Ptr<SortedSegmentPrefix> list =
-             getSortedPrefixListForSegment(sorted, hwIdStatus_, vrfId, hwId);
-         if (!list) {
-            continue;
+   };
+   try {
+      if (!last) {
+         walk(o);
+      } else {
+         walk(*last);
+         for (unsigned i = last->len(); i-- > o.len();) {
+            if (!bitAt(*last, i)) {
+               walk(rightSibling(*last, i));
+            }
          }
-         const SegmentRouteType type =
-             routeInfo_->routeInfoHas(route) ? routeTypeSegmentAndFib : routeTypeFibOnly;
-         list->programmedPrefixIs(SortedPrefixInfo(route, type), true);
       }
+   } catch (const BatchFull&) {
+      return;
    }
+   b.fibDone = true;
+}
+
+void ShowSegmentHardwareRoutesSm::addSegmentPrefix(const VrfAndIpGenPrefix& key,
+                                                   const Zop::Ptr<SortedSegmentRouteInfo>& sorted) {
+   // Still installed: listed under the segment owning its record's id, S, or
+   // S,F when it is also a FIB route.
+   const KivSegmentRouteInfo* record = routeInfo_->routeInfoFind(key);
+   if (!record) {
+      return;
+   }
+   Zop::Ptr<SortedSegmentPrefix> list =
+       getSortedPrefixListForSegment(sorted, hwIdStatus_, key.vrfId(), record->hwId());
+   if (!list) {
+      return;
+   }
+   const SegmentRouteType type = inFib(key) ? routeTypeSegmentAndFib : routeTypeSegmentOnly;
+   list->programmedPrefixIs(SortedPrefixInfo(key, type), true);
+}
+
+void ShowSegmentHardwareRoutesSm::addFibRoute(const VrfAndIpGenPrefix& route,
+                                              const Zop::Ptr<SortedSegmentRouteInfo>& sorted) {
+   // Listed under the segment owning the id hardware gives it: F, or S,F
+   // when it is a segment prefix too.
+   const SegmentHwId hwId = segmentRouteHelper_->getHardwareId(route);
+   TRACE8_FN("getSortedRoutes", " Fib route: " << route << " " << hwId);
+   Zop::Ptr<SortedSegmentPrefix> list =
+       getSortedPrefixListForSegment(sorted, hwIdStatus_, route.vrfId(), hwId);
+   if (!list) {
+      return;
+   }
+   const SegmentRouteType type =
+       routeInfo_->routeInfoHas(route) ? routeTypeSegmentAndFib : routeTypeFibOnly;
+   list->programmedPrefixIs(SortedPrefixInfo(route, type), true);
 }
 
 void ShowSegmentHardwareRoutesSm::handleAsyncCommand() {
    TRACE8_FN("virtual void Kiv::ShowSegmentHardwareRoutesSm::handleAsyncCommand()");
    lumo::Printer& p = printer();
-   if (continuationState() == ContinuationState::initial) {
+   const std::function<bool()> pause = piecePause(*this);
+   if (dropping_) {
+      dropThenComplete(*this, sortedData_, dropping_, pause);
+      return;
+   }
+   if (!walk_) {
       p.start();
       vrfBookmark_ = nullptr;
       sortedData_ = sortedSegmentRouteInfoFactory();
-      getSortedRoutes(sortedData_);
+      build_ = std::make_unique<SortedRoutesBuild>();
+      walk_ = std::make_unique<ShowWalkState>();
+   }
+   if (!walk_->printing) {
+      if (!buildSortedRoutes(*build_, sortedData_, pause)) {
+         return;
+      }
+      build_ = nullptr;
+      walk_->printing = true;
       p.startDict("vrfs");
    }
-   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sortedData_, vrfBookmark_};
+   const RowPrinter rows = routesRows(p);
+   VrfWalk walk{*this, l3Status_, vrfName_, segmentName_, sortedData_, vrfBookmark_, *walk_};
    walk.run([&] { showSegmentHardwareRouteLegend(p); },
             [&](const Zop::String& name) { showSegmentHardwareRoutesHeader(p, name); },
-            [&](VrfId vrfId, const Zop::String& segment) {
-               showSegmentHardwareRoutes(p, vrfId, segment, sortedData_, hwIdStatus_, routeInfo_,
-                                         l3Status_);
-            },
-            [&](VrfId vrfId) {
-               showVrfHardwareRoutes(p, vrfId, sortedData_, hwIdStatus_, routeInfo_, l3Status_);
+            [&](VrfId vrfId, const Zop::String* segment) {
+               return listSegments(p, vrfId, segment, sortedData_, hwIdStatus_, l3Status_,
+                                   walk_->cursor, pause, rows);
             });
+   dropThenComplete(*this, sortedData_, dropping_, pause);
 }
 
 // ---- ShowSegmentHardwareCountersSm ----

@@ -5,16 +5,50 @@
 // KivSegmentSecurityCliSm, the root, registers KivSegmentCliCallbackWithFormat
 // with the agent's command-request service. The callback reads the request
 // text "COMMAND#VRF#SEGMENT" (an empty field means all) and makes one reactor:
-//   HardwareSummary        ShowSegmentHardwareSummarySm   one run
-//   HardwareDetail         ShowSegmentHardwareDetailSm    yields between VRFs
-//   HardwareRoutes         ShowSegmentHardwareRoutesSm    yields between VRFs
+//   HardwareSummary        ShowSegmentHardwareSummarySm   builds in pieces,
+//                                                         prints in one run
+//   HardwareDetail         ShowSegmentHardwareDetailSm    builds and prints in
+//                                                         pieces
+//   HardwareRoutes         ShowSegmentHardwareRoutesSm    builds and prints in
+//                                                         pieces
 //   ShowHardwareCounters   ShowSegmentHardwareCountersSm  one run
 //   ClearHardwareCounters  ClearSegmentHardwareCountersSm one run, no output
 //
-// The show commands list VRFs, segments and prefixes in a fixed order, and
-// the two long ones can stop after any VRF and go on later, so each builds a
-// private sorted snapshot (SortedSegmentRouteInfo) on its first run and
-// prints from it; the snapshot is never refreshed from the live state.
+// The show commands list VRFs, segments and prefixes in a fixed order, so
+// each builds a private sorted snapshot (SortedSegmentRouteInfo) and prints
+// from it. A full table is far too much for one run of the reactor thread,
+// so both the building and the printing go a piece at a time: before each
+// piece the command asks the scheduler (Ruv::taskShouldYield()) and, told to
+// give the thread back, pauses (AgentAsyncCommandRequestSm::pauseRun) and
+// goes on next run from its bookmark. The pieces: for routes, one hash
+// bucket of the records taken into a sorted key set, then one listed segment
+// prefix, one batch of FIB routes taken (at most 1,024), or one FIB route
+// listed; for detail and summary, one hash bucket of the records, of a
+// firewall VRF's configured prefixes or of the id grants; when printing, one
+// segment's start or one row; at the end, one snapshot entry dropped (the
+// command completes once its snapshot is gone). A pause never changes the
+// output: the command prints exactly what it would have printed in one run
+// from the same snapshot. (Detail and routes also stop between VRFs when
+// their own budget, time or output, is spent, and then print that VRF once
+// more on the next run, as they always have; a pause is not a new run for
+// that budget.)
+//
+// What a reader sees when the table changes while a command is between
+// runs: the snapshot is taken a piece at a time, each piece as the live
+// state is when the build reaches it, and a piece once taken is never
+// refreshed. The records are walked bucket by bucket: a record installed or
+// removed meanwhile may or may not be listed (a rehash makes the walk start
+// over, and for routes a key once taken stays taken). Routes then goes in
+// VRF and prefix order through those keys, outermost first: each segment
+// prefix still installed when reached is listed under the segment owning its
+// record's id, and the FIB routes beneath the outermost one are taken in
+// prefix order a batch at a time, each listed under the segment owning the
+// id hardware gives it when listed (one no longer in hardware then has no id
+// and is left out). Detail and summary list each record as it is when its
+// bucket is walked, count a firewall VRF's configured prefixes bucket by
+// bucket (starting over if its list rehashes), and list
+// the segments with an id as the grants are when walked. VRF and segment
+// names and ids are read when printed, as before.
 //
 // Counters: the firewall's counts are free running, and clear must not touch
 // the hardware; the root keeps a baseline tree (snapshot), clear copies the
@@ -22,6 +56,7 @@
 // its baseline, after a hardware reset or wrap, is shown whole).
 
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <memory>
@@ -95,6 +130,7 @@ public:
    const std::map<SortedPrefixInfo, bool>& programmedPrefix() const { return programmedPrefix_; }
    void programmedPrefixIs(const SortedPrefixInfo& info, bool v) { programmedPrefix_[info] = v; }
    void programmedPrefixDel(const SortedPrefixInfo& info) { programmedPrefix_.erase(info); }
+   void programmedPrefixDelFirst() { programmedPrefix_.erase(programmedPrefix_.begin()); }
    void programmedPrefixDelAll() { programmedPrefix_.clear(); }
 
 private:
@@ -116,6 +152,7 @@ public:
    void sortedPrefixIs(const Zop::Ptr<SortedSegmentPrefix>& s) {
       sortedPrefix_[s->segmentName()] = s;
    }
+   void sortedPrefixDel(const Zop::String& segmentName) { sortedPrefix_.erase(segmentName); }
 
 private:
    const VrfId vrfId_;
@@ -128,6 +165,7 @@ public:
    const std::map<VrfId, Zop::Ptr<SortedVrfRouteInfo>>& sortedVrf() const { return sortedVrf_; }
    Zop::Ptr<SortedVrfRouteInfo> sortedVrf(VrfId vrfId) const;
    void sortedVrfIs(const Zop::Ptr<SortedVrfRouteInfo>& v) { sortedVrf_[v->vrfId()] = v; }
+   void sortedVrfDel(VrfId vrfId) { sortedVrf_.erase(vrfId); }
 
 private:
    std::map<VrfId, Zop::Ptr<SortedVrfRouteInfo>> sortedVrf_;
@@ -209,6 +247,11 @@ KIV_EXPORT void showVrfHardwareCounters(lumo::Printer& printer, const L3::VrfNam
 
 using AsyncCommandSm = Agent::AgentAsyncCommandRequestSm;
 
+// The resumable pieces, defined with the reactors.
+struct SortedPrefixInfoBuild;
+struct SortedRoutesBuild;
+struct ShowWalkState;
+
 // What the summary and detail commands read: the installed routes, the ids,
 // the VRF names and the configuration, for one VRF or all, one segment or all.
 class KIV_EXPORT ShowSegmentPrefixInfoSm : public AsyncCommandSm {
@@ -222,13 +265,24 @@ public:
                            const Zop::Ptr<const Firewall::HwConfig>& fwConfig,
                            const Zop::String& vrfName, const Zop::String& segmentName);
 
+   ~ShowSegmentPrefixInfoSm() override;
+
 protected:
+   // Builds the snapshot a piece at a time into sortedData_ (a fresh one on
+   // the first call); true once it is complete, false when the run paused.
+   bool buildSnapshot(const std::function<bool()>& pause);
+
    Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
    Zop::Ptr<const SegmentIdResponse> hwIdStatus_;
    Zop::Ptr<const L3Status> l3Status_;
    Zop::Ptr<const Firewall::HwConfig> fwConfig_;
    Zop::String vrfName_;
    Zop::String segmentName_;
+   Zop::Ptr<SortedSegmentRouteInfo> sortedData_;
+   std::unique_ptr<SortedPrefixInfoBuild> build_;
+   // The listing is out; the snapshot is being dropped a piece at a time (a
+   // full table's is a million entries) before the command completes.
+   bool dropping_ = false;
 };
 
 class KIV_EXPORT ShowSegmentHardwareSummarySm : public ShowSegmentPrefixInfoSm {
@@ -238,7 +292,8 @@ public:
    void handleAsyncCommand() override;
 };
 
-// The detail and routes commands: one VRF per step, resumable after a yield.
+// The detail and routes commands: built and printed a piece at a time,
+// resumable after a pause or a yield between VRFs.
 class KIV_EXPORT ShowSegmentHardwareDetailSm : public ShowSegmentPrefixInfoSm {
 public:
    using ShowSegmentPrefixInfoSm::ShowSegmentPrefixInfoSm;
@@ -247,10 +302,11 @@ public:
 
    const Zop::Ptr<SortedSegmentRouteInfo>& sortedData() const { return sortedData_; }
    const Zop::Ptr<SortedVrfRouteInfo>& vrfBookmark() const { return vrfBookmark_; }
+   ~ShowSegmentHardwareDetailSm() override;
 
 private:
-   Zop::Ptr<SortedSegmentRouteInfo> sortedData_;
    Zop::Ptr<SortedVrfRouteInfo> vrfBookmark_;
+   std::unique_ptr<ShowWalkState> walk_;
 };
 
 class KIV_EXPORT ShowSegmentHardwareRoutesSm : public AsyncCommandSm {
@@ -269,15 +325,27 @@ public:
                                const Zop::Ptr<const KivVrfFibRoute6Collection>& vrfFibRoute6Db);
    void handleInitialized() override;
    void handleAsyncCommand() override;
-   // Fills an empty snapshot: segment prefixes (S, or S,F when also a FIB
-   // route), then the FIB routes inside them (F, or S,F).
+   // Fills an empty snapshot in one go: segment prefixes (S, or S,F when
+   // also a FIB route) and the FIB routes inside them (F, or S,F).
    void getSortedRoutes(const Zop::Ptr<SortedSegmentRouteInfo>& sorted);
 
    const Zop::Ptr<SortedSegmentRouteInfo>& sortedData() const { return sortedData_; }
    const Zop::Ptr<SortedVrfRouteInfo>& vrfBookmark() const { return vrfBookmark_; }
+   ~ShowSegmentHardwareRoutesSm() override;
 
 private:
    bool inFib(const VrfAndIpGenPrefix& key) const;
+   // One piece of the build at a time, asking `pause` before each; true once
+   // `sorted` is complete.
+   bool buildSortedRoutes(SortedRoutesBuild& build, const Zop::Ptr<SortedSegmentRouteInfo>& sorted,
+                          const std::function<bool()>& pause);
+   // The next batch of the FIB routes beneath the build's outermost key, as
+   // they are now.
+   void takeFibRoutes(SortedRoutesBuild& build);
+   // One segment prefix, one FIB route into `sorted`, as they are now.
+   void addSegmentPrefix(const VrfAndIpGenPrefix& key,
+                         const Zop::Ptr<SortedSegmentRouteInfo>& sorted);
+   void addFibRoute(const VrfAndIpGenPrefix& route, const Zop::Ptr<SortedSegmentRouteInfo>& sorted);
 
    Zop::Ptr<const KivSegmentRouteInfoColl> routeInfo_;
    Zop::Ptr<const SegmentIdResponse> hwIdStatus_;
@@ -291,6 +359,9 @@ private:
    Zop::Ptr<const KivVrfFibRoute6Collection> vrfFibRoute6Db_;
    Zop::Ptr<SortedSegmentRouteInfo> sortedData_;
    Zop::Ptr<SortedVrfRouteInfo> vrfBookmark_;
+   std::unique_ptr<SortedRoutesBuild> build_;
+   std::unique_ptr<ShowWalkState> walk_;
+   bool dropping_ = false;
 };
 
 class KIV_EXPORT ShowSegmentHardwareCountersSm : public AsyncCommandSm {

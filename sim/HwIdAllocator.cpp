@@ -131,7 +131,15 @@ void HwIdAllocator::requestChanged(const SegmentIdRequestKey& key) {
 }
 
 void HwIdAllocator::run() {
+   // One key per item, the scheduler asked before each, like a real agent:
+   // a grant sets off the library's handlers, and a thousand of them would
+   // hold the thread far beyond a slice. Requests that went are dealt with
+   // before any grant, also across runs.
    while (!changed_.empty()) {
+      if (scheduler_->taskShouldYield()) {
+         task_->scheduleTask();
+         return;
+      }
       const SegmentIdRequestKey key = *changed_.begin();
       changed_.erase(changed_.begin());
       if (requests_->requestHas(key)) {
@@ -163,6 +171,10 @@ void HwIdAllocator::run() {
    // Every waiting request, also one that found the pool exhausted before
    // and may find an id freed just now.
    for (const SegmentIdRequestKey& key : pendingRequests()) {
+      if (scheduler_->taskShouldYield()) {
+         task_->scheduleTask();
+         return;
+      }
       auto reserved = reserved_.find(key);
       const auto id = reserved != reserved_.end() ? std::optional(reserved->second) : lowestFree();
       if (!id) {

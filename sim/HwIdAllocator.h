@@ -11,7 +11,9 @@
 // exhausted waits; it is granted when an id comes free (automatic mode).
 //
 // Request notifications only note the key and schedule the allocator's task
-// ("SimHwIdAllocatorTask"); the task answers, in key order.
+// ("SimHwIdAllocatorTask"); the task answers, in key order, first the
+// requests that went and then the grants, asking the scheduler before each
+// key and going on next run when it says to yield.
 //
 // What else an allocator may do, for the library to meet:
 //   revoke(key): takes the grant back while the request stands (statusDel);

@@ -190,7 +190,15 @@ void RouteResolver::run() {
    // A FIB route change at Q matters to the watched prefixes strictly inside
    // Q. Keys sort by VRF, family, address: those prefixes follow Q in the
    // watch set, and the scan ends at the first address beyond Q's range.
-   for (const Key& fib : pendingFib_) {
+   // One FIB change per item (a withdrawn table is a hundred thousand of
+   // them), then one key per item, the scheduler asked before each.
+   while (!pendingFib_.empty()) {
+      if (scheduler_->taskShouldYield()) {
+         task_->scheduleTask();
+         return;
+      }
+      const Key fib = *pendingFib_.begin();
+      pendingFib_.erase(pendingFib_.begin());
       const Pexo::IpGenPrefix& q = fib.prefix();
       for (auto it = watched_.upper_bound(fib); it != watched_.end(); ++it) {
          const Pexo::IpGenPrefix& p = it->prefix();
@@ -202,7 +210,6 @@ void RouteResolver::run() {
          }
       }
    }
-   pendingFib_.clear();
    while (!pendingKeys_.empty()) {
       if (scheduler_->taskShouldYield()) {
          task_->scheduleTask();

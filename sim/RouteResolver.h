@@ -26,8 +26,10 @@
 // again.
 //
 // Watch-list, FIB and returning-VRF notifications only note the keys and
-// schedule the resolver's task ("SimRouteResolverTask"); the task publishes
-// answers, yielding between keys when the scheduler asks. A watch that goes away
+// schedule the resolver's task ("SimRouteResolverTask"); the task looks up
+// the watched keys each FIB change covers, then publishes answers, one FIB
+// change or key per item, yielding between items when the scheduler asks
+// (a VRF that goes is the exception, above). A watch that goes away
 // takes its answer with it (resolvedEntryDel). Keys are answered in key
 // order, so runs are deterministic.
 

@@ -25,11 +25,14 @@ bool AgentAsyncCommandRequestSm::shouldYield() const {
 
 void AgentAsyncCommandRequestSm::runCommand(const AgentCommandServiceSettings& settings) {
    ++runs_;
-   runStart_ = clock_ ? clock_->now() : 0;
+   if (!paused_) {
+      runStart_ = clock_ ? clock_->now() : 0;
+      bytesAtRunStart_ = printer_.bytesProduced();
+   }
+   paused_ = false;
    const double budget =
        timeValue_ > 0 ? std::min(timeValue_, settings.maxRunTime) : settings.maxRunTime;
    runBudget_ = Zop::secondsToTime(budget);
-   bytesAtRunStart_ = printer_.bytesProduced();
    bufferSize_ = settings.bufferSize;
    handleAsyncCommand();
    printer_.ioflush();

@@ -22,6 +22,13 @@
 // produced the service's output buffer size since the run began. Output is
 // flushed to the request's sink after every run.
 //
+// A reactor that also gives the thread back whenever the scheduler asks
+// (Ruv::taskShouldYield(), inside pieces its own budget never cuts) calls
+// pauseRun() before returning from such a run: the next run then continues
+// the paused one, its time and output counted from where the paused run
+// began. What the command's own budget decides (and so what the command
+// prints) is then the same however often the scheduler cut it.
+//
 // The request's status tells the command line where it stands: pending until
 // the service takes it, running while its reactor runs, completed when the
 // reactor has completed (or the synchronous path has run). Removing a
@@ -122,6 +129,9 @@ public:
    }
    uint64_t runs() const { return runs_; }
    bool shouldYield() const;
+   // This run stops only because the scheduler asked: the next run goes on
+   // with this run's budget (see the header comment).
+   void pauseRun() { paused_ = true; }
    lumo::Printer& printer() { return printer_; }
 
    // The service's side: one run under `settings`, then a flush.
@@ -139,6 +149,7 @@ private:
    bool initialized_ = false;
    bool executionCompleted_ = false;
    uint64_t runs_ = 0;
+   bool paused_ = false;
    Zop::Time runStart_ = 0;
    Zop::Time runBudget_ = 0;
    uint64_t bytesAtRunStart_ = 0;

@@ -171,3 +171,50 @@ TEST(SimHwIdAllocator, RevokedIdsStayWithTheirKeyInvalidAndRepeatedGrants) {
    EXPECT_FALSE(p.allocator.regrant(key(1, "nobody")).ok());
    EXPECT_EQ(p.allocator.grants().size(), p.responses->status().size());
 }
+
+// Like a real agent, the allocator gives the thread back between keys when
+// the scheduler asks: with a yield wanted after every item each run deals
+// with one key, and the ids come out as from one run.
+TEST(SimHwIdAllocator, YieldsBetweenKeysAndGrantsWhatOneRunGrants) {
+   simtest::Platform whole;
+   simtest::Platform pieces;
+   pieces.scheduler->yieldPolicyIs(Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(1));
+   auto both = [&](auto&& f) {
+      f(whole);
+      f(pieces);
+   };
+   std::vector<SegmentIdRequestKey> keys;
+   for (uint32_t i = 0; i < 40; ++i) {
+      keys.push_back(key(1 + i % 3, ("s" + std::to_string(i)).c_str()));
+   }
+   both([&](simtest::Platform& p) {
+      for (const auto& k : keys) {
+         p.requests->requestIs(k);
+      }
+      p.scheduler->resetStatistics();
+      p.settle();
+   });
+   EXPECT_EQ(whole.scheduler->statistics().byTaskName.at("SimHwIdAllocatorTask").runs, 1u);
+   EXPECT_GE(pieces.scheduler->statistics().byTaskName.at("SimHwIdAllocatorTask").runs, 40u);
+   // Requests that go and come between runs: the ones that went free their
+   // ids before any new grant takes the lowest free one.
+   both([&](simtest::Platform& p) {
+      for (size_t i = 0; i < keys.size(); i += 4) {
+         p.requests->requestDel(keys[i]);
+      }
+      for (uint32_t i = 0; i < 6; ++i) {
+         p.requests->requestIs(key(4, ("n" + std::to_string(i)).c_str()));
+      }
+      p.settle();
+   });
+   std::vector<uint16_t> a;
+   std::vector<uint16_t> b;
+   for (const auto& [k, status] : whole.responses->status()) {
+      a.push_back(granted(whole, k));
+      b.push_back(granted(pieces, k));
+   }
+   EXPECT_EQ(a, b);
+   EXPECT_EQ(whole.responses->status().size(), pieces.responses->status().size());
+   EXPECT_EQ(whole.allocator.grants(), pieces.allocator.grants());
+   EXPECT_EQ(granted(pieces, key(4, "n0")), 1) << "the lowest id freed";
+}

@@ -156,3 +156,50 @@ TEST(SimRouteResolver, AVrfThatGoesTakesItsAnswersAndIsAnsweredAgainWhenBack) {
    EXPECT_EQ(p.answerAdj(1, "10.1.0.0/16"), 200);
    EXPECT_EQ(observer.unpublished, 0);
 }
+
+// Like a real agent, the resolver gives the thread back between FIB changes
+// and between keys when the scheduler asks: a withdrawn table does not go
+// in one run, and the answers come out as from one run.
+TEST(SimRouteResolver, YieldsBetweenFibChangesAndKeysAndAnswersAsOneRun) {
+   simtest::Platform whole;
+   simtest::Platform pieces;
+   pieces.scheduler->yieldPolicyIs(Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(1));
+   std::vector<std::string> watched;
+   std::vector<std::string> fib;
+   for (int i = 0; i < 30; ++i) {
+      watched.push_back("10." + std::to_string(i) + ".1.0/24");
+      fib.push_back("10." + std::to_string(i) + ".0.0/16");
+      fib.push_back("10." + std::to_string(i) + ".0.0/20");
+   }
+   for (simtest::Platform* p : {&whole, &pieces}) {
+      ASSERT_TRUE(p->routing.vrfAdd("red", VrfId(1), true, true).ok());
+      for (const auto& w : watched) {
+         p->watch(1, w.c_str());
+      }
+      p->settle();
+      for (size_t i = 0; i < fib.size(); ++i) {
+         ASSERT_TRUE(p->routing.fibAdd("red", pfx(fib[i].c_str()), 100 + i).ok());
+      }
+      p->settle();
+   }
+   for (const auto& w : watched) {
+      EXPECT_EQ(pieces.answerAdj(1, w.c_str()), whole.answerAdj(1, w.c_str())) << w;
+      EXPECT_GE(whole.answerAdj(1, w.c_str()), 100) << w;
+   }
+   // The whole table withdrawn: every FIB change is an item of its own.
+   for (simtest::Platform* p : {&whole, &pieces}) {
+      p->scheduler->resetStatistics();
+      for (const auto& f : fib) {
+         ASSERT_TRUE(p->routing.fibDelete("red", pfx(f.c_str())).ok());
+      }
+      p->settle();
+   }
+   EXPECT_EQ(whole.scheduler->statistics().byTaskName.at("SimRouteResolverTask").runs, 1u);
+   EXPECT_GT(pieces.scheduler->statistics().byTaskName.at("SimRouteResolverTask").runs, fib.size());
+   for (const auto& w : watched) {
+      EXPECT_EQ(whole.answerAdj(1, w.c_str()), 0) << w;
+      EXPECT_EQ(pieces.answerAdj(1, w.c_str()), 0) << w;
+   }
+   EXPECT_EQ(whole.resolver.fecCount(), 0u);
+   EXPECT_EQ(pieces.resolver.fecCount(), 0u);
+}
