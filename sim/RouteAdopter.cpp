@@ -58,33 +58,33 @@ bool RouteAdopter::pending() {
 
 void RouteAdopter::run() {
    vrfsRead();
-   // The changes the dataplane reported, one at a time.
+   // The changes the dataplane reported, one at a time, then what they
+   // change for the switch, one route at a time; each one item of the slice.
    for (;;) {
+      if (!peeked_) {
+         peeked_ = dataplane_->foreignRouteNext(next_);
+      }
+      if (!peeked_ && dirty_.empty()) {
+         return;
+      }
       if (scheduler_->taskShouldYield()) {
          task_->scheduleTask();
          return;
       }
-      if (!peeked_ && !dataplane_->foreignRouteNext(next_)) {
-         break;
-      }
-      peeked_ = false;
-      ++changesRead_;
-      if (next_.present) {
-         kernel_[next_.key] = Route{next_.adj, next_.skipped};
+      if (peeked_) {
+         peeked_ = false;
+         ++changesRead_;
+         if (next_.present) {
+            kernel_[next_.key] = Route{next_.adj, next_.skipped};
+         } else {
+            kernel_.erase(next_.key);
+         }
+         dirty_.insert(next_.key);
       } else {
-         kernel_.erase(next_.key);
+         const HwKey key = *dirty_.begin();
+         dirty_.erase(dirty_.begin());
+         publish(key);
       }
-      dirty_.insert(next_.key);
-   }
-   // Then what they change for the switch.
-   while (!dirty_.empty()) {
-      if (scheduler_->taskShouldYield()) {
-         task_->scheduleTask();
-         return;
-      }
-      const HwKey key = *dirty_.begin();
-      dirty_.erase(dirty_.begin());
-      publish(key);
    }
 }
 

@@ -8,8 +8,11 @@
 // Needs root and network namespaces; skipped, saying why, where they are not
 // to be had.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include <cstdio>
 #include <cstdlib>
@@ -66,10 +69,11 @@ protected:
    }
    // Routes added here are another program's (protocol boot, as `ip` adds).
    void route(const std::string& args) { ASSERT_TRUE(ip("-n " + ns_ + " route " + args)) << args; }
-   void start() {
+   void start(uint64_t yieldEvery = 0) {
       dp_ = sim::LinuxDataplane::open(ns_);
       ASSERT_EQ(dp_->adoptIs(), "");
       sim::ScenarioOptions o;
+      o.yieldEvery = yieldEvery;
       o.dataplane = dp_;
       o.adopt = true;
       o.adoptNotes = &notes_;
@@ -199,6 +203,41 @@ TEST_F(AdoptTest, ADeletedRouteLeavesTheSwitchAndItsSegmentRouteTakesOver) {
              "red 10.1.1.0/24 routeTypeForward adj 2553252 id 1\n"
              "check: ok\n");
    EXPECT_EQ(table(1), "10.1.1.0/24 via 192.0.2.9 dev up0 realm 1 \n");
+}
+
+// Many changes, read by a task that yields after every one: each settle
+// still sees all of them.
+TEST_F(AdoptTest, EveryChangeIsSeenWhenTheTaskYieldsAfterEachOne) {
+   char path[] = "/tmp/kivadopt-XXXXXX";
+   int fd = mkstemp(path);
+   ASSERT_GE(fd, 0);
+   std::string batch;
+   for (int i = 0; i < 300; ++i) {
+      batch += "route add 10.2." + std::to_string(i / 256) + "." + std::to_string(i % 256) +
+               "/32 via 192.0.2." + std::to_string(2 + i % 3) + " table 1\n";
+   }
+   ASSERT_EQ(write(fd, batch.data(), batch.size()), ssize_t(batch.size()));
+   close(fd);
+   start(1);
+   run("vrf red id 1\nprefix red 10.2.0.0/16 web\nfirewall on\n");
+   ASSERT_TRUE(ip("-n " + ns_ + " -batch " + path));
+   EXPECT_EQ(run("settle\ncheck\n"), "check: ok\n");
+   EXPECT_EQ(scenario_->sw().routing().fibRoutes("red").size(), 300u);
+   std::string shown;
+   ip("-n " + ns_ + " route show table 1 realm 1", &shown);
+   EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 301);  // and the segment prefix
+   // Taken away again, in one batch.
+   for (size_t at = 0; (at = batch.find("add", at)) != std::string::npos;) {
+      batch.replace(at, 3, "del");
+   }
+   fd = ::open(path, O_WRONLY | O_TRUNC);
+   ASSERT_EQ(write(fd, batch.data(), batch.size()), ssize_t(batch.size()));
+   close(fd);
+   ASSERT_TRUE(ip("-n " + ns_ + " -batch " + path));
+   unlink(path);
+   EXPECT_EQ(run("settle\nhw\ncheck\n"),
+             "red 10.2.0.0/16 routeTypeDrop adj 1048578 id 1\ncheck: ok\n");
+   EXPECT_EQ(scenario_->sw().routing().fibRoutes("red").size(), 0u);
 }
 
 }  // namespace
