@@ -205,6 +205,28 @@ TEST_F(AdoptTest, ADeletedRouteLeavesTheSwitchAndItsSegmentRouteTakesOver) {
    EXPECT_EQ(table(1), "10.1.1.0/24 via 192.0.2.9 dev up0 realm 1 \n");
 }
 
+// IPv6: the route is adopted and tagged; the id is kept beside the kernel's
+// route, which carries no realm and is not written.
+TEST_F(AdoptTest, AnIpv6RouteIsAdoptedWithItsIdBesideTheKernel) {
+   route("add 2001:db8:1::/48 via fe80::1 dev up0 table 1");
+   start();
+   EXPECT_EQ(run("vrf red id 1\n"
+                 "prefix red 2001:db8::/32 web\n"
+                 "firewall on\n"
+                 "settle\n"
+                 "hw\n"
+                 "check\n"),
+             "red 2001:db8::/32 routeTypeDrop adj 1048579 id 1\n"
+             "red 2001:db8:1::/48 routeTypeForward adj 2724855 id 1\n"
+             "check: ok\n");
+   std::string shown;
+   ip("-n " + ns_ + " -6 route show table 1 2001:db8:1::/48", &shown);
+   EXPECT_EQ(shown, "2001:db8:1::/48 via fe80::1 dev up0 metric 1024 pref medium\n");
+   route("del 2001:db8:1::/48 table 1");
+   EXPECT_EQ(run("settle\nhw\ncheck\n"),
+             "red 2001:db8::/32 routeTypeDrop adj 1048579 id 1\ncheck: ok\n");
+}
+
 // Many changes, read by a task that yields after every one: each settle
 // still sees all of them.
 TEST_F(AdoptTest, EveryChangeIsSeenWhenTheTaskYieldsAfterEachOne) {
