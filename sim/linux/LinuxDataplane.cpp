@@ -598,9 +598,16 @@ void LinuxDataplane::flushOwnRoutes() {
 }
 
 std::vector<std::string> LinuxDataplane::statusLines() const {
-   return {"dataplane: linux (VRF id N is kernel table N; IPv4 ids are route realms)",
-           "dataplaneIpv6Ids: kept beside the kernel table (the kernel carries no realm on "
-           "IPv6 routes)"};
+   std::vector<std::string> lines = {
+       "dataplane: linux (VRF id N is kernel table N; IPv4 ids are route realms)",
+       "dataplaneIpv6Ids: kept beside the kernel table (the kernel carries no realm on "
+       "IPv6 routes)"};
+   if (monitor_) {
+      lines.push_back(
+          "dataplaneAdopt: on (other programs' routes in table N are FIB routes of "
+          "the VRF with id N)");
+   }
+   return lines;
 }
 
 namespace {

@@ -54,4 +54,10 @@ after=$(n route show table 1)
 if [[ "$after" != $'10.1.1.0/24 via 192.0.2.9 dev up0 \n10.1.4.0/24 via 192.0.2.9 dev up0 \nblackhole 10.1.9.0/24 ' ]]; then
    echo "at the end, table 1 holds:"; echo "$after"; status=1
 fi
+if [[ $(echo status | "$kivsim" --dataplane linux --netns "$ns" --adopt 2>/dev/null |
+   grep '^dataplane') != "dataplane: linux (VRF id N is kernel table N; IPv4 ids are route realms)
+dataplaneIpv6Ids: kept beside the kernel table (the kernel carries no realm on IPv6 routes)
+dataplaneAdopt: on (other programs' routes in table N are FIB routes of the VRF with id N)" ]]; then
+   echo "status does not say adopt mode is on"; status=1
+fi
 exit $status
