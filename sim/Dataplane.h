@@ -86,6 +86,28 @@ public:
       (void)name, (void)vrf, (void)address, (void)len, (void)gateway, (void)adj;
       return "hosts need a dataplane that forwards packets (kivsim --dataplane linux)";
    }
+   // ---- Adopt mode: routes that other programs (`ip route`, a routing
+   // daemon) put in the dataplane's tables, to be published as FIB routes.
+   // The dataplane ignores the routes it writes itself. ----
+
+   // One change of another program's route: present with its adjacency
+   // (`adj`), or gone; `skipped` says why a present route cannot be a FIB
+   // route of the switch (then `adj` means nothing).
+   struct ForeignRoute {
+      HwKey key;
+      bool present = false;
+      uint64_t adj = 0;
+      std::string skipped;
+   };
+   // Starts following other programs' routes: the ones already there come
+   // first, then every change. Empty when it follows them, else why not.
+   virtual std::string adoptIs() { return "this dataplane holds no routes of other programs"; }
+   // The next change waiting, if any; never waits for one.
+   virtual bool foreignRouteNext(ForeignRoute& out) {
+      (void)out;
+      return false;
+   }
+
    // One datagram from `host` to `to`, which must be a host's address;
    // `delivered` says whether it arrived.
    virtual std::string send(const std::string& host, Pexo::IpAddr to, bool& delivered) {

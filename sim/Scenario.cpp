@@ -237,6 +237,8 @@ Scenario::Scenario(Options options)
    }
    sim::Switch::Options switchOptions;
    switchOptions.dataplane = options_.dataplane;
+   switchOptions.adopt = options_.adopt;
+   switchOptions.adoptNotes = options_.adoptNotes;
    if (options_.yieldEvery > 0) {
       uint32_t n =
           options_.yieldEvery > 0xFFFFFFFFull ? 0xFFFFFFFFu : uint32_t(options_.yieldEvery);

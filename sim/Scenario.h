@@ -42,6 +42,11 @@ struct ScenarioOptions {
    // The switch's dataplane (sim/Dataplane.h); none: the simulated table.
    // `status` adds its lines.
    std::shared_ptr<Dataplane> dataplane = nullptr;
+   // Adopt mode: the dataplane's routes of other programs are FIB routes
+   // (see sim/RouteAdopter.h; the caller has the dataplane follow them with
+   // adoptIs()); routes skipped are noted on `adoptNotes`.
+   bool adopt = false;
+   std::ostream* adoptNotes = nullptr;
 };
 
 struct ScenarioResult {

@@ -34,9 +34,14 @@ Switch::Switch(Options options)
       syslogSink_(Zop::makePtr<Syslog::MemorySink>()),
       syslogRegistry_(Zop::makePtr<Syslog::Registry>(syslogSink_)),
       hardware_(Zop::makePtr<HardwareRouteTable>()) {
+   std::shared_ptr<Dataplane> dataplane = options.dataplane;
    hardware_->dataplaneIs(std::move(options.dataplane));
    routing_ = std::make_unique<RoutingAgent>(scheduler_, l3Status_, fibRoutes_, fibRoutes6_,
                                              routeStatus_, route6Status_, hardware_);
+   if (options.adopt && dataplane) {
+      adopter_ =
+          std::make_unique<RouteAdopter>(scheduler_, dataplane, *routing_, options.adoptNotes);
+   }
    resolver_ =
        std::make_unique<RouteResolver>(scheduler_, l3Status_, fibRoutes_, fibRoutes6_, routeConfig_,
                                        route6Config_, routeStatus_, route6Status_);
@@ -115,7 +120,17 @@ size_t Switch::settle() {
    // waiting for its next attempt) gets one round: a settle after the
    // hardware takes writes again sees it through, one while the hardware
    // still refuses ends with it pending again.
-   size_t slices = scheduler_->settle();
+   size_t slices = 0;
+   // A bound, for a dataplane whose routes never stop changing.
+   for (int round = 0; round < 1000; ++round) {
+      if (adopter_) {
+         adopter_->pending();
+      }
+      slices += scheduler_->settle();
+      if (!adopter_ || !adopter_->pending()) {
+         break;
+      }
+   }
    return slices + scheduler_->runBackgroundRound();
 }
 

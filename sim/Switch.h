@@ -45,6 +45,7 @@
 #include "sim/HardwareRouteTable.h"
 #include "sim/HwIdAllocator.h"
 #include "sim/Oracle.h"
+#include "sim/RouteAdopter.h"
 #include "sim/RouteResolver.h"
 #include "sim/RoutingAgent.h"
 #include "sim/RoutingLayer.h"
@@ -61,6 +62,11 @@ struct SwitchOptions {
    // Where the hardware table's entries really go (sim/Dataplane.h); none:
    // the simulated table is the hardware.
    std::shared_ptr<Dataplane> dataplane = nullptr;
+   // Adopt mode (sim/RouteAdopter.h): the dataplane's routes of other
+   // programs are FIB routes of the switch; their skipped routes are noted
+   // on `adoptNotes`. Needs a dataplane that follows them (adoptIs).
+   bool adopt = false;
+   std::ostream* adoptNotes = nullptr;
 };
 
 class Switch {
@@ -76,7 +82,10 @@ public:
 
    // Runs the scheduler until nothing but background tasks is scheduled,
    // then gives those one round (see Ruv::TaskScheduler::runBackgroundRound);
-   // returns the slices run.
+   // returns the slices run. In adopt mode the dataplane's route changes are
+   // read first and again after each round, until it reports none: a settle
+   // sees every change made before it began (and the kernel's answers to
+   // the writes it caused).
    size_t settle();
    // The oracle's differences; empty when the hardware is as it must be.
    std::vector<Zop::String> check() const;
@@ -128,6 +137,8 @@ public:
    HardwareRouteTable& hardware() { return *hardware_; }
    const HardwareRouteTable& hardware() const { return *hardware_; }
    RoutingAgent& routing() { return *routing_; }
+   // Null unless in adopt mode.
+   RouteAdopter* adopter() { return adopter_.get(); }
    RoutingLayer& routingLayer() { return *routingLayer_; }
    const Zop::Ptr<RoutingStatusHelper>& routingStatusHelper() const { return routingStatusHelper_; }
    RouteResolver& resolver() { return *resolver_; }
@@ -198,6 +209,7 @@ private:
 
    Zop::Ptr<HardwareRouteTable> hardware_;
    std::unique_ptr<RoutingAgent> routing_;
+   std::unique_ptr<RouteAdopter> adopter_;
    std::unique_ptr<RouteResolver> resolver_;
    std::unique_ptr<HwIdAllocator> allocator_;
    std::unique_ptr<ConfigDriver> config_;

@@ -292,6 +292,10 @@ void LinuxDataplane::close() {
    if (nl_ && !ownNamespace_) {
       flushOwnRoutes();
    }
+   if (monitor_) {
+      mnl_socket_close(monitor_);
+      monitor_ = nullptr;
+   }
    if (nl_) {
       mnl_socket_close(nl_);
       nl_ = nullptr;
@@ -348,6 +352,20 @@ bool LinuxDataplane::entryIs(const HwKey& key, const HwEntry& entry) {
    const uint32_t table = key.vrfId.value();
    const RouteInfo& r = entry.routeInfo;
    const bool drop = r.routeType() == RouteType::routeTypeDrop;
+   if (auto f = foreign_.find(key);
+       f != foreign_.end() && f->second.skipped.empty() && entry.owner == HwOwner::fibRoute &&
+       !r.flag() && r.routeType() == RouteType::routeTypeForward && r.adjIndex() == f->second.adj) {
+      // Another program's route: it stays theirs, only its realm is ours.
+      // The kernel keeps no realm on IPv6 routes: nothing to write there.
+      if (key.prefix.isIpv4() && f->second.realm != entry.classId.value()) {
+         if (int err = adoptedWrite(key, entry.classId.value()); err != 0) {
+            refused(key, "realm on an adopted route", err);
+            return false;
+         }
+      }
+      acked_[key] = entry;
+      return true;
+   }
    if (reservedTable(table) || r.flag() ||
        !(drop || r.routeType() == RouteType::routeTypeForward) ||
        (!drop && key.prefix.isIpv4() && r.adjIndex() >= kNextHop4Count &&
@@ -393,15 +411,37 @@ bool LinuxDataplane::entryIs(const HwKey& key, const HwEntry& entry) {
    return true;
 }
 
-bool LinuxDataplane::entryDel(const HwKey& key) {
-   if (reservedTable(key.vrfId.value())) {
-      return true;
-   }
+int LinuxDataplane::delRoute(const HwKey& key, uint8_t proto) {
    char buf[MNL_SOCKET_BUFFER_SIZE];
    nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
    rtmsg* rtm = routeHeader(nlh, RTM_DELROUTE, 0, ++seq_, key);
    rtm->rtm_scope = RT_SCOPE_NOWHERE;
-   int err = transact(buf);
+   rtm->rtm_protocol = proto;
+   return transact(buf);
+}
+
+bool LinuxDataplane::entryDel(const HwKey& key) {
+   if (reservedTable(key.vrfId.value())) {
+      return true;
+   }
+   if (auto f = foreign_.find(key); f != foreign_.end()) {
+      // Another program's route: our realm goes, the route stays.
+      if (key.prefix.isIpv4() && f->second.skipped.empty() && f->second.realm != 0) {
+         if (int err = adoptedWrite(key, 0); err != 0) {
+            refused(key, "realm removal on an adopted route", err);
+            return false;
+         }
+      }
+      acked_.erase(key);
+      return true;
+   }
+   // Only a route of ours: another program's route at the same prefix stays.
+   auto acked = acked_.find(key);
+   uint8_t proto = 0;
+   if (acked != acked_.end()) {
+      proto = acked->second.owner == HwOwner::fibRoute ? kProtoFib : kProtoSegment;
+   }
+   int err = delRoute(key, proto);
    if (err != 0 && err != -ESRCH && err != -ENOENT) {
       refused(key, "route removal", err);
       return false;
@@ -425,6 +465,7 @@ struct DumpState {
    const std::map<int, uint64_t>* linkHostAdj;
    const std::map<std::pair<uint32_t, int>, uint64_t>* dropAdj;
    const std::map<HwKey, HwEntry>* acked;
+   const std::map<HwKey, uint64_t>* adopted;
    std::map<HwKey, HwEntry>* out;
 };
 
@@ -440,8 +481,9 @@ int attrCallback(const nlattr* attr, void* data) {
 int routeCallback(const nlmsghdr* nlh, void* data) {
    auto& s = *static_cast<DumpState*>(data);
    const auto* rtm = static_cast<const rtmsg*>(mnl_nlmsg_get_payload(nlh));
-   if (rtm->rtm_family != s.family || (rtm->rtm_protocol != LinuxDataplane::kProtoFib &&
-                                       rtm->rtm_protocol != LinuxDataplane::kProtoSegment)) {
+   const bool ours = rtm->rtm_protocol == LinuxDataplane::kProtoFib ||
+                     rtm->rtm_protocol == LinuxDataplane::kProtoSegment;
+   if (rtm->rtm_family != s.family || (!ours && s.adopted->empty())) {
       return MNL_CB_OK;
    }
    const nlattr* tb[RTA_MAX + 1] = {};
@@ -464,7 +506,15 @@ int routeCallback(const nlmsghdr* nlh, void* data) {
    HwEntry e;
    e.owner =
        rtm->rtm_protocol == LinuxDataplane::kProtoFib ? HwOwner::fibRoute : HwOwner::segmentRoute;
-   if (rtm->rtm_type == RTN_BLACKHOLE) {
+   auto adopted = ours ? s.adopted->end() : s.adopted->find(key);
+   if (!ours && adopted == s.adopted->end()) {
+      return MNL_CB_OK;
+   }
+   if (adopted != s.adopted->end()) {
+      // Another program's route that the table placed as a FIB route.
+      e.owner = HwOwner::fibRoute;
+      e.routeInfo = RouteInfo(RouteType::routeTypeForward, adopted->second);
+   } else if (rtm->rtm_type == RTN_BLACKHOLE) {
       auto it = s.dropAdj->find({table, s.family});
       e.routeInfo = RouteInfo(RouteType::routeTypeDrop, it == s.dropAdj->end() ? 0 : it->second);
    } else if (tb[RTA_GATEWAY]) {
@@ -508,7 +558,14 @@ void LinuxDataplane::dumpFamily(int family, std::map<HwKey, HwEntry>& out) {
    if (mnl_socket_sendto(nl_, nlh, nlh->nlmsg_len) < 0) {
       return;
    }
-   DumpState state{family, &linkHostAdj_, &dropAdj_, &acked_, &out};
+   // Adopted routes the table placed (an entry acknowledged) are listed too.
+   std::map<HwKey, uint64_t> adopted;
+   for (const auto& [key, f] : foreign_) {
+      if (f.skipped.empty() && acked_.count(key)) {
+         adopted[key] = f.adj;
+      }
+   }
+   DumpState state{family, &linkHostAdj_, &dropAdj_, &acked_, &adopted, &out};
    std::vector<char> rx(1 << 16);
    for (;;) {
       ssize_t n = mnl_socket_recvfrom(nl_, rx.data(), rx.size());
@@ -531,15 +588,26 @@ std::map<HwKey, HwEntry> LinuxDataplane::entries() {
 
 void LinuxDataplane::flushOwnRoutes() {
    for (const auto& [key, entry] : entries()) {
-      entryDel(key);
+      if (foreign_.count(key)) {
+         entryDel(key);
+      } else {
+         delRoute(key, entry.owner == HwOwner::fibRoute ? kProtoFib : kProtoSegment);
+      }
    }
    acked_.clear();
 }
 
 std::vector<std::string> LinuxDataplane::statusLines() const {
-   return {"dataplane: linux (VRF id N is kernel table N; IPv4 ids are route realms)",
-           "dataplaneIpv6Ids: kept beside the kernel table (the kernel carries no realm on "
-           "IPv6 routes)"};
+   std::vector<std::string> lines = {
+       "dataplane: linux (VRF id N is kernel table N; IPv4 ids are route realms)",
+       "dataplaneIpv6Ids: kept beside the kernel table (the kernel carries no realm on "
+       "IPv6 routes)"};
+   if (monitor_) {
+      lines.push_back(
+          "dataplaneAdopt: on (other programs' routes in table N are FIB routes of "
+          "the VRF with id N)");
+   }
+   return lines;
 }
 
 namespace {
@@ -766,6 +834,336 @@ std::map<std::string, uint64_t> LinuxDataplane::ruleCounts() {
           std::strtoull(line.c_str() + packets + 16, nullptr, 10);
    }
    return counts;
+}
+
+// ---- Adopt mode ----
+
+namespace {
+
+static_assert(sizeof(rtmsg) == 12);
+
+uint32_t fnv1a32(const std::string& text) {
+   uint32_t h = 2166136261u;
+   for (unsigned char c : text) {
+      h = (h ^ c) * 16777619u;
+   }
+   return h;
+}
+
+std::string typeName(uint8_t type) {
+   switch (type) {
+      case RTN_BLACKHOLE:
+         return "blackhole";
+      case RTN_UNREACHABLE:
+         return "unreachable";
+      case RTN_PROHIBIT:
+         return "prohibit";
+      case RTN_THROW:
+         return "throw";
+      case RTN_LOCAL:
+         return "local";
+      case RTN_BROADCAST:
+         return "broadcast";
+      case RTN_MULTICAST:
+         return "multicast";
+      case RTN_ANYCAST:
+         return "anycast";
+      case RTN_NAT:
+         return "nat";
+      default:
+         return "type " + std::to_string(type);
+   }
+}
+
+// The attributes a write of another program's route repeats (the rest are
+// the kernel's: cache info, the table, which the write sets, and the realm).
+bool repeated(uint16_t type) {
+   return type == RTA_DST || type == RTA_GATEWAY || type == RTA_OIF || type == RTA_PRIORITY ||
+          type == RTA_PREFSRC || type == RTA_METRICS || type == RTA_PREF;
+}
+
+int collectCallback(const nlmsghdr* nlh, void* data) {
+   auto& out = *static_cast<std::vector<std::vector<char>>*>(data);
+   const char* p = reinterpret_cast<const char*>(nlh);
+   out.emplace_back(p, p + nlh->nlmsg_len);
+   return MNL_CB_OK;
+}
+
+int linkNameCallback(const nlattr* attr, void* data) {
+   if (mnl_attr_get_type(attr) == IFLA_IFNAME) {
+      *static_cast<std::string*>(data) = mnl_attr_get_str(attr);
+   }
+   return MNL_CB_OK;
+}
+
+int linkCallback(const nlmsghdr* nlh, void* data) {
+   mnl_attr_parse(nlh, sizeof(ifinfomsg), linkNameCallback, data);
+   return MNL_CB_OK;
+}
+
+int repeatedCallback(const nlattr* attr, void* data) {
+   if (repeated(mnl_attr_get_type(attr))) {
+      auto& out = *static_cast<std::vector<char>*>(data);
+      const char* p = reinterpret_cast<const char*>(attr);
+      out.insert(out.end(), p, p + MNL_ALIGN(attr->nla_len));
+   }
+   return MNL_CB_OK;
+}
+
+}  // namespace
+
+std::vector<std::vector<char>> LinuxDataplane::dumpRaw(int family) {
+   std::vector<std::vector<char>> out;
+   char buf[MNL_SOCKET_BUFFER_SIZE];
+   nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
+   nlh->nlmsg_type = RTM_GETROUTE;
+   nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+   nlh->nlmsg_seq = ++seq_;
+   auto* rtm = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(rtmsg)));
+   rtm->rtm_family = uint8_t(family);
+   if (mnl_socket_sendto(nl_, nlh, nlh->nlmsg_len) < 0) {
+      return out;
+   }
+   std::vector<char> rx(1 << 16);
+   for (;;) {
+      ssize_t n = mnl_socket_recvfrom(nl_, rx.data(), rx.size());
+      if (n < 0) {
+         return out;
+      }
+      int ret = mnl_cb_run(rx.data(), size_t(n), nlh->nlmsg_seq, portId_, collectCallback, &out);
+      if (ret <= MNL_CB_STOP) {
+         return out;
+      }
+   }
+}
+
+std::string LinuxDataplane::linkName(int index) {
+   if (auto it = linkNames_.find(index); it != linkNames_.end()) {
+      return it->second;
+   }
+   char buf[MNL_SOCKET_BUFFER_SIZE];
+   nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
+   nlh->nlmsg_type = RTM_GETLINK;
+   nlh->nlmsg_flags = NLM_F_REQUEST;
+   nlh->nlmsg_seq = ++seq_;
+   auto* ifm = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
+   ifm->ifi_index = index;
+   std::string name;
+   if (mnl_socket_sendto(nl_, nlh, nlh->nlmsg_len) >= 0) {
+      char rx[MNL_SOCKET_BUFFER_SIZE];
+      ssize_t n = mnl_socket_recvfrom(nl_, rx, sizeof rx);
+      if (n > 0) {
+         mnl_cb_run(rx, size_t(n), nlh->nlmsg_seq, portId_, linkCallback, &name);
+      }
+   }
+   if (name.empty()) {
+      name = "#" + std::to_string(index);
+   }
+   linkNames_[index] = name;
+   return name;
+}
+
+std::string LinuxDataplane::adoptIs() {
+   if (monitor_) {
+      return "";
+   }
+   const std::string path = kNetnsDir + netns_;
+   std::string why;
+   std::thread opener([&] {
+      int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd < 0 || setns(fd, CLONE_NEWNET) != 0) {
+         why = "cannot enter " + path + ": " + std::strerror(errno);
+      } else {
+         monitor_ = mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | SOCK_NONBLOCK);
+         if (!monitor_ || mnl_socket_bind(monitor_, RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE,
+                                          MNL_SOCKET_AUTOPID) < 0) {
+            why = std::string("cannot open the route monitor: ") + std::strerror(errno);
+         }
+      }
+      if (fd >= 0) {
+         ::close(fd);
+      }
+   });
+   opener.join();
+   if (!why.empty()) {
+      if (monitor_) {
+         mnl_socket_close(monitor_);
+         monitor_ = nullptr;
+      }
+      return why;
+   }
+   // Room for a routing daemon's burst between two reads; an overrun is
+   // recovered by reading the tables again (resync).
+   int size = 8 << 20;
+   setsockopt(mnl_socket_get_fd(monitor_), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+   // Subscribed first, then the tables read: a change in between is seen
+   // twice, which changes nothing.
+   resync();
+   return "";
+}
+
+void LinuxDataplane::resync() {
+   std::map<HwKey, Foreign> before;
+   before.swap(foreign_);
+   for (int family : {AF_INET, AF_INET6}) {
+      for (const auto& msg : dumpRaw(family)) {
+         foreignSeen(reinterpret_cast<const nlmsghdr*>(msg.data()));
+      }
+   }
+   for (const auto& [key, f] : before) {
+      if (!foreign_.count(key)) {
+         foreignQueue_.push_back({key, false, 0, ""});
+      }
+   }
+}
+
+void LinuxDataplane::foreignSeen(const nlmsghdr* nlh) {
+   if ((nlh->nlmsg_type != RTM_NEWROUTE && nlh->nlmsg_type != RTM_DELROUTE) ||
+       nlh->nlmsg_len < NLMSG_LENGTH(sizeof(rtmsg))) {
+      return;
+   }
+   const auto* rtm = static_cast<const rtmsg*>(mnl_nlmsg_get_payload(nlh));
+   if ((rtm->rtm_family != AF_INET && rtm->rtm_family != AF_INET6) ||
+       rtm->rtm_protocol == kProtoFib || rtm->rtm_protocol == kProtoSegment ||
+       (rtm->rtm_flags & RTM_F_CLONED)) {
+      return;
+   }
+   const nlattr* tb[RTA_MAX + 1] = {};
+   mnl_attr_parse(nlh, sizeof(*rtm), attrCallback, tb);
+   const uint32_t table = tb[RTA_TABLE] ? mnl_attr_get_u32(tb[RTA_TABLE]) : rtm->rtm_table;
+   if (reservedTable(table)) {
+      return;
+   }
+   const auto* dst =
+       tb[RTA_DST] ? static_cast<const uint8_t*>(mnl_attr_get_payload(tb[RTA_DST])) : nullptr;
+   Pexo::IpGenPrefix prefix;
+   if (rtm->rtm_family == AF_INET) {
+      uint32_t a = 0;
+      if (dst) {
+         std::memcpy(&a, dst, 4);
+      }
+      prefix = Pexo::IpGenPrefix(Pexo::Prefix(Pexo::IpAddr(ntohl(a)), rtm->rtm_dst_len));
+   } else {
+      uint64_t hi = dst ? bigEndian64(dst) : 0, lo = dst ? bigEndian64(dst + 8) : 0;
+      prefix = Pexo::IpGenPrefix(Pexo::Ip6Prefix(Pexo::Ip6Addr(hi, lo), rtm->rtm_dst_len));
+   }
+   const HwKey key{VrfId(table), prefix};
+   auto old = foreign_.find(key);
+   if (nlh->nlmsg_type == RTM_DELROUTE) {
+      if (old != foreign_.end()) {
+         foreign_.erase(old);
+         foreignQueue_.push_back({key, false, 0, ""});
+      }
+      return;
+   }
+   Foreign f;
+   std::memcpy(f.header, rtm, sizeof f.header);
+   mnl_attr_parse(nlh, sizeof(*rtm), repeatedCallback, &f.attrs);
+   f.realm = tb[RTA_FLOW] ? mnl_attr_get_u32(tb[RTA_FLOW]) & 0xFFFF : 0;
+   const int oif = tb[RTA_OIF] ? int(mnl_attr_get_u32(tb[RTA_OIF])) : 0;
+   if (rtm->rtm_type != RTN_UNICAST) {
+      f.skipped = "a " + typeName(rtm->rtm_type) + " route is not a forward route";
+   } else if (tb[RTA_MULTIPATH]) {
+      f.skipped = "a multipath route has no single adjacency";
+   } else if (rtm->rtm_src_len != 0) {
+      f.skipped = "a source-specific route";
+   } else if (rtm->rtm_tos != 0) {
+      f.skipped = "a route with a TOS";
+   } else if (tb[RTA_GATEWAY]) {
+      const auto* gw = static_cast<const uint8_t*>(mnl_attr_get_payload(tb[RTA_GATEWAY]));
+      char text[INET6_ADDRSTRLEN] = {};
+      inet_ntop(rtm->rtm_family, gw, text, sizeof text);
+      uint32_t a = 0;
+      if (rtm->rtm_family == AF_INET) {
+         std::memcpy(&a, gw, 4);
+         a = ntohl(a);
+      }
+      if (rtm->rtm_family == AF_INET && oif == linkIndex_ && a >= kNextHop4Base &&
+          a - kNextHop4Base < kNextHop4Count) {
+         f.adj = a - kNextHop4Base;
+      } else {
+         f.adj = kAdoptAdjBase + fnv1a32(std::string("via ") + text) % 0x100000;
+      }
+   } else if (oif) {
+      f.adj = kAdoptAdjBase + fnv1a32("dev " + linkName(oif)) % 0x100000;
+   } else {
+      f.skipped = "a route without a next hop";
+   }
+   const bool changed =
+       old == foreign_.end() || old->second.adj != f.adj || old->second.skipped != f.skipped;
+   foreign_[key] = f;
+   if (changed) {
+      foreignQueue_.push_back({key, true, f.adj, f.skipped});
+   }
+   // The table placed this route with a realm, and the kernel now holds
+   // another (its owner replaced it, most often without one): ours again.
+   auto acked = acked_.find(key);
+   if (acked != acked_.end() && f.skipped.empty() && key.prefix.isIpv4() &&
+       acked->second.owner == HwOwner::fibRoute && acked->second.routeInfo.adjIndex() == f.adj &&
+       acked->second.classId.value() != f.realm) {
+      if (int err = adoptedWrite(key, acked->second.classId.value()); err != 0) {
+         refused(key, "realm restored on an adopted route", err);
+      } else {
+         ++realmsRestored_;
+      }
+   }
+}
+
+int LinuxDataplane::adoptedWrite(const HwKey& key, uint32_t classId) {
+   auto f = foreign_.find(key);
+   if (f == foreign_.end()) {
+      return -ENOENT;
+   }
+   char buf[MNL_SOCKET_BUFFER_SIZE];
+   nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
+   nlh->nlmsg_type = RTM_NEWROUTE;
+   nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_REPLACE;
+   nlh->nlmsg_seq = ++seq_;
+   auto* rtm = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(rtmsg)));
+   std::memcpy(rtm, f->second.header, sizeof f->second.header);
+   rtm->rtm_flags &= RTNH_F_ONLINK;
+   if (f->second.attrs.size() + 64 > sizeof buf - nlh->nlmsg_len) {
+      return -EMSGSIZE;
+   }
+   std::memcpy(static_cast<char*>(mnl_nlmsg_get_payload_tail(nlh)), f->second.attrs.data(),
+               f->second.attrs.size());
+   nlh->nlmsg_len += uint32_t(f->second.attrs.size());
+   mnl_attr_put_u32(nlh, RTA_TABLE, key.vrfId.value());
+   if (classId != 0) {
+      mnl_attr_put_u32(nlh, RTA_FLOW, classId);
+   }
+   const int err = transact(buf);
+   if (err == 0) {
+      f->second.realm = classId;
+   }
+   return err;
+}
+
+bool LinuxDataplane::foreignRouteNext(ForeignRoute& out) {
+   while (foreignHead_ == foreignQueue_.size() && monitor_) {
+      foreignQueue_.clear();
+      foreignHead_ = 0;
+      char buf[MNL_SOCKET_BUFFER_SIZE];
+      ssize_t n = recv(mnl_socket_get_fd(monitor_), buf, sizeof buf, MSG_DONTWAIT);
+      if (n < 0 && errno == ENOBUFS) {
+         // Messages were lost: what the tables hold now is the truth.
+         resync();
+         continue;
+      }
+      if (n <= 0) {
+         break;
+      }
+      int left = int(n);
+      for (auto* nlh = reinterpret_cast<const nlmsghdr*>(buf); mnl_nlmsg_ok(nlh, left);
+           nlh = mnl_nlmsg_next(nlh, &left)) {
+         foreignSeen(nlh);
+      }
+   }
+   if (foreignHead_ == foreignQueue_.size()) {
+      return false;
+   }
+   out = foreignQueue_[foreignHead_++];
+   return true;
 }
 
 }  // namespace sim

@@ -43,6 +43,7 @@
 #include "sim/Dataplane.h"
 
 struct mnl_socket;
+struct nlmsghdr;
 
 namespace sim {
 
@@ -80,6 +81,25 @@ public:
                       Pexo::IpAddr gateway, uint64_t& adj) override;
    std::string send(const std::string& host, Pexo::IpAddr to, bool& delivered) override;
 
+   // Adopt mode: other programs' routes in the namespace's tables (any
+   // protocol but the two above; not tables 0 and 253-255) are followed
+   // through a route monitor socket, non-blocking. A unicast route with one
+   // next hop has the adjacency:
+   //   via 100.64.0.0 + A dev kiv0      A (the encoding above)
+   //   via GATEWAY                      kAdoptAdjBase + fnv1a32("via GATEWAY") % 2^20
+   //   dev LINK (no gateway)            kAdoptAdjBase + fnv1a32("dev LINK") % 2^20
+   // Other kinds (blackhole and the like, multipath, source-specific, with a
+   // TOS) are reported as skipped. The table's writes to an adopted route
+   // keep the owner's route (protocol, next hop, metric) and only set its
+   // realm; a route its owner replaces without the realm the table wrote
+   // gets it back at once, when the monitor shows it. Removing an adopted
+   // entry takes its realm off and leaves the route to its owner.
+   static constexpr uint64_t kAdoptAdjBase = 0x200000;
+   std::string adoptIs() override;
+   bool foreignRouteNext(ForeignRoute& out) override;
+   // Realms written back onto routes their owners replaced without one.
+   uint64_t realmsRestored() const { return realmsRestored_; }
+
    const std::string& netns() const { return netns_; }
    // The kernel's refusals, one line each ("vrf 1 10.1.0.0/16: File exists").
    const std::vector<std::string>& refusals() const { return refusals_; }
@@ -93,6 +113,18 @@ private:
    // Removes every route of our protocols (left by an earlier run, or at the end).
    void flushOwnRoutes();
    void refused(const HwKey& key, const std::string& what, int err);
+   // Removes the route of `key` with the protocol `proto` (0: any).
+   int delRoute(const HwKey& key, uint8_t proto);
+   // Every route message of one family the kernel dumps, raw.
+   std::vector<std::vector<char>> dumpRaw(int family);
+   // A route message of another program (new or deleted).
+   void foreignSeen(const nlmsghdr* nlh);
+   // Writes the owner's route of `key` back with the realm `classId`.
+   int adoptedWrite(const HwKey& key, uint32_t classId);
+   std::string linkName(int index);
+   // After the monitor lost messages: the tables read again, the
+   // differences reported.
+   void resync();
    void close();
 
    std::string netns_;
@@ -118,6 +150,20 @@ private:
    // The link a host adjacency goes out of, and back.
    std::map<uint64_t, int> hostAdjLink_;
    std::map<int, uint64_t> linkHostAdj_;
+   // Adopt mode.
+   struct Foreign {
+      uint8_t header[12] = {};  // the route's rtmsg
+      std::vector<char> attrs;  // its attributes a write repeats
+      uint64_t adj = 0;
+      std::string skipped;
+      uint32_t realm = 0;
+   };
+   mnl_socket* monitor_ = nullptr;
+   std::map<HwKey, Foreign> foreign_;
+   std::vector<ForeignRoute> foreignQueue_;
+   size_t foreignHead_ = 0;
+   std::map<int, std::string> linkNames_;
+   uint64_t realmsRestored_ = 0;
    bool forwarding_ = false;
    bool ruleTable_ = false;
 };

@@ -55,6 +55,9 @@ const char* kUsage =
     "                     network namespace; needs root; see docs/DATAPLANE.md)\n"
     "  --netns NAME       with --dataplane linux: use the existing namespace NAME\n"
     "                     (default: one of its own, deleted at exit)\n"
+    "  --adopt            with --dataplane linux: routes other programs put in\n"
+    "                     the namespace's table N (N a VRF's id) are the VRF's FIB\n"
+    "                     routes, followed as they change (read at each settle)\n"
     "  --help             this text\n"
     "  --version          the version\n"
     "Exit status: 0 all lines ran and every check passed; 1 a check found a\n"
@@ -230,6 +233,7 @@ int main(int argc, char** argv) {
    std::vector<std::string> files;
    std::string dataplane = "sim";
    std::string netns;
+   bool adopt = false;
    for (int i = 1; i < argc; ++i) {
       std::string arg = argv[i];
       auto value = [&](uint64_t& n, uint64_t least) {
@@ -283,6 +287,8 @@ int main(int argc, char** argv) {
             return kBad;
          }
          options.yieldEvery = n;
+      } else if (arg == "--adopt") {
+         adopt = true;
       } else if (arg == "--dataplane" || arg == "--netns") {
          if (i + 1 >= argc) {
             std::cerr << "kivsim: " << arg << " needs a value\n";
@@ -335,10 +341,23 @@ int main(int argc, char** argv) {
       std::cerr << "kivsim: --netns goes with --dataplane linux\n";
       return kBad;
    }
+   if (adopt && dataplane != "linux") {
+      std::cerr << "kivsim: --adopt goes with --dataplane linux\n";
+      return kBad;
+   }
    if (dataplane == "linux") {
 #ifdef KIVSIM_LINUX_DATAPLANE
       try {
-         options.dataplane = sim::LinuxDataplane::open(netns);
+         auto kernel = sim::LinuxDataplane::open(netns);
+         if (adopt) {
+            if (std::string why = kernel->adoptIs(); !why.empty()) {
+               std::cerr << "kivsim: --adopt: " << why << '\n';
+               return kBad;
+            }
+            options.adopt = true;
+            options.adoptNotes = &std::cerr;
+         }
+         options.dataplane = std::move(kernel);
       } catch (const sim::LinuxDataplane::Error& e) {
          std::cerr << "kivsim: --dataplane linux: " << e.what() << '\n';
          return kBad;
