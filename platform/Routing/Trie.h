@@ -211,6 +211,11 @@ private:
    };
 
    K keyOf(const Node& n) const { return Traits::load(n.key); }
+   // The topmost node equal to or inside key/len, or kNil.
+   uint32_t topmostInside(K key, unsigned len) const;
+   // Visits the subtrees on the stack (top first) in walk order.
+   template <class F>
+   void walkPending(uint32_t* stack, unsigned sp, F& f) const;
    void ensureSpare(size_t n);
    uint32_t alloc(K key, unsigned len, bool stored);
    void release(uint32_t i);
@@ -427,33 +432,40 @@ std::optional<typename PrefixTrie<K>::Match> PrefixTrie<K>::longestMatch(K key,
 }
 
 template <class K>
-template <class F>
-void PrefixTrie<K>::walk(K key, unsigned len, F&& f) const {
-   WalkGuard guard(*this);
-   // Find the topmost node inside key/len.
+uint32_t PrefixTrie<K>::topmostInside(K key, unsigned len) const {
    uint32_t idx = root_;
    while (idx != kNil) {
       const Node& n = pool_[idx];
       const unsigned common = commonLen(key, keyOf(n));
       if (n.len >= len) {
-         if (common < len) {
-            return;
-         }
-         break;
+         return common < len ? kNil : idx;
       }
       if (common < n.len) {
-         return;
+         return kNil;
       }
       idx = n.child[bitAt(key, n.len)];
    }
+   return kNil;
+}
+
+template <class K>
+template <class F>
+void PrefixTrie<K>::walk(K key, unsigned len, F&& f) const {
+   WalkGuard guard(*this);
+   const uint32_t idx = topmostInside(key, len);
    if (idx == kNil) {
       return;
    }
+   uint32_t stack[kBits + 2];
+   stack[0] = idx;
+   walkPending(stack, 1, f);
+}
+
+template <class K>
+template <class F>
+void PrefixTrie<K>::walkPending(uint32_t* stack, unsigned sp, F& f) const {
    // Pending nodes are right children of nodes on the current path, one per
    // distinct length below kBits, plus the two children just pushed.
-   uint32_t stack[kBits + 2];
-   unsigned sp = 0;
-   stack[sp++] = idx;
    while (sp != 0) {
       const Node& n = pool_[stack[--sp]];
       if (n.stored) {
@@ -487,21 +499,7 @@ template <class K>
 template <class F>
 void PrefixTrie<K>::walkAfter(K key, unsigned len, K afterKey, unsigned afterLen, F&& f) const {
    WalkGuard guard(*this);
-   uint32_t idx = root_;
-   while (idx != kNil) {
-      const Node& n = pool_[idx];
-      const unsigned common = commonLen(key, keyOf(n));
-      if (n.len >= len) {
-         if (common < len) {
-            return;
-         }
-         break;
-      }
-      if (common < n.len) {
-         return;
-      }
-      idx = n.child[bitAt(key, n.len)];
-   }
+   uint32_t idx = topmostInside(key, len);
    // The pending nodes are those whose whole subtree comes after `after`:
    // going down towards it, the 1-side sibling of every 0-step; where the
    // path ends, the node reached if it lies after `after`, or the children
@@ -536,24 +534,7 @@ void PrefixTrie<K>::walkAfter(K key, unsigned len, K afterKey, unsigned afterLen
       idx = n.child[bit];
    }
    // The pending subtrees lie in walk order from the top of the stack down.
-   while (sp != 0) {
-      const Node& n = pool_[stack[--sp]];
-      if (n.stored) {
-         const WalkStep step = f(keyOf(n), unsigned(n.len));
-         if (step == WalkStep::stop) {
-            return;
-         }
-         if (step == WalkStep::skip) {
-            continue;
-         }
-      }
-      if (n.child[1] != kNil) {
-         stack[sp++] = n.child[1];
-      }
-      if (n.child[0] != kNil) {
-         stack[sp++] = n.child[0];
-      }
-   }
+   walkPending(stack, sp, f);
 }
 
 template <class K>

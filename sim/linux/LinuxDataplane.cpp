@@ -187,6 +187,21 @@ uint64_t bigEndian64(const uint8_t* b) {
    return v;
 }
 
+// The destination prefix of a route message (its RTA_DST, absent for a /0).
+Pexo::IpGenPrefix routeDestination(const rtmsg* rtm, const nlattr* const* tb) {
+   const auto* dst =
+       tb[RTA_DST] ? static_cast<const uint8_t*>(mnl_attr_get_payload(tb[RTA_DST])) : nullptr;
+   if (rtm->rtm_family == AF_INET) {
+      uint32_t a = 0;
+      if (dst) {
+         std::memcpy(&a, dst, 4);
+      }
+      return Pexo::IpGenPrefix(Pexo::Prefix(Pexo::IpAddr(ntohl(a)), rtm->rtm_dst_len));
+   }
+   uint64_t hi = dst ? bigEndian64(dst) : 0, lo = dst ? bigEndian64(dst + 8) : 0;
+   return Pexo::IpGenPrefix(Pexo::Ip6Prefix(Pexo::Ip6Addr(hi, lo), rtm->rtm_dst_len));
+}
+
 std::string keyLine(const HwKey& key) {
    return "vrf " + std::to_string(key.vrfId.value()) + " " + valueToStrep(key.prefix);
 }
@@ -489,19 +504,7 @@ int routeCallback(const nlmsghdr* nlh, void* data) {
    const nlattr* tb[RTA_MAX + 1] = {};
    mnl_attr_parse(nlh, sizeof(*rtm), attrCallback, tb);
    const uint32_t table = tb[RTA_TABLE] ? mnl_attr_get_u32(tb[RTA_TABLE]) : rtm->rtm_table;
-   Pexo::IpGenPrefix prefix;
-   const auto* dst =
-       tb[RTA_DST] ? static_cast<const uint8_t*>(mnl_attr_get_payload(tb[RTA_DST])) : nullptr;
-   if (s.family == AF_INET) {
-      uint32_t a = 0;
-      if (dst) {
-         std::memcpy(&a, dst, 4);
-      }
-      prefix = Pexo::IpGenPrefix(Pexo::Prefix(Pexo::IpAddr(ntohl(a)), rtm->rtm_dst_len));
-   } else {
-      uint64_t hi = dst ? bigEndian64(dst) : 0, lo = dst ? bigEndian64(dst + 8) : 0;
-      prefix = Pexo::IpGenPrefix(Pexo::Ip6Prefix(Pexo::Ip6Addr(hi, lo), rtm->rtm_dst_len));
-   }
+   const Pexo::IpGenPrefix prefix = routeDestination(rtm, tb);
    const HwKey key{VrfId(table), prefix};
    HwEntry e;
    e.owner =
@@ -1034,19 +1037,7 @@ void LinuxDataplane::foreignSeen(const nlmsghdr* nlh) {
    if (reservedTable(table)) {
       return;
    }
-   const auto* dst =
-       tb[RTA_DST] ? static_cast<const uint8_t*>(mnl_attr_get_payload(tb[RTA_DST])) : nullptr;
-   Pexo::IpGenPrefix prefix;
-   if (rtm->rtm_family == AF_INET) {
-      uint32_t a = 0;
-      if (dst) {
-         std::memcpy(&a, dst, 4);
-      }
-      prefix = Pexo::IpGenPrefix(Pexo::Prefix(Pexo::IpAddr(ntohl(a)), rtm->rtm_dst_len));
-   } else {
-      uint64_t hi = dst ? bigEndian64(dst) : 0, lo = dst ? bigEndian64(dst + 8) : 0;
-      prefix = Pexo::IpGenPrefix(Pexo::Ip6Prefix(Pexo::Ip6Addr(hi, lo), rtm->rtm_dst_len));
-   }
+   const Pexo::IpGenPrefix prefix = routeDestination(rtm, tb);
    const HwKey key{VrfId(table), prefix};
    auto old = foreign_.find(key);
    if (nlh->nlmsg_type == RTM_DELROUTE) {
