@@ -550,7 +550,7 @@ int routeCallback(const nlmsghdr* nlh, void* data) {
 
 }  // namespace
 
-void LinuxDataplane::dumpFamily(int family, std::map<HwKey, HwEntry>& out) {
+bool LinuxDataplane::requestRouteDump(int family) {
    char buf[MNL_SOCKET_BUFFER_SIZE];
    nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
    nlh->nlmsg_type = RTM_GETROUTE;
@@ -558,7 +558,11 @@ void LinuxDataplane::dumpFamily(int family, std::map<HwKey, HwEntry>& out) {
    nlh->nlmsg_seq = ++seq_;
    auto* rtm = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(rtmsg)));
    rtm->rtm_family = uint8_t(family);
-   if (mnl_socket_sendto(nl_, nlh, nlh->nlmsg_len) < 0) {
+   return mnl_socket_sendto(nl_, nlh, nlh->nlmsg_len) >= 0;
+}
+
+void LinuxDataplane::dumpFamily(int family, std::map<HwKey, HwEntry>& out) {
+   if (!requestRouteDump(family)) {
       return;
    }
    // Adopted routes the table placed (an entry acknowledged) are listed too.
@@ -575,7 +579,7 @@ void LinuxDataplane::dumpFamily(int family, std::map<HwKey, HwEntry>& out) {
       if (n < 0) {
          return;
       }
-      int ret = mnl_cb_run(rx.data(), size_t(n), nlh->nlmsg_seq, portId_, routeCallback, &state);
+      int ret = mnl_cb_run(rx.data(), size_t(n), seq_, portId_, routeCallback, &state);
       if (ret <= MNL_CB_STOP) {
          return;
       }
@@ -917,14 +921,7 @@ int repeatedCallback(const nlattr* attr, void* data) {
 
 std::vector<std::vector<char>> LinuxDataplane::dumpRaw(int family) {
    std::vector<std::vector<char>> out;
-   char buf[MNL_SOCKET_BUFFER_SIZE];
-   nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
-   nlh->nlmsg_type = RTM_GETROUTE;
-   nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-   nlh->nlmsg_seq = ++seq_;
-   auto* rtm = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(rtmsg)));
-   rtm->rtm_family = uint8_t(family);
-   if (mnl_socket_sendto(nl_, nlh, nlh->nlmsg_len) < 0) {
+   if (!requestRouteDump(family)) {
       return out;
    }
    std::vector<char> rx(1 << 16);
@@ -933,7 +930,7 @@ std::vector<std::vector<char>> LinuxDataplane::dumpRaw(int family) {
       if (n < 0) {
          return out;
       }
-      int ret = mnl_cb_run(rx.data(), size_t(n), nlh->nlmsg_seq, portId_, collectCallback, &out);
+      int ret = mnl_cb_run(rx.data(), size_t(n), seq_, portId_, collectCallback, &out);
       if (ret <= MNL_CB_STOP) {
          return out;
       }

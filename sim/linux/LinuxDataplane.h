@@ -109,6 +109,9 @@ private:
    // One request, its acknowledgement waited for: 0 or the kernel's -errno.
    int transact(void* buffer);
    // Dumps the routes of one family to `out`, ours only.
+   // Asks the kernel for a dump of the family's routes under a new seq_ (the
+   // answer's sequence number); false when the request could not be sent.
+   bool requestRouteDump(int family);
    void dumpFamily(int family, std::map<HwKey, HwEntry>& out);
    // Removes every route of our protocols (left by an earlier run, or at the end).
    void flushOwnRoutes();

@@ -5,14 +5,7 @@
 # where network namespaces cannot be made. Leaves `ip netns list` as it was.
 set -uo pipefail
 kivsim="$1"; shift
-if [[ $(id -u) -ne 0 ]]; then
-   echo "skipped: --dataplane linux needs root (network namespaces)"; exit 77
-fi
-probe="kivtest-probe-$$"
-if ! ip netns add "$probe" 2>/dev/null; then
-   echo "skipped: cannot create a network namespace here"; exit 77
-fi
-ip netns del "$probe"
+source "$(dirname "$0")/needs-netns.sh"
 before=$(ip netns list)
 failed=0; ran=0
 for f in "$@"; do
