@@ -303,6 +303,10 @@ void KivSegmentSecurityVrfSm::queueRoutesWithHwId(SegmentHwId hwId) {
    // A copy: queueing may reach handlers that change the records.
    const std::set<VrfAndIpGenPrefix>& recorded =
        segmentRoutesList_->routeInfoWithHwId(vrfId_, hwId);
+   if (recorded.size() > VrfPrefixCollection::kQueueAtOnce) {
+      reviewList_->recordsToReviewIs({vrfId_, hwId});
+      return;
+   }
    const std::vector<VrfAndIpGenPrefix> routes(recorded.begin(), recorded.end());
    for (const auto& routeKey : routes) {
       processPrefix(routeKey);
@@ -521,6 +525,8 @@ void KivSegmentSecurityVrfSm::doCleanup() {
    if (cleanupRoutes_) {
       routes = std::move(*cleanupRoutes_);
       cleanupRoutes_.reset();
+   } else if (segmentRoutesList_->routeInfoCount() > VrfPrefixCollection::kQueueAtOnce) {
+      reviewList_->recordsToReviewIs({vrfId_, std::nullopt});
    } else {
       for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
          if (routeKey.vrfId() == vrfId_) {
@@ -887,7 +893,12 @@ void KivSegmentSecurityRootSm::handleSecuritySegmentEnable() {
 void KivSegmentSecurityRootSm::startRoutesCleanup() {
    status_->waitForRoutesCleanupIs(true);
    // The processor removes whatever it reviews while the cleanup runs: every
-   // installed route is reviewed, whichever run or reactor put it there.
+   // installed route is reviewed, whichever run or reactor put it there. A
+   // full table is queued by the processor's task, a piece per run.
+   if (segmentRoutesList_->routeInfoCount() > VrfPrefixCollection::kQueueAtOnce) {
+      reviewList_->recordsToReviewIs({});
+      return;
+   }
    std::vector<VrfAndIpGenPrefix> routes;
    for (const auto& [key, route] : segmentRoutesList_->routeInfo()) {
       routes.push_back(key);
@@ -1186,7 +1197,13 @@ void KivSegmentSecurityRootSm::vrfSmDel(const L3::VrfName& name) {
 void KivSegmentSecurityRootSm::vrfSmDelAll() {
    // Each VRF reactor cleans up its own records as it goes. One walk of the
    // records finds every VRF's, in the order each would have met its own;
-   // a walk per VRF would make a teardown cost VRFs times records.
+   // a walk per VRF would make a teardown cost VRFs times records. Past a
+   // slice's worth of records each reactor asks for its VRF's records to be
+   // queued from the processor's task instead.
+   if (segmentRoutesList_->routeInfoCount() > VrfPrefixCollection::kQueueAtOnce) {
+      SegmentSecurityRootBaseSm::vrfSmDelAll();
+      return;
+   }
    std::unordered_map<VrfId, std::vector<VrfAndIpGenPrefix>> byVrf;
    for (const auto& [routeKey, route] : segmentRoutesList_->routeInfo()) {
       byVrf[routeKey.vrfId()].push_back(routeKey);

@@ -33,6 +33,11 @@ public:
          sm_.segmentSubnetTask_->scheduleTaskLowestDelay(0);
       }
    }
+   void handleRecordsToReview() override {
+      if (sm_.segmentSubnetTask_) {
+         sm_.segmentSubnetTask_->scheduleTaskLowestDelay(0);
+      }
+   }
 
 private:
    KivSegmentPrefixProcessorSm& sm_;
@@ -281,7 +286,7 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
    // list's first member; a member removed meanwhile is simply not met. The
    // FIB range walks a member queues go on before the next member, so the
    // FIB route review keeps pace with the segment prefixes.
-   while (continueRoutingWalks() && continueFibRangeWalks() &&
+   while (continueRoutingWalks() && continueRecordWalks() && continueFibRangeWalks() &&
           segmentReviewList_->vrfIpGenPrefixCount() != 0) {
       if (Ruv::taskShouldYield()) {
          break;
@@ -343,7 +348,8 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
       segmentRoutesList_->reviewSegmentHwIdInc(1);
    }
    if ((segmentReviewList_->vrfIpGenPrefixCount() != 0 || !rangeWalks_.empty() ||
-        !routingWalks_.empty()) &&
+        !routingWalks_.empty() || !recordWalks_.empty() ||
+        segmentReviewList_->recordsToReviewCount() != 0) &&
        segmentSubnetTask_) {
       segmentSubnetTask_->scheduleTask();
    }
@@ -725,6 +731,31 @@ bool KivSegmentPrefixProcessorSm::continueRoutingWalks() {
                                              << " prefixes to review: " << walk.queued);
       }
       routingWalks_.pop_front();
+   }
+   return true;
+}
+
+bool KivSegmentPrefixProcessorSm::continueRecordWalks() {
+   for (const auto& request : segmentReviewList_->recordsToReviewTake()) {
+      recordWalks_.push_back(RecordWalk{{request.vrfId, request.hwId}, std::nullopt});
+   }
+   while (!recordWalks_.empty()) {
+      RecordWalk& walk = recordWalks_.front();
+      bool stopped = false;
+      segmentRoutesList_->routeInfoIn(walk.scope, walk.last,
+                                      [&](SegmentHwId hwId, const VrfAndIpGenPrefix& key) {
+                                         if (Ruv::taskShouldYield()) {
+                                            stopped = true;
+                                            return false;
+                                         }
+                                         walk.last = {hwId, key};
+                                         segmentReviewList_->vrfIpGenPrefixIs(key);
+                                         return true;
+                                      });
+      if (stopped) {
+         return false;
+      }
+      recordWalks_.pop_front();
    }
    return true;
 }

@@ -176,6 +176,10 @@ private:
    // each record; false when asked to yield with a walk unfinished.
    void queueRoutingChanges();
    bool continueRoutingWalks();
+   // Takes the review list's requests for whole tables of records and puts
+   // their records on it, asking taskShouldYield() before each record; false
+   // when asked to yield with a request unfinished.
+   bool continueRecordWalks();
 
    Zop::Ptr<L3::VrfStatus> vrfL3Status(VrfId vrfId) const;
    // Puts the FIB routes of the queued range walks on the FIB route review
@@ -261,6 +265,12 @@ private:
       size_t queued = 0;
    };
    std::deque<RoutingWalk> routingWalks_;
+   // The review list's requests for whole tables, each with its place.
+   struct RecordWalk {
+      KivSegmentRouteInfoColl::RecordScope scope;
+      std::optional<KivSegmentRouteInfoColl::RecordBookmark> last;
+   };
+   std::deque<RecordWalk> recordWalks_;
    std::unique_ptr<ReviewListNotifiee> reviewListNotifiee_;
    std::unique_ptr<RouteStatusNotifiee> routeStatusNotifiee_;
    std::unique_ptr<Route6StatusNotifiee> route6StatusNotifiee_;

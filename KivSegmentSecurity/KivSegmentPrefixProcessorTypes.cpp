@@ -129,6 +129,11 @@ std::ostream& operator<<(std::ostream& os, const KivSegmentRouteInfo& v) {
 
 // ---- Collections ----
 
+void VrfPrefixCollection::recordsToReviewIs(const RecordsToReview& r) {
+   recordsToReview_.push_back(r);
+   notifiees_.notify(this, [](Notifiee& n) { n.handleRecordsToReview(); });
+}
+
 void KivSegmentRouteInfoColl::routeInfoIs(const KivSegmentRouteInfo& r) {
    const KivSegmentRouteInfo* old = routeInfo_.find(r.vrfPrefix());
    if (!old || old->hwId() != r.hwId()) {

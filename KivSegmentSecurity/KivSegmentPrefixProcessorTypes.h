@@ -19,10 +19,12 @@
 //   KivSegmentPrefixTrie     the VrfTrieGen of every VRF
 
 #include <cstdint>
+#include <deque>
 #include <iosfwd>
 #include <map>
 #include <optional>
 #include <set>
+#include <utility>
 
 #include "Kiv/KivExport.h"
 #include "Pexo/VrfId.h"
@@ -121,6 +123,7 @@ public:
    class Notifiee : public Zop::BaseNotifiee<VrfPrefixCollection> {
    public:
       virtual void handleVrfIpGenPrefix(const VrfAndIpGenPrefix&) {}
+      virtual void handleRecordsToReview() {}
    };
 
    void vrfIpGenPrefixIs(const VrfAndIpGenPrefix& k) { vrfIpGenPrefix_.is(*this, k); }
@@ -132,9 +135,28 @@ public:
    // The key queued longest ago; the list must not be empty.
    const VrfAndIpGenPrefix& vrfIpGenPrefixFront() const { return vrfIpGenPrefix_.front(); }
 
+   // A whole table's worth of records to queue: every record (no VRF), a
+   // VRF's, or a VRF's records of one hw id. Whoever drains the list takes
+   // the request (recordsToReviewTake) and queues the records itself, a
+   // piece at a time, so that a teardown or the removal of a large segment
+   // does not queue a million keys in one handler. Until then the request
+   // counts as pending work of the list.
+   struct RecordsToReview {
+      std::optional<VrfId> vrfId;
+      std::optional<SegmentHwId> hwId;
+   };
+   void recordsToReviewIs(const RecordsToReview& r);
+   std::deque<RecordsToReview> recordsToReviewTake() { return std::move(recordsToReview_); }
+   size_t recordsToReviewCount() const { return recordsToReview_.size(); }
+
    Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
 
+   // Below this many records a table is queued at once, by the handler that
+   // wants it reviewed: well under a slice.
+   static constexpr size_t kQueueAtOnce = 1024;
+
 private:
+   std::deque<RecordsToReview> recordsToReview_;
    Zop::NotifierList<Notifiee> notifiees_;
    Zop::QueueSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix> vrfIpGenPrefix_{
        &Notifiee::handleVrfIpGenPrefix};
@@ -179,9 +201,29 @@ public:
    // changed meanwhile: records added behind the bookmark are not met.
    template <class F>
    void routeInfoOfVrf(VrfId vrfId, const std::optional<RecordBookmark>& after, F&& f) const {
-      auto group = byHwId_.lower_bound({vrfId, after ? after->hwId : SegmentHwId(0)});
-      for (; group != byHwId_.end() && group->first.first == vrfId; ++group) {
-         auto key = after && group->first.second == after->hwId
+      routeInfoIn(RecordScope{vrfId, std::nullopt}, after, std::forward<F>(f));
+   }
+   // The same over a wider or narrower scope: every record (no VRF), a
+   // VRF's, or a VRF's records that carry one hw id.
+   struct RecordScope {
+      std::optional<VrfId> vrfId;
+      std::optional<SegmentHwId> hwId;  // only with a VRF
+   };
+   template <class F>
+   void routeInfoIn(const RecordScope& scope, const std::optional<RecordBookmark>& after,
+                    F&& f) const {
+      auto group = byHwId_.begin();
+      if (after) {
+         group = byHwId_.lower_bound({after->key.vrfId(), after->hwId});
+      } else if (scope.vrfId) {
+         group = byHwId_.lower_bound({*scope.vrfId, scope.hwId.value_or(SegmentHwId(0))});
+      }
+      for (; group != byHwId_.end(); ++group) {
+         if ((scope.vrfId && group->first.first != *scope.vrfId) ||
+             (scope.hwId && group->first.second != *scope.hwId)) {
+            return;
+         }
+         auto key = after && group->first == std::pair(after->key.vrfId(), after->hwId)
                         ? group->second.upper_bound(after->key)
                         : group->second.begin();
          for (; key != group->second.end(); ++key) {

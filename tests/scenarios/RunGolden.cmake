@@ -3,10 +3,11 @@
 # when EXPECTED_ERRORS exists, standard error must equal it too. An empty
 # SCENARIO runs kivsim with no file. Standard input is never a terminal here,
 # so that no run waits at the prompt: it is INPUT when given, else empty.
+# OPTIONS (a list) go to kivsim before the scenario.
 if(NOT INPUT)
   set(INPUT /dev/null)
 endif()
-execute_process(COMMAND ${KIVSIM} ${SCENARIO}
+execute_process(COMMAND ${KIVSIM} ${OPTIONS} ${SCENARIO}
   INPUT_FILE ${INPUT}
   OUTPUT_FILE ${ACTUAL}
   ERROR_VARIABLE errors
