@@ -1,6 +1,7 @@
 // kivsim: runs scenario files, standard input or an interactive prompt over
 // one simulated switch. See --help.
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -225,6 +226,15 @@ int interactive(sim::Scenario& scenario, bool autoSettle) {
 }  // namespace
 
 int main(int argc, char** argv) {
+#ifdef __GLIBC__
+   // glibc keeps small freed blocks in its fast bins and merges them all at
+   // the next large request: after a teardown or a check has freed a million
+   // small blocks, some unrelated handler pays 40-100 ms for the merge. With
+   // no fast bins a block is merged as it is freed, a small cost each, and
+   // no run pays for another's frees. (The per-thread cache still serves the
+   // common small sizes.)
+   mallopt(M_MXFAST, 0);
+#endif
    sim::ScenarioOptions options;
    bool stats = false;
    bool bundled = false;
