@@ -212,6 +212,10 @@ def main():
     ap.add_argument("--routes", type=int, help="keep at most this many FIB routes")
     ap.add_argument("--segments", type=int, default=SEGMENTS,
                     help=f"segment buckets (default {SEGMENTS})")
+    ap.add_argument("--until", choices=("load", "enable", "all"), default="all",
+                    help="end the scenario after the settle of the load (firewall off),"
+                         " after that of the enable (firewall on), or run every change"
+                         " (default all)")
     ap.add_argument("--source", default="", help="where the data came from, for the header")
     ap.add_argument("-o", "--output", required=True, help="scenario file to write")
     args = ap.parse_args()
@@ -347,6 +351,13 @@ def main():
         lines.extend(change)
         settle(label)
         emit("check")
+
+    # A shorter run is the same lines cut after one settle, so a run up to the
+    # load and one up to the enable differ in the enable alone.
+    if args.until != "all":
+        keep = settles[0 if args.until == "load" else 1][0]
+        del lines[keep:]
+        settles = [s for s in settles if s[0] <= keep]
 
     tmp = args.output + ".tmp"
     with open(tmp, "w", encoding="ascii", newline="\n") as f:
