@@ -5,12 +5,13 @@
 # As root.
 #
 #   bench/dataplane/retag.sh [--runs K] [N]       N generated /24s (default 100000)
-#   bench/dataplane/retag.sh [--runs K] --realtable [--routes N]
+#   bench/dataplane/retag.sh [--runs K] --realtable [--routes N] [--next-hops H]
 #
 # Generated: N consecutive /24s from 10.0.0.0 (gen fib); the re-tag is the
 # firewall turned on over two segment prefixes covering all of them.
 # --realtable: the IPv4 half of bench/realtable's table (564,579 FIB routes,
-# 24,640 segment prefixes, in VRF inet), or its first N routes; the re-tag is
+# 24,640 segment prefixes, in VRF inet), or its first N routes, leaving by
+# 4,096 next hops or by H (asn2kiv.py --next-hops); the re-tag is
 # its enable (asn2kiv.py --until load / --until enable). Its data must be in
 # bench/realtable's cache (bench/realtable/run.sh --ipv4-only --quick
 # fetches it).
@@ -33,23 +34,25 @@ usage() {
    exit 2
 }
 
-runs=3 realtable=0 n="" routes=""
+runs=3 realtable=0 n="" routes="" hops=""
 while (($#)); do
    case $1 in
    --runs) (($# >= 2)) || usage; runs=$2; shift ;;
    --realtable) realtable=1 ;;
    --routes) (($# >= 2)) || usage; routes=$2; shift ;;
+   --next-hops) (($# >= 2)) || usage; hops=$2; shift ;;
    -h | --help) usage ;;
    -*) usage ;;
    *) n=$1 ;;
    esac
    shift
 done
-for v in "$runs" ${n:+"$n"} ${routes:+"$routes"}; do
+for v in "$runs" ${n:+"$n"} ${routes:+"$routes"} ${hops:+"$hops"}; do
    [[ $v =~ ^[1-9][0-9]*$ ]] || { echo "retag.sh: '$v' is not a positive number" >&2; exit 2; }
 done
 ((realtable)) && [[ -n $n ]] && { echo "retag.sh: --realtable takes --routes N, not N" >&2; exit 2; }
-((!realtable)) && [[ -n $routes ]] && { echo "retag.sh: --routes goes with --realtable" >&2; exit 2; }
+((!realtable)) && [[ -n $routes$hops ]] &&
+   { echo "retag.sh: --routes and --next-hops go with --realtable" >&2; exit 2; }
 
 here=$(cd "$(dirname "$0")" && pwd)
 cd "$here/../.."
@@ -73,11 +76,12 @@ if ((realtable)); then
    }
    for until in load enable; do
       python3 bench/realtable/asn2kiv.py --ipv4 "$csv" --ipv4-only ${routes:+--routes "$routes"} \
+         ${hops:+--next-hops "$hops"} \
          --until "$until" -o "$tmp/$until.kiv" > "$tmp/convert-$until.txt"
    done
    mv "$tmp/load.kiv" "$tmp/setup.kiv"
    mv "$tmp/enable.kiv" "$tmp/retag.kiv"
-   what="the real table's IPv4 routes ($(sed -n 's/^# \([0-9]*\) IPv4 .*/\1/p' "$tmp/retag.kiv") FIB routes)"
+   what="the real table's IPv4 routes ($(sed -n 's/^# \([0-9]*\) IPv4 .*/\1/p' "$tmp/retag.kiv") FIB routes, ${hops:-4096} next hops)"
 else
    n=${n:-100000}
    printf 'vrf red id 1\ngen fib red %s 10.0.0.0/24\nsettle\n' "$n" > "$tmp/setup.kiv"

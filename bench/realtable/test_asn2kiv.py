@@ -180,6 +180,27 @@ class Scenario(unittest.TestCase):
             self.assertEqual(full[: len(enable)], enable)
             self.assertGreater(len(full), len(enable))
 
+    def test_next_hops_only_changes_the_adjacencies(self):
+        with tempfile.TemporaryDirectory() as d:
+            full = self.generate(d, "all.kiv").splitlines()
+            few = self.generate(d, "few.kiv", "--next-hops", "2").splitlines()
+            self.assertEqual(len(full), len(few))
+            adjs = set()
+            for a, b in zip(full, few):
+                if not a.startswith("fib "):
+                    self.assertEqual(a, b)
+                    continue
+                # The same route, its AS now hashed into 1..2.
+                self.assertEqual(a.split()[:3], b.split()[:3])
+                net = ipaddress.ip_network(a.split()[2])
+                asn = next(int(r.split(",")[2]) for r in (self.CSV4 + self.CSV6).splitlines()
+                           if net.version == ipaddress.ip_address(r.split(",")[0]).version
+                           and ipaddress.ip_address(r.split(",")[0]) <= net[0]
+                           and net[-1] <= ipaddress.ip_address(r.split(",")[1]))
+                self.assertEqual(int(b.split()[-1]), asn2kiv.adjacency(asn, 2))
+                adjs.add(int(b.split()[-1]))
+            self.assertEqual(adjs, {1, 2})
+
 
 if __name__ == "__main__":
     unittest.main()
