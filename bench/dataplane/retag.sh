@@ -29,9 +29,12 @@
 # and max are printed, and the ratio is taken run by run.
 set -euo pipefail
 
+# usage [STATUS]: to standard output for --help (0), else to standard error.
 usage() {
-   sed -n '7,8p' "$0" | sed 's/^#  *//' >&2
-   exit 2
+   local status=${1:-2} fd=2
+   ((status == 0)) && fd=1
+   sed -n '7,8p' "$0" | sed 's/^#  *//' >&"$fd"
+   exit "$status"
 }
 
 runs=3 realtable=0 n="" routes="" hops=""
@@ -41,7 +44,7 @@ while (($#)); do
    --realtable) realtable=1 ;;
    --routes) (($# >= 2)) || usage; routes=$2; shift ;;
    --next-hops) (($# >= 2)) || usage; hops=$2; shift ;;
-   -h | --help) usage ;;
+   -h | --help) usage 0 ;;
    -*) usage ;;
    *) n=$1 ;;
    esac
