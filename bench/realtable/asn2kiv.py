@@ -44,10 +44,10 @@ def mix(x, salt):
     return x ^ (x >> 13)
 
 
-def adjacency(asn):
+def adjacency(asn, count=ADJ_COUNT):
     # Every route of an AS leaves by the same adjacency, as if each AS had
     # one next hop; 1..4096 keeps the indices well clear of the drop ones.
-    return 1 + mix(asn, 0x5BD1E995) % ADJ_COUNT
+    return 1 + mix(asn, 0x5BD1E995) % count
 
 
 def segment_bucket(asn, segments):
@@ -212,11 +212,20 @@ def main():
     ap.add_argument("--routes", type=int, help="keep at most this many FIB routes")
     ap.add_argument("--segments", type=int, default=SEGMENTS,
                     help=f"segment buckets (default {SEGMENTS})")
+    ap.add_argument("--next-hops", type=int, default=ADJ_COUNT,
+                    help="adjacencies the FIB routes leave by, 1..N by a hash of the AS"
+                         f" (default {ADJ_COUNT}; a router with a few upstreams has a few)")
+    ap.add_argument("--until", choices=("load", "enable", "all"), default="all",
+                    help="end the scenario after the settle of the load (firewall off),"
+                         " after that of the enable (firewall on), or run every change"
+                         " (default all)")
     ap.add_argument("--source", default="", help="where the data came from, for the header")
     ap.add_argument("-o", "--output", required=True, help="scenario file to write")
     args = ap.parse_args()
     if args.routes is not None and args.routes < 1:
         ap.error("--routes must be at least 1")
+    if not 1 <= args.next_hops <= ADJ_COUNT:
+        ap.error(f"--next-hops must be 1 to {ADJ_COUNT}")
     if args.segments < 2:
         ap.error("--segments must be at least 2")
 
@@ -329,7 +338,7 @@ def main():
     emit(f"vrf {VRF} id 1 routing on routing6 on")
     for family, routes in ((4, v4), (6, v6)):
         for (net, plen), asn in routes:
-            emit(f"fib {VRF} {prefix_text(net, plen, family)} adj {adjacency(asn)}")
+            emit(f"fib {VRF} {prefix_text(net, plen, family)} adj {adjacency(asn, args.next_hops)}")
     for seg in segments:
         emit(f"segment {VRF} {seg}")
     for family, net, length, seg in prefixes:
@@ -347,6 +356,13 @@ def main():
         lines.extend(change)
         settle(label)
         emit("check")
+
+    # A shorter run is the same lines cut after one settle, so a run up to the
+    # load and one up to the enable differ in the enable alone.
+    if args.until != "all":
+        keep = settles[0 if args.until == "load" else 1][0]
+        del lines[keep:]
+        settles = [s for s in settles if s[0] <= keep]
 
     tmp = args.output + ".tmp"
     with open(tmp, "w", encoding="ascii", newline="\n") as f:

@@ -161,6 +161,46 @@ class Scenario(unittest.TestCase):
             fib = [line.split()[2] for line in text.splitlines() if line.startswith("fib ")]
             self.assertEqual(fib, ["1.0.0.0/24", "1.0.4.0/22", "1.0.16.0/24"])
 
+    def test_until_cuts_after_the_load_or_the_enable(self):
+        with tempfile.TemporaryDirectory() as d:
+            full = self.generate(d, "all.kiv", "--ipv4-only").splitlines()
+            load = self.generate(d, "load.kiv", "--ipv4-only", "--until", "load").splitlines()
+            enable = self.generate(d, "en.kiv", "--ipv4-only", "--until", "enable").splitlines()
+            # The load ends at the first settle: everything configured, the
+            # firewall never turned on.
+            self.assertEqual(load[-1], "settle")
+            self.assertEqual(load.count("settle"), 1)
+            self.assertNotIn("firewall on", load)
+            self.assertTrue(any(l.startswith("prefix ") for l in load))
+            # The enable is the load and then the firewall turned on and
+            # settled, nothing after it; both are how the whole run starts.
+            self.assertEqual(enable[: len(load)], load)
+            self.assertEqual([l for l in enable[len(load):] if not l.startswith("echo ")],
+                             ["firewall on", "settle"])
+            self.assertEqual(full[: len(enable)], enable)
+            self.assertGreater(len(full), len(enable))
+
+    def test_next_hops_only_changes_the_adjacencies(self):
+        with tempfile.TemporaryDirectory() as d:
+            full = self.generate(d, "all.kiv").splitlines()
+            few = self.generate(d, "few.kiv", "--next-hops", "2").splitlines()
+            self.assertEqual(len(full), len(few))
+            adjs = set()
+            for a, b in zip(full, few):
+                if not a.startswith("fib "):
+                    self.assertEqual(a, b)
+                    continue
+                # The same route, its AS now hashed into 1..2.
+                self.assertEqual(a.split()[:3], b.split()[:3])
+                net = ipaddress.ip_network(a.split()[2])
+                asn = next(int(r.split(",")[2]) for r in (self.CSV4 + self.CSV6).splitlines()
+                           if net.version == ipaddress.ip_address(r.split(",")[0]).version
+                           and ipaddress.ip_address(r.split(",")[0]) <= net[0]
+                           and net[-1] <= ipaddress.ip_address(r.split(",")[1]))
+                self.assertEqual(int(b.split()[-1]), asn2kiv.adjacency(asn, 2))
+                adjs.add(int(b.split()[-1]))
+            self.assertEqual(adjs, {1, 2})
+
 
 if __name__ == "__main__":
     unittest.main()
