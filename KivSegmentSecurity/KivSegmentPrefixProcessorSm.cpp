@@ -704,25 +704,41 @@ void KivSegmentPrefixProcessorSm::queueRoutingChanges() {
    routingChanges_.clear();
 }
 
+namespace {
+
+// Walks the records of `scope` after `last`, asking the scheduler before each
+// and keeping `last` as the bookmark; false when told to yield first.
+template <class F>
+bool walkRecordsAfter(const KivSegmentRouteInfoColl& records,
+                      const KivSegmentRouteInfoColl::RecordScope& scope,
+                      std::optional<KivSegmentRouteInfoColl::RecordBookmark>& last, F&& visit) {
+   bool stopped = false;
+   records.routeInfoIn(scope, last, [&](SegmentHwId hwId, const VrfAndIpGenPrefix& key) {
+      if (Ruv::taskShouldYield()) {
+         stopped = true;
+         return false;
+      }
+      last = {hwId, key};
+      visit(key);
+      return true;
+   });
+   return !stopped;
+}
+
+}  // namespace
+
 bool KivSegmentPrefixProcessorSm::continueRoutingWalks() {
    while (!routingWalks_.empty()) {
       RoutingWalk& walk = routingWalks_.front();
-      bool stopped = false;
-      segmentRoutesList_->routeInfoOfVrf(walk.vrfId, walk.last,
-                                         [&](SegmentHwId hwId, const VrfAndIpGenPrefix& key) {
-                                            if (Ruv::taskShouldYield()) {
-                                               stopped = true;
-                                               return false;
-                                            }
-                                            walk.last = {hwId, key};
+      const bool done = walkRecordsAfter(*segmentRoutesList_, {walk.vrfId, std::nullopt}, walk.last,
+                                         [&](const VrfAndIpGenPrefix& key) {
                                             if (key.prefix().af() == walk.af) {
                                                routingReview_.insert(key);
                                                segmentReviewList_->vrfIpGenPrefixIs(key);
                                                ++walk.queued;
                                             }
-                                            return true;
                                          });
-      if (stopped) {
+      if (!done) {
          return false;
       }
       if (walk.queued != 0) {
@@ -741,18 +757,9 @@ bool KivSegmentPrefixProcessorSm::continueRecordWalks() {
    }
    while (!recordWalks_.empty()) {
       RecordWalk& walk = recordWalks_.front();
-      bool stopped = false;
-      segmentRoutesList_->routeInfoIn(walk.scope, walk.last,
-                                      [&](SegmentHwId hwId, const VrfAndIpGenPrefix& key) {
-                                         if (Ruv::taskShouldYield()) {
-                                            stopped = true;
-                                            return false;
-                                         }
-                                         walk.last = {hwId, key};
-                                         segmentReviewList_->vrfIpGenPrefixIs(key);
-                                         return true;
-                                      });
-      if (stopped) {
+      if (!walkRecordsAfter(
+              *segmentRoutesList_, walk.scope, walk.last,
+              [&](const VrfAndIpGenPrefix& key) { segmentReviewList_->vrfIpGenPrefixIs(key); })) {
          return false;
       }
       recordWalks_.pop_front();

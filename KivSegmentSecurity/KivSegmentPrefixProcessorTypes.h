@@ -190,28 +190,24 @@ public:
    // when there are none): a segment's records without a walk of every
    // record. Up to date before any handler hears of a change.
    const std::set<VrfAndIpGenPrefix>& routeInfoWithHwId(VrfId vrfId, SegmentHwId hwId) const;
-   // Where a walk of a VRF's records stands: the last record visited.
+   // Where a walk of records stands: the last record visited.
    struct RecordBookmark {
       SegmentHwId hwId;
       VrfAndIpGenPrefix key;
    };
-   // Calls f(hwId, key) for the VRF's records that come after `after` (all
-   // of them without one), by hw id and then in key order, until f answers
-   // false. A walk may stop and go on later from its last record, whatever
-   // changed meanwhile: records added behind the bookmark are not met.
-   template <class F>
-   void routeInfoOfVrf(VrfId vrfId, const std::optional<RecordBookmark>& after, F&& f) const {
-      routeInfoIn(RecordScope{vrfId, std::nullopt}, after, std::forward<F>(f));
-   }
-   // The same over a wider or narrower scope: every record (no VRF), a
-   // VRF's, or a VRF's records that carry one hw id.
+   // Which records a walk visits: every record (no VRF), a VRF's, or a
+   // VRF's records that carry one hw id.
    struct RecordScope {
       std::optional<VrfId> vrfId;
       std::optional<SegmentHwId> hwId;  // only with a VRF
    };
+   // Calls f(hwId, key) for the records of `scope` that come after `after`
+   // (all of them without one), by VRF, hw id and then key, until f answers
+   // false. A walk may stop and go on later from its last record, whatever
+   // changed meanwhile: records added behind the bookmark are not met.
+   // (`after` is a copy: f may move the caller's bookmark as it goes.)
    template <class F>
-   void routeInfoIn(const RecordScope& scope, const std::optional<RecordBookmark>& after,
-                    F&& f) const {
+   void routeInfoIn(const RecordScope& scope, std::optional<RecordBookmark> after, F&& f) const {
       auto group = byHwId_.begin();
       if (after) {
          group = byHwId_.lower_bound({after->key.vrfId(), after->hwId});

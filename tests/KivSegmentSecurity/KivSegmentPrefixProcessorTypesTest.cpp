@@ -5,8 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
+#include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Zop/Value.h"
@@ -285,6 +288,87 @@ TEST(KivSegmentCollections, RecordsByVrfAndHwIdFollowEveryChange) {
    coll->routeInfoDelAll();
    for (uint32_t vrf = 1; vrf <= 3; ++vrf) {
       EXPECT_TRUE(coll->routeInfoWithHwId(VrfId(vrf), SegmentHwId(1)).empty());
+   }
+}
+
+// A walk of records in pieces, the records changing between pieces: it
+// visits only records of its scope, in (VRF, hw id, key) order, every record
+// that stood unchanged through the whole walk, and none of those twice.
+TEST(KivSegmentCollections, RecordWalksInPiecesMeetEveryStandingRecordOnce) {
+   using Scope = KivSegmentRouteInfoColl::RecordScope;
+   KivTest::RandomPrefixes r(19);
+   std::vector<VrfAndIpGenPrefix> keys;
+   for (int i = 0; i < 80; ++i) {
+      const auto af = r.chance(50) ? Pexo::AddressFamily::ipv4 : Pexo::AddressFamily::ipv6;
+      keys.push_back(VrfAndIpGenPrefix(VrfId(1 + r.below(3)), r.gen(af)));
+   }
+   for (int round = 0; round < 300; ++round) {
+      auto coll = kivSegmentRouteInfoCollFactory();
+      auto change = [&](const VrfAndIpGenPrefix& k) {
+         if (r.chance(30)) {
+            coll->routeInfoDel(k);
+         } else {
+            coll->routeInfoIs(KivSegmentRouteInfo(k, SegmentHwId(uint16_t(1 + r.below(4))),
+                                                  RouteInfo(RouteType::routeTypeDrop, 0)));
+         }
+      };
+      for (int i = 0; i < 60; ++i) {
+         change(keys[r.below(keys.size())]);
+      }
+      Scope scope;
+      if (!r.chance(25)) {
+         scope.vrfId = VrfId(1 + r.below(3));
+         if (r.chance(50)) {
+            scope.hwId = SegmentHwId(uint16_t(1 + r.below(4)));
+         }
+      }
+      auto inScope = [&](const KivSegmentRouteInfo& rec) {
+         return (!scope.vrfId || rec.vrfPrefix().vrfId() == *scope.vrfId) &&
+                (!scope.hwId || rec.hwId() == *scope.hwId);
+      };
+      // Records in scope at the start; a change to one takes it out of what
+      // the walk owes.
+      std::map<VrfAndIpGenPrefix, SegmentHwId> standing;
+      for (const auto& [k, rec] : coll->routeInfo()) {
+         if (inScope(rec)) {
+            standing.emplace(k, rec.hwId());
+         }
+      }
+      std::optional<KivSegmentRouteInfoColl::RecordBookmark> last;
+      std::set<VrfAndIpGenPrefix> touched;  // changed during the walk
+      std::vector<std::tuple<VrfId, SegmentHwId, VrfAndIpGenPrefix>> visited;
+      for (bool done = false; !done;) {
+         size_t budget = 1 + r.below(5);
+         done = true;
+         coll->routeInfoIn(scope, last, [&](SegmentHwId hwId, const VrfAndIpGenPrefix& k) {
+            if (budget-- == 0) {
+               done = false;
+               return false;
+            }
+            last = {hwId, k};
+            visited.emplace_back(k.vrfId(), hwId, k);
+            return true;
+         });
+         for (int i = 0; i < 2; ++i) {
+            const VrfAndIpGenPrefix& k = keys[r.below(keys.size())];
+            standing.erase(k);
+            touched.insert(k);
+            change(k);
+         }
+      }
+      std::set<VrfAndIpGenPrefix> seen;
+      for (size_t i = 0; i < visited.size(); ++i) {
+         const auto& [vrf, hwId, k] = visited[i];
+         // Only a record that moved ahead of the bookmark is met again.
+         ASSERT_TRUE(seen.insert(k).second || touched.count(k) == 1) << "visited twice: " << k;
+         ASSERT_TRUE((!scope.vrfId || vrf == *scope.vrfId) && (!scope.hwId || hwId == *scope.hwId));
+         if (i != 0) {
+            ASSERT_LT(visited[i - 1], visited[i]);
+         }
+      }
+      for (const auto& [k, hwId] : standing) {
+         ASSERT_EQ(seen.count(k), 1u) << "missed: " << k;
+      }
    }
 }
 
