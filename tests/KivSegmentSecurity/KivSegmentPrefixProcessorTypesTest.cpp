@@ -184,6 +184,16 @@ struct ReviewListLog : VrfPrefixCollection::Notifiee {
    }
 };
 
+// `n` random keys in VRFs 1-3, both families (a key may come twice).
+std::vector<VrfAndIpGenPrefix> randomKeys(KivTest::RandomPrefixes& r, int n) {
+   std::vector<VrfAndIpGenPrefix> keys;
+   for (int i = 0; i < n; ++i) {
+      const auto af = r.chance(50) ? Pexo::AddressFamily::ipv4 : Pexo::AddressFamily::ipv6;
+      keys.push_back(VrfAndIpGenPrefix(VrfId(1 + r.below(3)), r.gen(af)));
+   }
+   return keys;
+}
+
 struct RouteInfoLog : KivSegmentRouteInfoColl::Notifiee {
    std::vector<VrfAndIpGenPrefix> routes;
    int reviews = 0;
@@ -270,11 +280,7 @@ TEST(KivSegmentCollections, RecordsByVrfAndHwIdFollowEveryChange) {
    };
    checker.notifierIs(coll);
    KivTest::RandomPrefixes r(7);
-   std::vector<VrfAndIpGenPrefix> keys;
-   for (int i = 0; i < 60; ++i) {
-      const auto af = r.chance(50) ? Pexo::AddressFamily::ipv4 : Pexo::AddressFamily::ipv6;
-      keys.push_back(VrfAndIpGenPrefix(VrfId(1 + r.below(3)), r.gen(af)));
-   }
+   const std::vector<VrfAndIpGenPrefix> keys = randomKeys(r, 60);
    for (int step = 0; step < 3000; ++step) {
       const VrfAndIpGenPrefix& k = keys[r.below(keys.size())];
       if (r.chance(30)) {
@@ -297,11 +303,7 @@ TEST(KivSegmentCollections, RecordsByVrfAndHwIdFollowEveryChange) {
 TEST(KivSegmentCollections, RecordWalksInPiecesMeetEveryStandingRecordOnce) {
    using Scope = KivSegmentRouteInfoColl::RecordScope;
    KivTest::RandomPrefixes r(19);
-   std::vector<VrfAndIpGenPrefix> keys;
-   for (int i = 0; i < 80; ++i) {
-      const auto af = r.chance(50) ? Pexo::AddressFamily::ipv4 : Pexo::AddressFamily::ipv6;
-      keys.push_back(VrfAndIpGenPrefix(VrfId(1 + r.below(3)), r.gen(af)));
-   }
+   const std::vector<VrfAndIpGenPrefix> keys = randomKeys(r, 80);
    for (int round = 0; round < 300; ++round) {
       auto coll = kivSegmentRouteInfoCollFactory();
       auto change = [&](const VrfAndIpGenPrefix& k) {
