@@ -709,8 +709,7 @@ namespace {
 // Walks the records of `scope` after `last`, asking the scheduler before each
 // and keeping `last` as the bookmark; false when told to yield first.
 template <class F>
-bool walkRecordsAfter(const KivSegmentRouteInfoColl& records,
-                      const KivSegmentRouteInfoColl::RecordScope& scope,
+bool walkRecordsAfter(const KivSegmentRouteInfoColl& records, const RecordScope& scope,
                       std::optional<KivSegmentRouteInfoColl::RecordBookmark>& last, F&& visit) {
    bool stopped = false;
    records.routeInfoIn(scope, last, [&](SegmentHwId hwId, const VrfAndIpGenPrefix& key) {
@@ -752,8 +751,8 @@ bool KivSegmentPrefixProcessorSm::continueRoutingWalks() {
 }
 
 bool KivSegmentPrefixProcessorSm::continueRecordWalks() {
-   for (const auto& request : segmentReviewList_->recordsToReviewTake()) {
-      recordWalks_.push_back(RecordWalk{{request.vrfId, request.hwId}, std::nullopt});
+   for (const RecordScope& scope : segmentReviewList_->recordsToReviewTake()) {
+      recordWalks_.push_back(RecordWalk{scope, std::nullopt});
    }
    while (!recordWalks_.empty()) {
       RecordWalk& walk = recordWalks_.front();

@@ -267,7 +267,7 @@ private:
    std::deque<RoutingWalk> routingWalks_;
    // The review list's requests for whole tables, each with its place.
    struct RecordWalk {
-      KivSegmentRouteInfoColl::RecordScope scope;
+      RecordScope scope;
       std::optional<KivSegmentRouteInfoColl::RecordBookmark> last;
    };
    std::deque<RecordWalk> recordWalks_;

@@ -129,7 +129,7 @@ std::ostream& operator<<(std::ostream& os, const KivSegmentRouteInfo& v) {
 
 // ---- Collections ----
 
-void VrfPrefixCollection::recordsToReviewIs(const RecordsToReview& r) {
+void VrfPrefixCollection::recordsToReviewIs(const RecordScope& r) {
    recordsToReview_.push_back(r);
    notifiees_.notify(this, [](Notifiee& n) { n.handleRecordsToReview(); });
 }

@@ -114,6 +114,13 @@ private:
 KIV_EXPORT Zop::String valueToStrep(const KivSegmentRouteInfo& v);
 KIV_EXPORT std::ostream& operator<<(std::ostream& os, const KivSegmentRouteInfo& v);
 
+// Which records a walk of the records visits: every record (no VRF), a
+// VRF's, or a VRF's records that carry one hw id.
+struct RecordScope {
+   std::optional<VrfId> vrfId;
+   std::optional<SegmentHwId> hwId;  // only with a VRF
+};
+
 // ---- VrfPrefixCollection ----
 
 // A review list: (VRF id, prefix) keys waiting to be examined, in the order
@@ -135,18 +142,13 @@ public:
    // The key queued longest ago; the list must not be empty.
    const VrfAndIpGenPrefix& vrfIpGenPrefixFront() const { return vrfIpGenPrefix_.front(); }
 
-   // A whole table's worth of records to queue: every record (no VRF), a
-   // VRF's, or a VRF's records of one hw id. Whoever drains the list takes
-   // the request (recordsToReviewTake) and queues the records itself, a
-   // piece at a time, so that a teardown or the removal of a large segment
+   // A whole table's worth of records to queue. Whoever drains the list
+   // takes the request (recordsToReviewTake) and queues the records itself,
+   // a piece at a time, so that a teardown or the removal of a large segment
    // does not queue a million keys in one handler. Until then the request
    // counts as pending work of the list.
-   struct RecordsToReview {
-      std::optional<VrfId> vrfId;
-      std::optional<SegmentHwId> hwId;
-   };
-   void recordsToReviewIs(const RecordsToReview& r);
-   std::deque<RecordsToReview> recordsToReviewTake() { return std::move(recordsToReview_); }
+   void recordsToReviewIs(const RecordScope& r);
+   std::deque<RecordScope> recordsToReviewTake() { return std::move(recordsToReview_); }
    size_t recordsToReviewCount() const { return recordsToReview_.size(); }
 
    Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
@@ -156,7 +158,7 @@ public:
    static constexpr size_t kQueueAtOnce = 1024;
 
 private:
-   std::deque<RecordsToReview> recordsToReview_;
+   std::deque<RecordScope> recordsToReview_;
    Zop::NotifierList<Notifiee> notifiees_;
    Zop::QueueSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix> vrfIpGenPrefix_{
        &Notifiee::handleVrfIpGenPrefix};
@@ -194,12 +196,6 @@ public:
    struct RecordBookmark {
       SegmentHwId hwId;
       VrfAndIpGenPrefix key;
-   };
-   // Which records a walk visits: every record (no VRF), a VRF's, or a
-   // VRF's records that carry one hw id.
-   struct RecordScope {
-      std::optional<VrfId> vrfId;
-      std::optional<SegmentHwId> hwId;  // only with a VRF
    };
    // Calls f(hwId, key) for the records of `scope` that come after `after`
    // (all of them without one), by VRF, hw id and then key, until f answers

@@ -180,10 +180,6 @@ public:
    bool growing() const { return !old_.empty(); }
    const_iterator begin() const { return const_iterator(this, true, old_.begin()); }
    const_iterator end() const { return const_iterator(this, false, cur_.end()); }
-   void reserve(size_t n) {
-      finishGrowing();
-      cur_.reserve(n);
-   }
    void swap(GrowingSet& other) {
       cur_.swap(other.cur_);
       old_.swap(other.old_);
@@ -216,11 +212,6 @@ private:
       }
       if (old_.empty() && old_.bucket_count() > 1) {
          Set().swap(old_);
-      }
-   }
-   void finishGrowing() {
-      while (!old_.empty()) {
-         moveSome();
       }
    }
 
@@ -289,7 +280,6 @@ public:
    const Set& members() const { return set_; }
    typename Set::const_iterator begin() const { return set_.begin(); }
    typename Set::const_iterator end() const { return set_.end(); }
-   void reserve(size_t n) { set_.reserve(n); }
 
 private:
    void notify(E& owner, const K& k) {

@@ -301,7 +301,6 @@ TEST(KivSegmentCollections, RecordsByVrfAndHwIdFollowEveryChange) {
 // visits only records of its scope, in (VRF, hw id, key) order, every record
 // that stood unchanged through the whole walk, and none of those twice.
 TEST(KivSegmentCollections, RecordWalksInPiecesMeetEveryStandingRecordOnce) {
-   using Scope = KivSegmentRouteInfoColl::RecordScope;
    KivTest::RandomPrefixes r(19);
    const std::vector<VrfAndIpGenPrefix> keys = randomKeys(r, 80);
    for (int round = 0; round < 300; ++round) {
@@ -317,7 +316,7 @@ TEST(KivSegmentCollections, RecordWalksInPiecesMeetEveryStandingRecordOnce) {
       for (int i = 0; i < 60; ++i) {
          change(keys[r.below(keys.size())]);
       }
-      Scope scope;
+      RecordScope scope;
       if (!r.chance(25)) {
          scope.vrfId = VrfId(1 + r.below(3));
          if (r.chance(50)) {
