@@ -327,16 +327,16 @@ void RouteResolver::withdraw(const Key& key) {
 uint16_t RouteResolver::acquireFec(uint32_t tableId, uint64_t adjIndex) {
    auto [it, inserted] = fecs_.try_emplace({tableId, adjIndex});
    if (inserted) {
-      std::set<uint16_t>& used = fecIndicesInUse_[tableId];
-      uint16_t index = 1;
-      for (uint16_t u : used) {
-         if (u != index) {
-            break;
-         }
-         ++index;
+      FecIndices& indices = fecIndices_[tableId];
+      uint16_t index;
+      if (!indices.free.empty()) {
+         index = *indices.free.begin();
+         indices.free.erase(indices.free.begin());
+      } else {
+         ZOP_ASSERT(indices.next <= 0xffff, "the simulated resolver ran out of FEC indices",
+                    "sim/RouteResolver");
+         index = uint16_t(indices.next++);
       }
-      ZOP_ASSERT(index != 0, "the simulated resolver ran out of FEC indices", "sim/RouteResolver");
-      used.insert(index);
       it->second.index = index;
       l3Status_->adjacencyIs(GlobalFecId(GlobalFecId::kForward, tableId, index),
                              Zop::makePtr<AdjEntry>(RouteType::routeTypeForward, adjIndex));
@@ -354,10 +354,17 @@ void RouteResolver::releaseFec(const std::pair<uint32_t, uint64_t>& fec) {
    }
    const uint16_t index = it->second.index;
    fecs_.erase(it);
-   auto used = fecIndicesInUse_.find(fec.first);
-   used->second.erase(index);
-   if (used->second.empty()) {
-      fecIndicesInUse_.erase(used);
+   auto indices = fecIndices_.find(fec.first);
+   FecIndices& in = indices->second;
+   in.free.insert(index);
+   // Free indices at the top give way to a lower `next`, so that a table
+   // whose FECs all went starts again at 1.
+   while (!in.free.empty() && *in.free.rbegin() == in.next - 1) {
+      in.free.erase(std::prev(in.free.end()));
+      --in.next;
+   }
+   if (in.next == 1) {
+      fecIndices_.erase(indices);
    }
    l3Status_->adjacencyDel(GlobalFecId(GlobalFecId::kForward, fec.first, index));
 }

@@ -137,7 +137,15 @@ private:
    std::map<Key, std::optional<uint64_t>> held_;
    std::map<Key, Answer> published_;
    std::map<std::pair<uint32_t, uint64_t>, Fec> fecs_;
-   std::map<uint32_t, std::set<uint16_t>> fecIndicesInUse_;
+   // A table's FEC indices: each new FEC takes the lowest free one. The
+   // indices in use are 1 .. next-1 less the free ones below next, so the
+   // lowest free index is found without scanning those in use (a full table
+   // holds tens of thousands).
+   struct FecIndices {
+      uint32_t next = 1;
+      std::set<uint16_t> free;
+   };
+   std::map<uint32_t, FecIndices> fecIndices_;
 };
 
 }  // namespace sim

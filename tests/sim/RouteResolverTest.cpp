@@ -4,6 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+
 #include "SimFixture.h"
 
 using Quarn::Fib::GlobalFecId;
@@ -202,4 +207,40 @@ TEST(SimRouteResolver, YieldsBetweenFibChangesAndKeysAndAnswersAsOneRun) {
    }
    EXPECT_EQ(whole.resolver.fecCount(), 0u);
    EXPECT_EQ(pieces.resolver.fecCount(), 0u);
+}
+
+// A new FEC takes the lowest index its table has free, however the indices
+// in use came and went (a table's indices are what the hardware shows).
+TEST(SimRouteResolver, ANewFecTakesTheLowestFreeIndexOfItsTable) {
+   simtest::Platform p;
+   ASSERT_TRUE(p.routing.vrfAdd("red", VrfId(1), true, false).ok());
+   p.resolver.modeIs(RouteResolver::Mode::manual);
+   std::mt19937 rng(20261125);
+   std::map<int, uint16_t> held;  // watch -> the index of its FEC (one adjacency each)
+   for (int step = 0; step < 1500; ++step) {
+      const int i = int(rng() % 48);
+      const std::string prefix = "10." + std::to_string(i) + ".0.0/16";
+      if (held.erase(i) != 0) {
+         p.unwatch(1, prefix.c_str());
+         p.settle();
+         ASSERT_EQ(p.answer(1, prefix.c_str()), nullptr) << prefix;
+         continue;
+      }
+      std::set<uint16_t> used;
+      for (const auto& [w, index] : held) {
+         used.insert(index);
+      }
+      uint16_t lowest = 1;
+      while (used.count(lowest) != 0) {
+         ++lowest;
+      }
+      p.watch(1, prefix.c_str());
+      p.resolver.resolve(VrfId(1), pfx(prefix.c_str()), uint64_t(1000 + i));
+      p.settle();
+      ASSERT_NE(p.answer(1, prefix.c_str()), nullptr) << prefix;
+      const uint16_t index = p.answer(1, prefix.c_str())->at(0).fecIndex;
+      ASSERT_EQ(index, lowest) << "step " << step << ", " << prefix;
+      held[i] = index;
+   }
+   EXPECT_EQ(p.resolver.fecCount(), held.size());
 }
