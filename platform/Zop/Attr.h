@@ -35,6 +35,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "Zop/GrowingSet.h"
 #include "Zop/Notifier.h"
 
 namespace Zop {
@@ -89,134 +90,6 @@ private:
    }
    Handler handler_;
    Set set_;
-};
-
-// A hash set that grows without stopping the world. Up to a few thousand
-// members it is a plain std::unordered_set (same order, same growth). Past
-// that, growing would rehash every member at once: 75 ms for a review list of
-// a quarter million routes, all charged to the one insertion that crossed the
-// line. Instead the full table is set aside as `old_`, a table of four times
-// the buckets takes the new members, and every insertion or removal moves a few
-// of the old members across (node by node, no allocation), so the old table
-// is empty long before the new one fills.
-//
-// Iteration visits the old table, then the new one: a hash order, the same
-// for the same history.
-template <class K, class Hash = std::hash<K>>
-class GrowingSet {
-public:
-   using Set = std::unordered_set<K, Hash>;
-
-   class const_iterator {
-   public:
-      using iterator_category = std::forward_iterator_tag;
-      using value_type = K;
-      using difference_type = std::ptrdiff_t;
-      using pointer = const K*;
-      using reference = const K&;
-      const_iterator() = default;
-      reference operator*() const { return *it_; }
-      pointer operator->() const { return &*it_; }
-      const_iterator& operator++() {
-         ++it_;
-         settle();
-         return *this;
-      }
-      const_iterator operator++(int) {
-         const_iterator was = *this;
-         ++*this;
-         return was;
-      }
-      friend bool operator==(const const_iterator& a, const const_iterator& b) {
-         return a.inOld_ == b.inOld_ && a.it_ == b.it_;
-      }
-
-   private:
-      friend class GrowingSet;
-      const_iterator(const GrowingSet* s, bool inOld, typename Set::const_iterator it)
-          : s_(s), inOld_(inOld), it_(it) {
-         settle();
-      }
-      // Off the end of the old table means the start of the new one. (The
-      // two tables' end iterators may compare equal, hence the flag.)
-      void settle() {
-         if (inOld_ && it_ == s_->old_.end()) {
-            inOld_ = false;
-            it_ = s_->cur_.begin();
-         }
-      }
-      const GrowingSet* s_ = nullptr;
-      bool inOld_ = false;
-      typename Set::const_iterator it_;
-   };
-
-   bool insert(const K& k) {
-      if (!old_.empty() && old_.count(k) != 0) {
-         return false;
-      }
-      if (old_.empty() && cur_.size() >= cur_.bucket_count()) {
-         grow();
-      }
-      if (!cur_.insert(k).second) {
-         return false;
-      }
-      moveSome();
-      return true;
-   }
-   bool erase(const K& k) {
-      if (cur_.erase(k) == 0 && (old_.empty() || old_.erase(k) == 0)) {
-         return false;
-      }
-      moveSome();
-      return true;
-   }
-   bool contains(const K& k) const {
-      return cur_.count(k) != 0 || (!old_.empty() && old_.count(k) != 0);
-   }
-   size_t size() const { return cur_.size() + old_.size(); }
-   bool empty() const { return cur_.empty() && old_.empty(); }
-   size_t bucket_count() const { return cur_.bucket_count(); }
-   // True while members are still being moved to the larger table.
-   bool growing() const { return !old_.empty(); }
-   const_iterator begin() const { return const_iterator(this, true, old_.begin()); }
-   const_iterator end() const { return const_iterator(this, false, cur_.end()); }
-   void swap(GrowingSet& other) {
-      cur_.swap(other.cur_);
-      old_.swap(other.old_);
-   }
-
-   // Below this many members a rehash costs well under a millisecond and is
-   // done at once, as std::unordered_set does it.
-   static constexpr size_t kGrowInSteps = 4096;
-   // Members moved per insertion or removal: the old table empties long
-   // before the new one, with four times the buckets, fills. (Growing
-   // fourfold, as below the threshold, moves each member a third as often as
-   // doubling would: a move hashes the key twice.)
-   static constexpr size_t kMovesPerStep = 4;
-
-private:
-   void grow() {
-      if (cur_.size() < kGrowInSteps) {
-         // A review list fills by the hundred thousand when a table is
-         // reviewed; growing fourfold moves each member a third as often
-         // as doubling would.
-         cur_.reserve(4 * cur_.size());
-         return;
-      }
-      old_.swap(cur_);
-      cur_.reserve(4 * old_.size());
-   }
-   void moveSome() {
-      for (size_t i = 0; i < kMovesPerStep && !old_.empty(); ++i) {
-         cur_.insert(old_.extract(old_.begin()));
-      }
-      if (old_.empty() && old_.bucket_count() > 1) {
-         Set().swap(old_);
-      }
-   }
-
-   Set cur_;
-   Set old_;
 };
 
 // A set that also keeps the order in which its members came: front() is the

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
@@ -354,6 +355,81 @@ TEST(ZopGrowingSet, MembersStayVisibleAndUniqueWhileGrowingInSteps) {
       q->member.del(*q, q->member.front());
    }
    EXPECT_EQ(drained, arrival);
+}
+
+// Keys in runs of 64 that share a hash: long probe runs, removals that shift
+// a run back (across the table's end too), moves to a larger table in the
+// middle of a run; and a list drained from
+// begin(), as the segment review drains its list, still meets every member
+// once and finds the next one without rescanning what it emptied.
+TEST(ZopGrowingSet, OneLongProbeRunStaysConsistentThroughRemovalsGrowthAndDraining) {
+   struct SameHash {
+      size_t operator()(int k) const { return size_t(k / 64); }
+   };
+   using Set = Zop::GrowingSet<int, SameHash>;
+   std::mt19937 rng(5);
+   Set set;
+   std::set<int> model;
+   bool sawGrowing = false;
+   for (int op = 0; op < 200000; ++op) {
+      const int k = int(rng() % 100000);
+      if (rng() % 4 != 0) {
+         ASSERT_EQ(set.insert(k), model.insert(k).second) << op;
+      } else {
+         ASSERT_EQ(set.erase(k), model.erase(k) == 1) << op;
+      }
+      ASSERT_EQ(set.size(), model.size());
+      sawGrowing = sawGrowing || set.growing();
+      if (op % 4999 == 0) {
+         for (int probe = 0; probe < 100000; probe += 7) {
+            ASSERT_EQ(set.contains(probe), model.count(probe) == 1) << op << " " << probe;
+         }
+      }
+   }
+   ASSERT_GT(set.size(), Set::kGrowInSteps) << "the test must reach the open table";
+   ASSERT_TRUE(sawGrowing) << "the test must grow the open table";
+   std::set<int> drained;
+   while (!set.empty()) {
+      const int k = *set.begin();
+      ASSERT_TRUE(drained.insert(k).second) << k << " met twice";
+      ASSERT_TRUE(set.erase(k));
+      if (drained.size() % 5 == 0 && k % 2 == 0) {
+         // Members come and go while the list drains.
+         ASSERT_EQ(set.insert(k + 100000), true);
+         model.insert(k + 100000);
+      }
+   }
+   EXPECT_EQ(drained, model);
+}
+
+// The open table alone, small enough that probe runs wrap around its end all
+// the time: after any mix of insertions and shifting removals every member is
+// found at a live slot and nothing else is.
+TEST(ZopGrowingSet, OpenTableRunsThatWrapAroundKeepEveryMemberFindable) {
+   std::mt19937 rng(3);
+   for (int round = 0; round < 200; ++round) {
+      Zop::detail::OpenTable<int> table(16);
+      std::map<int, uint32_t> model;  // key -> its hash
+      for (int op = 0; op < 200; ++op) {
+         const int k = int(rng() % 40);
+         const uint32_t h = 12 + uint32_t(k % 7);  // homes 12..18: across the end
+         const size_t at = table.find(k, h);
+         ASSERT_EQ(at != table.npos, model.count(k) == 1) << round << " " << op;
+         if (at != table.npos) {
+            table.eraseShift(at);
+            model.erase(k);
+         } else if (table.hasRoom()) {
+            table.insertNew(k, h);
+            model[k] = h;
+         }
+         ASSERT_EQ(table.size(), model.size());
+         for (const auto& [key, hash] : model) {
+            const size_t i = table.find(key, hash);
+            ASSERT_NE(i, table.npos) << round << " " << op << " lost " << key;
+            ASSERT_EQ(table.keyAt(i), key);
+         }
+      }
+   }
 }
 
 TEST_F(ZopNotifierTest, TimedHandlersCountOutermostCallsOnly) {
