@@ -52,4 +52,10 @@ function(kiv_fuzzer name)
   target_link_libraries(${name} PRIVATE ${ARG_DEPS})
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   set_property(GLOBAL APPEND PROPERTY KIV_FUZZERS ${name})
+  # The fuzz preset builds only the fuzzers (and what they link), not the
+  # instrumented kivsim and dataplane beside them.
+  if(NOT TARGET fuzzers)
+    add_custom_target(fuzzers)
+  endif()
+  add_dependencies(fuzzers ${name})
 endfunction()
