@@ -23,8 +23,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <iterator>
 #include <memory>
+#include <new>
+#include <type_traits>
 #include <unordered_set>
 #include <utility>
 
@@ -43,7 +46,13 @@ public:
 
    OpenTable() = default;
    explicit OpenTable(size_t capacity)
-       : slots_(std::make_unique<Slot[]>(capacity)), mask_(capacity - 1), first_(capacity) {}
+       : slots_(static_cast<Slot*>(std::calloc(capacity, sizeof(Slot)))),
+         mask_(capacity - 1),
+         first_(capacity) {
+      if (!slots_) {
+         throw std::bad_alloc();
+      }
+   }
 
    size_t capacity() const { return slots_ ? mask_ + 1 : 0; }
    size_t size() const { return live_; }
@@ -120,12 +129,20 @@ public:
 
 private:
    static constexpr uint8_t kEmpty = 0, kLive = 1, kMarked = 2;
+   // Slots come zeroed from calloc, which is an empty slot: a table of a
+   // million slots is then pages the kernel hands out as they are first
+   // touched, not 50 MB cleared inside the one insertion that grew the list.
+   // That needs keys that may live in raw memory.
+   static_assert(std::is_trivially_copyable_v<K> && std::is_trivially_destructible_v<K>);
    struct Slot {
-      uint32_t hash = 0;
-      uint8_t state = kEmpty;
-      K key{};
+      uint32_t hash;
+      uint8_t state;
+      K key;
    };
-   std::unique_ptr<Slot[]> slots_;
+   struct FreeSlots {
+      void operator()(Slot* s) const { std::free(s); }
+   };
+   std::unique_ptr<Slot[], FreeSlots> slots_;
    size_t mask_ = 0;
    size_t live_ = 0;
    mutable size_t first_ = 0;
