@@ -98,9 +98,15 @@ private:
 // order, and visiting them in that order keeps neighbouring entries close in
 // memory), where a hash set would visit them scattered.
 //
-// The order is a queue of keys with lazy removal: del() removes the key from
-// the set only; entries of keys no longer present are dropped when they reach
-// the front, or when stale entries come to outnumber members.
+// The order is a queue holding one copy of each key that is a member, or
+// that left while its copy stood inside the queue (a stale key): del() takes
+// a key at the front off the queue, and only marks any other as stale. A
+// stale key that comes back takes its old place again, so no key is ever
+// queued twice; stale copies leave when they reach the front, or when the
+// queue is compacted. Compaction keeps the queue within about twice the
+// members and never stops the world: once stale keys outnumber members, each
+// later insertion or removal moves the next few copies from the unsorted
+// tail to a compacted head, dropping the stale ones.
 template <class E, class K, class Hash = std::hash<K>>
 class QueueSetAttr {
 public:
@@ -112,7 +118,10 @@ public:
       if (!set_.insert(k)) {
          return false;
       }
-      order_.push_back(k);
+      if (stale_.empty() || !stale_.erase(k)) {
+         tail_.push_back(k);
+      }
+      tidy();
       const K key = k;
       notify(owner, key);
       return true;
@@ -122,15 +131,20 @@ public:
       if (!set_.erase(key)) {
          return false;
       }
-      if (order_.front() == key) {
-         // Taken in order, as a review list mostly is: no search needed.
-         order_.pop_front();
+      if (front() == key) {
+         // Taken in order, as the FIB route review takes its list.
+         popFront();
+      } else {
+         stale_.insert(key);
       }
       if (set_.empty() && set_.bucket_count() > kKeptBuckets) {
          // A drained list gives back what a table's review grew it to, the
-         // queue's block map included.
+         // queue's block maps included.
          Set().swap(set_);
-         std::deque<K>().swap(order_);
+         Set().swap(stale_);
+         std::deque<K>().swap(head_);
+         std::deque<K>().swap(tail_);
+         compacting_ = false;
       }
       // Handlers may look at front(): it is a member again before they run.
       tidy();
@@ -145,7 +159,7 @@ public:
    }
 
    // The oldest member; the set must not be empty.
-   const K& front() const { return order_.front(); }
+   const K& front() const { return head_.empty() ? tail_.front() : head_.front(); }
    bool has(const K& k) const { return set_.contains(k); }
    size_t size() const { return set_.size(); }
    bool empty() const { return set_.empty(); }
@@ -154,38 +168,54 @@ public:
    typename Set::const_iterator begin() const { return set_.begin(); }
    typename Set::const_iterator end() const { return set_.end(); }
 
+   // Copies moved per insertion or removal while the queue is compacted: it
+   // gains at most one copy per call, so compaction ends.
+   static constexpr size_t kCompactPerStep = 8;
+
 private:
    void notify(E& owner, const K& k) {
       owner.notifieeList().notify(&owner, [&](typename E::Notifiee& n) { (n.*handler_)(k); });
    }
-   // Keeps front() a member, and the queue within twice the members. The
-   // queue holds a copy of every member, queued when it came (a copy leaves
-   // only once its key is no member), and stale copies of keys that left out
-   // of order; a key that comes back is queued anew, so a stale copy of a
-   // member may stand before its live one, which is harmless: front() only
-   // has to be a member. With no more copies than members, each member has
-   // exactly one and the front is a member without looking.
-   size_t stale() const { return order_.size() - set_.size(); }
-   void tidy() {
-      while (stale() != 0 && !set_.contains(order_.front())) {
-         order_.pop_front();
+   void popFront() {
+      if (!head_.empty()) {
+         head_.pop_front();
+      } else {
+         tail_.pop_front();
       }
-      if (stale() > set_.size() + 64) {
-         std::deque<K> kept;
-         std::unordered_set<K, Hash> seen;
-         for (const K& k : order_) {
-            if (set_.contains(k) && seen.insert(k).second) {
-               kept.push_back(k);
-            }
+   }
+   // Keeps front() a member, and compacts a step at a time.
+   void tidy() {
+      while (!stale_.empty() && !set_.empty() && !set_.contains(front())) {
+         stale_.erase(front());
+         popFront();
+      }
+      if (!compacting_ && stale_.size() > set_.size() + 64) {
+         compacting_ = true;
+      }
+      if (!compacting_) {
+         return;
+      }
+      for (size_t i = 0; i < kCompactPerStep && !tail_.empty(); ++i) {
+         if (set_.contains(tail_.front())) {
+            head_.push_back(tail_.front());
+         } else {
+            stale_.erase(tail_.front());
          }
-         order_.swap(kept);
+         tail_.pop_front();
+      }
+      if (tail_.empty()) {
+         head_.swap(tail_);
+         compacting_ = false;
       }
    }
 
    static constexpr size_t kKeptBuckets = 4096;
    Handler handler_;
    Set set_;
-   std::deque<K> order_;
+   Set stale_;
+   std::deque<K> head_;  // compacted, before tail_ (empty unless compacting)
+   std::deque<K> tail_;
+   bool compacting_ = false;
 };
 
 // Shared shape of the two map attributes.
