@@ -164,15 +164,15 @@ public:
       using pointer = const K*;
       using reference = const K&;
       const_iterator() = default;
-      reference operator*() const { return s_->large_ ? table()->keyAt(at_) : *small_; }
+      reference operator*() const { return phase_ == kSmall ? *small_ : table()->keyAt(at_); }
       pointer operator->() const { return &**this; }
       const_iterator& operator++() {
-         if (s_->large_) {
-            at_ = table()->nextLive(at_ + 1);
-            settle();
-         } else {
+         if (phase_ == kSmall) {
             ++small_;
+         } else {
+            ++at_;
          }
+         settle();
          return *this;
       }
       const_iterator operator++(int) {
@@ -181,26 +181,39 @@ public:
          return was;
       }
       friend bool operator==(const const_iterator& a, const const_iterator& b) {
-         return a.inOld_ == b.inOld_ && a.at_ == b.at_ && a.small_ == b.small_;
+         return a.phase_ == b.phase_ && a.at_ == b.at_ && a.small_ == b.small_;
       }
 
    private:
       friend class GrowingSet;
-      const_iterator(const GrowingSet* s, typename Small::const_iterator small)
-          : s_(s), small_(small) {}
-      const_iterator(const GrowingSet* s, bool inOld, size_t at) : s_(s), inOld_(inOld), at_(at) {
+      // The members not yet moved out of the std::unordered_set, then those
+      // left in the old table, then the new table.
+      enum Phase { kSmall, kOld, kCur };
+      const_iterator(const GrowingSet* s, Phase phase, typename Small::const_iterator small,
+                     size_t at)
+          : s_(s), phase_(phase), at_(at), small_(small) {
          settle();
       }
-      const Table* table() const { return inOld_ ? &s_->old_ : &s_->cur_; }
-      // Off the end of the old table means the start of the new one.
+      const Table* table() const { return phase_ == kOld ? &s_->old_ : &s_->cur_; }
+      // On a member, or at the end: past a part means the next one.
       void settle() {
-         if (inOld_ && at_ >= s_->old_.capacity()) {
-            inOld_ = false;
+         if (phase_ == kSmall) {
+            if (!s_->large_ || small_ != s_->small_.end()) {
+               return;
+            }
+            phase_ = kOld;
+            small_ = {};
+            at_ = s_->old_.firstLive();
+         } else {
+            at_ = table()->nextLive(at_);
+         }
+         if (phase_ == kOld && at_ >= s_->old_.capacity()) {
+            phase_ = kCur;
             at_ = s_->cur_.firstLive();
          }
       }
       const GrowingSet* s_ = nullptr;
-      bool inOld_ = false;
+      Phase phase_ = kSmall;
       size_t at_ = 0;
       typename Small::const_iterator small_{};
    };
@@ -216,13 +229,11 @@ public:
             }
             return small_.insert(k).second;
          }
-         if (small_.count(k) != 0) {
-            return false;
-         }
          becomeLarge();
       }
       const uint32_t h = hashOf(k);
-      if (cur_.find(k, h) != Table::npos || old_.find(k, h) != Table::npos) {
+      if (cur_.find(k, h) != Table::npos || old_.find(k, h) != Table::npos ||
+          (!small_.empty() && small_.count(k) != 0)) {
          return false;
       }
       if (!cur_.hasRoom()) {
@@ -241,7 +252,7 @@ public:
          cur_.eraseShift(i);
       } else if (size_t j = old_.find(k, h); j != Table::npos) {
          old_.eraseMark(j);
-      } else {
+      } else if (small_.empty() || small_.erase(k) == 0) {
          return false;
       }
       moveSome();
@@ -252,24 +263,22 @@ public:
          return small_.count(k) != 0;
       }
       const uint32_t h = hashOf(k);
-      return cur_.find(k, h) != Table::npos || old_.find(k, h) != Table::npos;
+      return cur_.find(k, h) != Table::npos || old_.find(k, h) != Table::npos ||
+             (!small_.empty() && small_.count(k) != 0);
    }
-   size_t size() const { return large_ ? cur_.size() + old_.size() : small_.size(); }
+   size_t size() const { return small_.size() + (large_ ? cur_.size() + old_.size() : 0); }
    bool empty() const { return size() == 0; }
    size_t bucket_count() const { return large_ ? cur_.capacity() : small_.bucket_count(); }
    // True while members are still being moved to the larger table.
-   bool growing() const { return !old_.empty(); }
+   bool growing() const { return large_ && (!old_.empty() || !small_.empty()); }
    const_iterator begin() const {
-      if (!large_) {
-         return const_iterator(this, small_.begin());
-      }
-      return const_iterator(this, true, old_.firstLive());
+      return const_iterator(this, const_iterator::kSmall, small_.begin(), 0);
    }
    const_iterator end() const {
       if (!large_) {
-         return const_iterator(this, small_.end());
+         return const_iterator(this, const_iterator::kSmall, small_.end(), 0);
       }
-      return const_iterator(this, false, cur_.capacity());
+      return const_iterator(this, const_iterator::kCur, {}, cur_.capacity());
    }
    void swap(GrowingSet& other) {
       std::swap(large_, other.large_);
@@ -293,32 +302,37 @@ private:
    static uint32_t hashOf(const K& k) {
       return uint32_t((uint64_t(Hash()(k)) * 0x9e3779b97f4a7c15ULL) >> 32);
    }
+   // The std::unordered_set's members move to the open table like an old
+   // table's: a few per call, not 16,000 inside the one insertion.
    void becomeLarge() {
       size_t capacity = 1;
       while (capacity < 2 * small_.size()) {
          capacity *= 2;
       }
-      Table table(capacity);
-      for (const K& k : small_) {
-         table.insertNew(k, hashOf(k));
-      }
-      cur_ = std::move(table);
-      Small().swap(small_);
+      cur_ = Table(capacity);
       large_ = true;
    }
    void grow() {
-      if (!old_.empty()) {
-         // Not expected: the old table empties long before the new one
-         // fills. Finish the move rather than keep three tables.
-         while (!old_.empty()) {
-            moveSome();
-         }
+      // Not expected: the old members are all moved long before the new
+      // table fills. Finish the move rather than keep three tables.
+      while (!old_.empty() || !small_.empty()) {
+         moveSome();
       }
       old_ = std::move(cur_);
       cur_ = Table(2 * old_.capacity());
       moveAt_ = 0;
    }
    void moveSome() {
+      if (!small_.empty()) {
+         for (size_t i = 0; i < kSlotsPerStep && !small_.empty(); ++i) {
+            const K& k = *small_.begin();
+            cur_.insertNew(k, hashOf(k));
+            small_.erase(small_.begin());
+         }
+         if (small_.empty()) {
+            Small().swap(small_);
+         }
+      }
       if (old_.capacity() == 0) {
          return;
       }
