@@ -52,7 +52,10 @@ public:
 
 private:
    Zop::NotifierList<Notifiee> notifiees_;
-   Zop::HashMapAttr<RouteReactorConfigT, Key, RouteWatch> watched_{&Notifiee::handleWatchedPrefix};
+   // One watch per segment prefix of a routing VRF: a full table's enable
+   // adds a hundred thousand, and a one-go rehash would be one long item.
+   Zop::GrowingMapAttr<RouteReactorConfigT, Key, RouteWatch> watched_{
+       &Notifiee::handleWatchedPrefix};
 };
 
 template <class Key, class FibTrie>

@@ -305,6 +305,17 @@ public:
    void reserve(size_t n) { this->map_.reserve(n); }
 };
 
+// A hash map attribute on the stepped open table (GrowingMap), for maps that
+// a table-wide change fills by the hundred thousand: no allocation per entry
+// and no rehash of the whole map in one call. Keys and values must be
+// trivially copyable; iteration is in no particular order, and a value found
+// stays valid only until the next change.
+template <class E, class K, class V, class Hash = std::hash<K>>
+class GrowingMapAttr : public MapAttr<E, K, V, GrowingMap<K, V, Hash>> {
+public:
+   using MapAttr<E, K, V, GrowingMap<K, V, Hash>>::MapAttr;
+};
+
 template <class E, class K, class V, class Less = std::less<K>>
 class OrderedMapAttr : public MapAttr<E, K, V, std::map<K, V, Less>> {
 public:

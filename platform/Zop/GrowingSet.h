@@ -19,6 +19,10 @@
 // hash order, the same for the same history. begin() is cheap however many
 // members were taken from the front: each table remembers where its first
 // member may be.
+//
+// GrowingMap is the same stepped table holding a key and its value: for the
+// maps of one entry per watched prefix, which a full table's enable fills by
+// the hundred thousand.
 
 #include <algorithm>
 #include <cstddef>
@@ -27,6 +31,7 @@
 #include <iterator>
 #include <memory>
 #include <new>
+#include <optional>
 #include <type_traits>
 #include <unordered_set>
 #include <utility>
@@ -35,13 +40,15 @@ namespace Zop {
 
 namespace detail {
 
-// Linear-probing table of keys inline. A removal shifts the rest of the probe
-// run back (no tombstones) unless the table is being emptied into a larger
-// one: then removals and moved slots are only marked, so that the run of a
-// key not yet moved stays intact and the move's position stays valid.
-template <class K>
+// Linear-probing table of entries inline (a key, or a key and its value). A
+// removal shifts the rest of the probe run back (no tombstones) unless the
+// table is being emptied into a larger one: then removals and moved slots
+// are only marked, so that the run of a key not yet moved stays intact and
+// the move's position stays valid.
+template <class Entry, class KeyOf>
 class OpenTable {
 public:
+   using Key = std::remove_cvref_t<decltype(KeyOf()(std::declval<const Entry&>()))>;
    static constexpr size_t npos = ~size_t(0);
 
    OpenTable() = default;
@@ -60,7 +67,7 @@ public:
    // Room for one more without passing three quarters full.
    bool hasRoom() const { return 4 * (live_ + 1) <= 3 * capacity(); }
 
-   size_t find(const K& k, uint32_t h) const {
+   size_t find(const Key& k, uint32_t h) const {
       if (live_ == 0) {
          return npos;
       }
@@ -69,24 +76,25 @@ public:
          if (s.state == kEmpty) {
             return npos;
          }
-         if (s.state == kLive && s.hash == h && s.key == k) {
+         if (s.state == kLive && s.hash == h && KeyOf()(s.entry) == k) {
             return i;
          }
       }
    }
-   // `k` must not be a member, and the table must have room.
-   void insertNew(const K& k, uint32_t h) {
+   // The entry's key must not be present, and the table must have room.
+   size_t insertNew(const Entry& e, uint32_t h) {
       size_t i = h & mask_;
       while (slots_[i].state != kEmpty) {
          i = (i + 1) & mask_;
       }
       slots_[i].state = kLive;
       slots_[i].hash = h;
-      slots_[i].key = k;
+      slots_[i].entry = e;
       ++live_;
       first_ = std::min(first_, i);
+      return i;
    }
-   // Removes slot i, moving later members of its probe run back.
+   // Removes slot i, moving later entries of its probe run back.
    void eraseShift(size_t i) {
       --live_;
       for (size_t j = (i + 1) & mask_;; j = (j + 1) & mask_) {
@@ -110,9 +118,10 @@ public:
       --live_;
    }
    bool liveAt(size_t i) const { return slots_[i].state == kLive; }
-   const K& keyAt(size_t i) const { return slots_[i].key; }
+   Entry& entryAt(size_t i) { return slots_[i].entry; }
+   const Entry& entryAt(size_t i) const { return slots_[i].entry; }
    uint32_t hashAt(size_t i) const { return slots_[i].hash; }
-   // The first member at or after i, or capacity().
+   // The first entry at or after i, or capacity().
    size_t nextLive(size_t i) const {
       const size_t cap = capacity();
       while (i < cap && slots_[i].state != kLive) {
@@ -120,8 +129,8 @@ public:
       }
       return i;
    }
-   // The first member: no member lies before first_, which only insertions
-   // lower, so draining from the front does not rescan what it emptied.
+   // The first entry: none lies before first_, which only insertions lower,
+   // so draining from the front does not rescan what it emptied.
    size_t firstLive() const {
       first_ = nextLive(std::min(first_, capacity()));
       return first_;
@@ -132,12 +141,12 @@ private:
    // Slots come zeroed from calloc, which is an empty slot: a table of a
    // million slots is then pages the kernel hands out as they are first
    // touched, not 50 MB cleared inside the one insertion that grew the list.
-   // That needs keys that may live in raw memory.
-   static_assert(std::is_trivially_copyable_v<K> && std::is_trivially_destructible_v<K>);
+   // That needs entries that may live in raw memory.
+   static_assert(std::is_trivially_copyable_v<Entry> && std::is_trivially_destructible_v<Entry>);
    struct Slot {
       uint32_t hash;
       uint8_t state;
-      K key;
+      Entry entry;
    };
    struct FreeSlots {
       void operator()(Slot* s) const { std::free(s); }
@@ -148,13 +157,148 @@ private:
    mutable size_t first_ = 0;
 };
 
+// An OpenTable that never grows in one go: the full table is set aside and a
+// table of twice the slots takes new entries, and every insertion or removal
+// moves the next few slots of the old table across. A position names a slot
+// of one of the two tables; it stays valid until the next insertion or
+// removal.
+template <class Entry, class KeyOf, class Hash>
+class SteppedTable {
+public:
+   using Table = OpenTable<Entry, KeyOf>;
+   using Key = typename Table::Key;
+   struct Pos {
+      bool inOld = false;
+      size_t at = 0;
+      friend bool operator==(const Pos&, const Pos&) = default;
+   };
+
+   // The hash spread once more: std::hash of an integer is the integer, and
+   // linear probing wants neighbouring keys far apart.
+   static uint32_t hashOf(const Key& k) {
+      return uint32_t((uint64_t(Hash()(k)) * 0x9e3779b97f4a7c15ULL) >> 32);
+   }
+
+   std::optional<Pos> find(const Key& k) const {
+      const uint32_t h = hashOf(k);
+      if (size_t i = cur_.find(k, h); i != Table::npos) {
+         return Pos{false, i};
+      }
+      if (size_t i = old_.find(k, h); i != Table::npos) {
+         return Pos{true, i};
+      }
+      return std::nullopt;
+   }
+   // Inserts an entry whose key is not present; its position.
+   Pos insertNew(const Entry& e) {
+      if (!cur_.hasRoom()) {
+         grow();
+      }
+      const size_t i = cur_.insertNew(e, hashOf(KeyOf()(e)));
+      moveSome();  // moves into empty slots of cur_: i stays
+      return Pos{false, i};
+   }
+   // Inserts an entry whose key is not present, without a step of the move:
+   // for a caller that moves entries in from elsewhere.
+   void moveIn(const Entry& e) { cur_.insertNew(e, hashOf(KeyOf()(e))); }
+   void erase(Pos p) {
+      if (p.inOld) {
+         old_.eraseMark(p.at);
+      } else {
+         cur_.eraseShift(p.at);
+      }
+      moveSome();
+   }
+
+   size_t size() const { return cur_.size() + old_.size(); }
+   size_t capacity() const { return cur_.capacity(); }
+   bool growing() const { return !old_.empty(); }
+   Entry& at(Pos p) { return p.inOld ? old_.entryAt(p.at) : cur_.entryAt(p.at); }
+   const Entry& at(Pos p) const { return p.inOld ? old_.entryAt(p.at) : cur_.entryAt(p.at); }
+   // Iteration: what is left of the old table, then the new one.
+   Pos first() const { return settle(Pos{true, old_.firstLive()}); }
+   Pos next(Pos p) const { return settle(Pos{p.inOld, p.at + 1}); }
+   Pos last() const { return Pos{false, cur_.capacity()}; }
+   // A new table with room for n entries, only before the first insertion.
+   void start(size_t n) {
+      size_t capacity = 16;
+      while (3 * capacity < 4 * n) {
+         capacity *= 2;
+      }
+      cur_ = Table(capacity);
+   }
+
+   // Old slots looked at per insertion or removal. The new table, twice the
+   // slots, takes three quarters of the old table's slots in new entries
+   // before it is full itself; two slots a call would do.
+   static constexpr size_t kSlotsPerStep = 8;
+
+private:
+   // On an entry or at the end: off the end of the old table means the start
+   // of the new one.
+   Pos settle(Pos p) const {
+      if (p.inOld) {
+         p.at = old_.nextLive(p.at);
+         if (p.at < old_.capacity()) {
+            return p;
+         }
+         return Pos{false, cur_.firstLive()};
+      }
+      p.at = cur_.nextLive(p.at);
+      return p;
+   }
+   void grow() {
+      // Not expected: the old table empties long before the new one fills.
+      // Finish the move rather than keep three tables.
+      while (!old_.empty()) {
+         moveSome();
+      }
+      old_ = std::move(cur_);
+      cur_ = Table(old_.capacity() == 0 ? 16 : 2 * old_.capacity());
+      moveAt_ = 0;
+   }
+   void moveSome() {
+      if (old_.capacity() == 0) {
+         return;
+      }
+      const size_t stop = std::min(old_.capacity(), moveAt_ + kSlotsPerStep);
+      for (; moveAt_ < stop && !old_.empty(); ++moveAt_) {
+         if (old_.liveAt(moveAt_)) {
+            cur_.insertNew(old_.entryAt(moveAt_), old_.hashAt(moveAt_));
+            old_.eraseMark(moveAt_);
+         }
+      }
+      if (old_.empty()) {
+         old_ = Table();
+         moveAt_ = 0;
+      }
+   }
+
+   Table cur_;
+   Table old_;
+   size_t moveAt_ = 0;  // the next slot of old_ to move
+};
+
+struct KeyIsEntry {
+   template <class K>
+   const K& operator()(const K& k) const {
+      return k;
+   }
+};
+struct KeyIsFirst {
+   template <class E>
+   const auto& operator()(const E& e) const {
+      return e.first;
+   }
+};
+
 }  // namespace detail
 
 template <class K, class Hash = std::hash<K>>
 class GrowingSet {
 public:
    using Small = std::unordered_set<K, Hash>;
-   using Table = detail::OpenTable<K>;
+   using Large = detail::SteppedTable<K, detail::KeyIsEntry, Hash>;
 
    class const_iterator {
    public:
@@ -164,15 +308,15 @@ public:
       using pointer = const K*;
       using reference = const K&;
       const_iterator() = default;
-      reference operator*() const { return phase_ == kSmall ? *small_ : table()->keyAt(at_); }
+      reference operator*() const { return inSmall_ ? *small_ : s_->large__.at(pos_); }
       pointer operator->() const { return &**this; }
       const_iterator& operator++() {
-         if (phase_ == kSmall) {
+         if (inSmall_) {
             ++small_;
+            settle();
          } else {
-            ++at_;
+            pos_ = s_->large__.next(pos_);
          }
-         settle();
          return *this;
       }
       const_iterator operator++(int) {
@@ -181,41 +325,29 @@ public:
          return was;
       }
       friend bool operator==(const const_iterator& a, const const_iterator& b) {
-         return a.phase_ == b.phase_ && a.at_ == b.at_ && a.small_ == b.small_;
+         return a.inSmall_ == b.inSmall_ && a.small_ == b.small_ && a.pos_ == b.pos_;
       }
 
    private:
       friend class GrowingSet;
-      // The members not yet moved out of the std::unordered_set, then those
-      // left in the old table, then the new table.
-      enum Phase { kSmall, kOld, kCur };
-      const_iterator(const GrowingSet* s, Phase phase, typename Small::const_iterator small,
-                     size_t at)
-          : s_(s), phase_(phase), at_(at), small_(small) {
+      // The members not yet moved out of the std::unordered_set, then the
+      // open table's.
+      const_iterator(const GrowingSet* s, typename Small::const_iterator small)
+          : s_(s), inSmall_(true), small_(small) {
          settle();
       }
-      const Table* table() const { return phase_ == kOld ? &s_->old_ : &s_->cur_; }
-      // On a member, or at the end: past a part means the next one.
+      const_iterator(const GrowingSet* s, typename Large::Pos pos) : s_(s), pos_(pos) {}
       void settle() {
-         if (phase_ == kSmall) {
-            if (!s_->large_ || small_ != s_->small_.end()) {
-               return;
-            }
-            phase_ = kOld;
+         if (s_->large_ && small_ == s_->small_.end()) {
+            inSmall_ = false;
             small_ = {};
-            at_ = s_->old_.firstLive();
-         } else {
-            at_ = table()->nextLive(at_);
-         }
-         if (phase_ == kOld && at_ >= s_->old_.capacity()) {
-            phase_ = kCur;
-            at_ = s_->cur_.firstLive();
+            pos_ = s_->large__.first();
          }
       }
       const GrowingSet* s_ = nullptr;
-      Phase phase_ = kSmall;
-      size_t at_ = 0;
+      bool inSmall_ = false;
       typename Small::const_iterator small_{};
+      typename Large::Pos pos_{};
    };
 
    bool insert(const K& k) {
@@ -229,131 +361,144 @@ public:
             }
             return small_.insert(k).second;
          }
-         becomeLarge();
+         // The std::unordered_set's members move to the open table like an
+         // old table's: a few per call, not 16,000 inside this insertion.
+         large__.start(2 * small_.size());
+         large_ = true;
       }
-      const uint32_t h = hashOf(k);
-      if (cur_.find(k, h) != Table::npos || old_.find(k, h) != Table::npos ||
-          (!small_.empty() && small_.count(k) != 0)) {
+      if (contains(k)) {
          return false;
       }
-      if (!cur_.hasRoom()) {
-         grow();
-      }
-      cur_.insertNew(k, h);
-      moveSome();
+      large__.insertNew(k);
+      moveSmall();
       return true;
    }
    bool erase(const K& k) {
       if (!large_) {
          return small_.erase(k) != 0;
       }
-      const uint32_t h = hashOf(k);
-      if (size_t i = cur_.find(k, h); i != Table::npos) {
-         cur_.eraseShift(i);
-      } else if (size_t j = old_.find(k, h); j != Table::npos) {
-         old_.eraseMark(j);
+      if (std::optional<typename Large::Pos> at = large__.find(k)) {
+         large__.erase(*at);
       } else if (small_.empty() || small_.erase(k) == 0) {
          return false;
       }
-      moveSome();
+      moveSmall();
       return true;
    }
    bool contains(const K& k) const {
       if (!large_) {
          return small_.count(k) != 0;
       }
-      const uint32_t h = hashOf(k);
-      return cur_.find(k, h) != Table::npos || old_.find(k, h) != Table::npos ||
-             (!small_.empty() && small_.count(k) != 0);
+      return large__.find(k).has_value() || (!small_.empty() && small_.count(k) != 0);
    }
-   size_t size() const { return small_.size() + (large_ ? cur_.size() + old_.size() : 0); }
+   size_t size() const { return small_.size() + large__.size(); }
    bool empty() const { return size() == 0; }
-   size_t bucket_count() const { return large_ ? cur_.capacity() : small_.bucket_count(); }
+   size_t bucket_count() const { return large_ ? large__.capacity() : small_.bucket_count(); }
    // True while members are still being moved to the larger table.
-   bool growing() const { return large_ && (!old_.empty() || !small_.empty()); }
-   const_iterator begin() const {
-      return const_iterator(this, const_iterator::kSmall, small_.begin(), 0);
-   }
+   bool growing() const { return large_ && (large__.growing() || !small_.empty()); }
+   const_iterator begin() const { return const_iterator(this, small_.begin()); }
    const_iterator end() const {
-      if (!large_) {
-         return const_iterator(this, const_iterator::kSmall, small_.end(), 0);
-      }
-      return const_iterator(this, const_iterator::kCur, {}, cur_.capacity());
+      return large_ ? const_iterator(this, large__.last()) : const_iterator(this, small_.end());
    }
    void swap(GrowingSet& other) {
       std::swap(large_, other.large_);
       small_.swap(other.small_);
-      std::swap(cur_, other.cur_);
-      std::swap(old_, other.old_);
-      std::swap(moveAt_, other.moveAt_);
+      std::swap(large__, other.large__);
    }
 
    // Up to this many members the set is a std::unordered_set: below it a
    // rehash costs well under a millisecond.
    static constexpr size_t kGrowInSteps = 4096;
-   // Old slots looked at per insertion or removal. The new table, twice the
-   // slots, takes three quarters of the old table's slots in new members
-   // before it is full itself; two slots a call would do.
-   static constexpr size_t kSlotsPerStep = 8;
 
 private:
-   // The hash spread once more: std::hash of an integer is the integer, and
-   // linear probing wants neighbouring keys far apart.
-   static uint32_t hashOf(const K& k) {
-      return uint32_t((uint64_t(Hash()(k)) * 0x9e3779b97f4a7c15ULL) >> 32);
-   }
-   // The std::unordered_set's members move to the open table like an old
-   // table's: a few per call, not 16,000 inside the one insertion.
-   void becomeLarge() {
-      size_t capacity = 1;
-      while (capacity < 2 * small_.size()) {
-         capacity *= 2;
-      }
-      cur_ = Table(capacity);
-      large_ = true;
-   }
-   void grow() {
-      // Not expected: the old members are all moved long before the new
-      // table fills. Finish the move rather than keep three tables.
-      while (!old_.empty() || !small_.empty()) {
-         moveSome();
-      }
-      old_ = std::move(cur_);
-      cur_ = Table(2 * old_.capacity());
-      moveAt_ = 0;
-   }
-   void moveSome() {
-      if (!small_.empty()) {
-         for (size_t i = 0; i < kSlotsPerStep && !small_.empty(); ++i) {
-            const K& k = *small_.begin();
-            cur_.insertNew(k, hashOf(k));
-            small_.erase(small_.begin());
-         }
-         if (small_.empty()) {
-            Small().swap(small_);
-         }
-      }
-      if (old_.capacity() == 0) {
+   void moveSmall() {
+      if (small_.empty()) {
          return;
       }
-      const size_t stop = std::min(old_.capacity(), moveAt_ + kSlotsPerStep);
-      for (; moveAt_ < stop && !old_.empty(); ++moveAt_) {
-         if (old_.liveAt(moveAt_)) {
-            cur_.insertNew(old_.keyAt(moveAt_), old_.hashAt(moveAt_));
-            old_.eraseMark(moveAt_);
-         }
+      for (size_t i = 0; i < Large::kSlotsPerStep && !small_.empty(); ++i) {
+         large__.moveIn(*small_.begin());
+         small_.erase(small_.begin());
       }
-      if (old_.empty()) {
-         old_ = Table();
-         moveAt_ = 0;
+      if (small_.empty()) {
+         Small().swap(small_);
       }
    }
 
    bool large_ = false;
    Small small_;
-   Table cur_;
-   Table old_;
-   size_t moveAt_ = 0;  // the next slot of old_ to move
+   Large large__;
+};
+
+// One entry of a GrowingMap; what its iterators point at.
+template <class K, class V>
+struct MapEntry {
+   K first;
+   V second;
+};
+
+// A hash map on the same stepped open table: entries inline, no allocation
+// per entry, no rehash of the whole map in one call. It has the operations
+// of std::unordered_map that the map attributes use; iteration is in no
+// particular order, and a value found stays valid only until the next
+// insertion or removal.
+template <class K, class V, class Hash = std::hash<K>>
+class GrowingMap {
+   using Entry = MapEntry<K, V>;
+   using Table = detail::SteppedTable<Entry, detail::KeyIsFirst, Hash>;
+   using Pos = typename Table::Pos;
+
+public:
+   template <class M, class Ref>
+   class Iter {
+   public:
+      using iterator_category = std::forward_iterator_tag;
+      using value_type = Entry;
+      using difference_type = std::ptrdiff_t;
+      using pointer = std::remove_reference_t<Ref>*;
+      using reference = Ref;
+      Iter() = default;
+      reference operator*() const { return m_->table_.at(pos_); }
+      pointer operator->() const { return &**this; }
+      Iter& operator++() {
+         pos_ = m_->table_.next(pos_);
+         return *this;
+      }
+      friend bool operator==(const Iter& a, const Iter& b) { return a.pos_ == b.pos_; }
+
+   private:
+      friend class GrowingMap;
+      Iter(M* m, Pos pos) : m_(m), pos_(pos) {}
+      M* m_ = nullptr;
+      Pos pos_{};
+   };
+   using iterator = Iter<GrowingMap, Entry&>;
+   using const_iterator = Iter<const GrowingMap, const Entry&>;
+
+   std::pair<iterator, bool> try_emplace(const K& k, const V& v) {
+      if (std::optional<Pos> at = table_.find(k)) {
+         return {iterator(this, *at), false};
+      }
+      return {iterator(this, table_.insertNew(Entry{k, v})), true};
+   }
+   iterator find(const K& k) {
+      std::optional<Pos> at = table_.find(k);
+      return at ? iterator(this, *at) : end();
+   }
+   const_iterator find(const K& k) const {
+      std::optional<Pos> at = table_.find(k);
+      return at ? const_iterator(this, *at) : end();
+   }
+   void erase(iterator it) { table_.erase(it.pos_); }
+   size_t count(const K& k) const { return table_.find(k) ? 1 : 0; }
+   size_t size() const { return table_.size(); }
+   bool empty() const { return size() == 0; }
+   iterator begin() { return iterator(this, table_.first()); }
+   iterator end() { return iterator(this, table_.last()); }
+   const_iterator begin() const { return const_iterator(this, table_.first()); }
+   const_iterator end() const { return const_iterator(this, table_.last()); }
+
+private:
+   Table table_;
 };
 
 }  // namespace Zop

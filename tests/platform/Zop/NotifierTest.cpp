@@ -456,7 +456,7 @@ TEST(ZopGrowingSet, OneLongProbeRunStaysConsistentThroughRemovalsGrowthAndDraini
 TEST(ZopGrowingSet, OpenTableRunsThatWrapAroundKeepEveryMemberFindable) {
    std::mt19937 rng(3);
    for (int round = 0; round < 200; ++round) {
-      Zop::detail::OpenTable<int> table(16);
+      Zop::detail::OpenTable<int, Zop::detail::KeyIsEntry> table(16);
       std::map<int, uint32_t> model;  // key -> its hash
       for (int op = 0; op < 200; ++op) {
          const int k = int(rng() % 40);
@@ -474,10 +474,50 @@ TEST(ZopGrowingSet, OpenTableRunsThatWrapAroundKeepEveryMemberFindable) {
          for (const auto& [key, hash] : model) {
             const size_t i = table.find(key, hash);
             ASSERT_NE(i, table.npos) << round << " " << op << " lost " << key;
-            ASSERT_EQ(table.keyAt(i), key);
+            ASSERT_EQ(table.entryAt(i), key);
          }
       }
    }
+}
+
+// The map on the same table, as the map attributes use it, against
+// std::map: values overwritten in place, erasure by iterator while the table
+// grows in steps, and iteration meeting each entry once with its value.
+TEST(ZopGrowingMap, BehavesAsAMapWhileGrowingInSteps) {
+   Zop::GrowingMap<int, int> map;
+   std::map<int, int> model;
+   std::mt19937 rng(17);
+   for (int op = 0; op < 150000; ++op) {
+      const int k = int(rng() % 120000);
+      const int v = int(rng() % 1000);
+      if (rng() % 4 == 0) {
+         auto it = map.find(k);
+         ASSERT_EQ(it != map.end(), model.count(k) == 1) << op;
+         if (it != map.end()) {
+            ASSERT_EQ(it->second, model[k]);
+            map.erase(it);
+            model.erase(k);
+         }
+      } else {
+         auto [it, inserted] = map.try_emplace(k, v);
+         ASSERT_EQ(inserted, model.count(k) == 0) << op;
+         it->second = v;
+         model[k] = v;
+      }
+      ASSERT_EQ(map.size(), model.size());
+      if (op % 9973 == 0) {
+         std::map<int, int> seen;
+         for (const auto& [key, value] : map) {
+            ASSERT_TRUE(seen.emplace(key, value).second) << key << " met twice";
+         }
+         ASSERT_EQ(seen, model) << op;
+      }
+   }
+   std::map<int, int> seen;
+   for (const auto& [key, value] : map) {
+      seen.emplace(key, value);
+   }
+   EXPECT_EQ(seen, model);
 }
 
 TEST_F(ZopNotifierTest, TimedHandlersCountOutermostCallsOnly) {
