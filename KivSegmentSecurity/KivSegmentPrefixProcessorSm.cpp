@@ -282,6 +282,15 @@ KivSegmentRouteOperationType KivSegmentPrefixProcessorSm::getPrefixRequiredActio
 void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
    TRACE8_FN("doReviewConfiguredSegmentSubnets");
    queueRoutingChanges();
+   // An enable at full table records every configured prefix: the records
+   // are sized for the configuration before they fill.
+   if (fwConfig_ && segmentReviewList_->vrfIpGenPrefixCount() != 0) {
+      size_t configured = 0;
+      for (const auto& [name, fwVrf] : fwConfig_->vrf()) {
+         configured += fwVrf->prefixList().size();
+      }
+      segmentRoutesList_->routeInfoExpectedIs(configured);
+   }
    // Every member processed leaves the list, so the walk always takes the
    // list's first member; a member removed meanwhile is simply not met. The
    // FIB range walks a member queues go on before the next member, so the

@@ -187,6 +187,18 @@ public:
    }
    bool routeInfoHas(const VrfAndIpGenPrefix& k) const { return routeInfo_.has(k); }
    size_t routeInfoCount() const { return routeInfo_.size(); }
+   // Room for `expected` records, made while there are still few: a map that
+   // grows one rehash at a time rehashes every record at each doubling, one
+   // long item of whichever run adds the record (15 ms at 100,000). Only for
+   // a large table, so that a small one keeps the hash order its records are
+   // queued in.
+   void routeInfoExpectedIs(size_t expected) {
+      if (expected >= kSizeAheadFrom && expected > routeInfo_.members().bucket_count() &&
+          8 * routeInfo_.size() < expected) {
+         routeInfo_.reserve(expected);
+      }
+   }
+   static constexpr size_t kSizeAheadFrom = 16384;
    const auto& routeInfo() const { return routeInfo_; }
    // The keys of the VRF's records that carry `hwId`, in key order (empty
    // when there are none): a segment's records without a walk of every
