@@ -179,24 +179,20 @@ public:
       return uint32_t((uint64_t(Hash()(k)) * 0x9e3779b97f4a7c15ULL) >> 32);
    }
 
-   std::optional<Pos> find(const Key& k) const {
-      const uint32_t h = hashOf(k);
-      if (size_t i = cur_.find(k, h); i != Table::npos) {
-         return Pos{false, i};
+   std::optional<Pos> find(const Key& k) const { return locate(k, hashOf(k)); }
+   // The entry of e's key, and whether it was inserted (as e) just now: one
+   // hash for the lookup and the insertion.
+   std::pair<Pos, bool> insert(const Entry& e) {
+      const uint32_t h = hashOf(KeyOf()(e));
+      if (std::optional<Pos> at = locate(KeyOf()(e), h)) {
+         return {*at, false};
       }
-      if (size_t i = old_.find(k, h); i != Table::npos) {
-         return Pos{true, i};
-      }
-      return std::nullopt;
-   }
-   // Inserts an entry whose key is not present; its position.
-   Pos insertNew(const Entry& e) {
       if (!cur_.hasRoom()) {
          grow();
       }
-      const size_t i = cur_.insertNew(e, hashOf(KeyOf()(e)));
+      const size_t i = cur_.insertNew(e, h);
       moveSome();  // moves into empty slots of cur_: i stays
-      return Pos{false, i};
+      return {Pos{false, i}, true};
    }
    // Inserts an entry whose key is not present, without a step of the move:
    // for a caller that moves entries in from elsewhere.
@@ -234,6 +230,15 @@ public:
    static constexpr size_t kSlotsPerStep = 8;
 
 private:
+   std::optional<Pos> locate(const Key& k, uint32_t h) const {
+      if (size_t i = cur_.find(k, h); i != Table::npos) {
+         return Pos{false, i};
+      }
+      if (size_t i = old_.find(k, h); i != Table::npos) {
+         return Pos{true, i};
+      }
+      return std::nullopt;
+   }
    // On an entry or at the end: off the end of the old table means the start
    // of the new one.
    Pos settle(Pos p) const {
@@ -366,10 +371,12 @@ public:
          large__.start(2 * small_.size());
          large_ = true;
       }
-      if (contains(k)) {
+      if (!small_.empty() && small_.count(k) != 0) {
          return false;
       }
-      large__.insertNew(k);
+      if (!large__.insert(k).second) {
+         return false;
+      }
       moveSmall();
       return true;
    }
@@ -475,10 +482,8 @@ public:
    using const_iterator = Iter<const GrowingMap, const Entry&>;
 
    std::pair<iterator, bool> try_emplace(const K& k, const V& v) {
-      if (std::optional<Pos> at = table_.find(k)) {
-         return {iterator(this, *at), false};
-      }
-      return {iterator(this, table_.insertNew(Entry{k, v})), true};
+      auto [at, inserted] = table_.insert(Entry{k, v});
+      return {iterator(this, at), inserted};
    }
    iterator find(const K& k) {
       std::optional<Pos> at = table_.find(k);
