@@ -313,14 +313,14 @@ public:
       using pointer = const K*;
       using reference = const K&;
       const_iterator() = default;
-      reference operator*() const { return inSmall_ ? *small_ : s_->large__.at(pos_); }
+      reference operator*() const { return inSmall_ ? *small_ : s_->open_.at(pos_); }
       pointer operator->() const { return &**this; }
       const_iterator& operator++() {
          if (inSmall_) {
             ++small_;
             settle();
          } else {
-            pos_ = s_->large__.next(pos_);
+            pos_ = s_->open_.next(pos_);
          }
          return *this;
       }
@@ -343,10 +343,10 @@ public:
       }
       const_iterator(const GrowingSet* s, typename Large::Pos pos) : s_(s), pos_(pos) {}
       void settle() {
-         if (s_->large_ && small_ == s_->small_.end()) {
+         if (s_->large() && small_ == s_->small_.end()) {
             inSmall_ = false;
             small_ = {};
-            pos_ = s_->large__.first();
+            pos_ = s_->open_.first();
          }
       }
       const GrowingSet* s_ = nullptr;
@@ -356,7 +356,7 @@ public:
    };
 
    bool insert(const K& k) {
-      if (!large_) {
+      if (!large()) {
          if (small_.size() < kGrowInSteps || small_.size() < small_.bucket_count()) {
             if (small_.size() >= small_.bucket_count()) {
                // A review list fills by the hundred thousand when a table is
@@ -368,24 +368,23 @@ public:
          }
          // The std::unordered_set's members move to the open table like an
          // old table's: a few per call, not 16,000 inside this insertion.
-         large__.start(2 * small_.size());
-         large_ = true;
+         open_.start(2 * small_.size());
       }
       if (!small_.empty() && small_.count(k) != 0) {
          return false;
       }
-      if (!large__.insert(k).second) {
+      if (!open_.insert(k).second) {
          return false;
       }
       moveSmall();
       return true;
    }
    bool erase(const K& k) {
-      if (!large_) {
+      if (!large()) {
          return small_.erase(k) != 0;
       }
-      if (std::optional<typename Large::Pos> at = large__.find(k)) {
-         large__.erase(*at);
+      if (std::optional<typename Large::Pos> at = open_.find(k)) {
+         open_.erase(*at);
       } else if (small_.empty() || small_.erase(k) == 0) {
          return false;
       }
@@ -393,24 +392,23 @@ public:
       return true;
    }
    bool contains(const K& k) const {
-      if (!large_) {
+      if (!large()) {
          return small_.count(k) != 0;
       }
-      return large__.find(k).has_value() || (!small_.empty() && small_.count(k) != 0);
+      return open_.find(k).has_value() || (!small_.empty() && small_.count(k) != 0);
    }
-   size_t size() const { return small_.size() + large__.size(); }
+   size_t size() const { return small_.size() + open_.size(); }
    bool empty() const { return size() == 0; }
-   size_t bucket_count() const { return large_ ? large__.capacity() : small_.bucket_count(); }
+   size_t bucket_count() const { return large() ? open_.capacity() : small_.bucket_count(); }
    // True while members are still being moved to the larger table.
-   bool growing() const { return large_ && (large__.growing() || !small_.empty()); }
+   bool growing() const { return large() && (open_.growing() || !small_.empty()); }
    const_iterator begin() const { return const_iterator(this, small_.begin()); }
    const_iterator end() const {
-      return large_ ? const_iterator(this, large__.last()) : const_iterator(this, small_.end());
+      return large() ? const_iterator(this, open_.last()) : const_iterator(this, small_.end());
    }
    void swap(GrowingSet& other) {
-      std::swap(large_, other.large_);
       small_.swap(other.small_);
-      std::swap(large__, other.large__);
+      std::swap(open_, other.open_);
    }
 
    // Up to this many members the set is a std::unordered_set: below it a
@@ -423,7 +421,7 @@ private:
          return;
       }
       for (size_t i = 0; i < Large::kSlotsPerStep && !small_.empty(); ++i) {
-         large__.moveIn(*small_.begin());
+         open_.moveIn(*small_.begin());
          small_.erase(small_.begin());
       }
       if (small_.empty()) {
@@ -431,9 +429,11 @@ private:
       }
    }
 
-   bool large_ = false;
+   // Past the few thousand members, for good: the open table has slots.
+   bool large() const { return open_.capacity() != 0; }
+
    Small small_;
-   Large large__;
+   Large open_;
 };
 
 // One entry of a GrowingMap; what its iterators point at.
