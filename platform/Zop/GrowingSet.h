@@ -60,6 +60,21 @@ public:
          throw std::bad_alloc();
       }
    }
+   OpenTable(OpenTable&& o) noexcept { swap(o); }
+   OpenTable& operator=(OpenTable&& o) noexcept {
+      OpenTable gone(std::move(o));
+      swap(gone);
+      return *this;
+   }
+   ~OpenTable() {
+      if constexpr (!std::is_trivially_destructible_v<Entry>) {
+         for (size_t i = 0; i < capacity(); ++i) {
+            if (slots_[i].state == kLive) {
+               slots_[i].entry().~Entry();
+            }
+         }
+      }
+   }
 
    size_t capacity() const { return slots_ ? mask_ + 1 : 0; }
    size_t size() const { return live_; }
@@ -76,20 +91,21 @@ public:
          if (s.state == kEmpty) {
             return npos;
          }
-         if (s.state == kLive && s.hash == h && KeyOf()(s.entry) == k) {
+         if (s.state == kLive && s.hash == h && KeyOf()(s.entry()) == k) {
             return i;
          }
       }
    }
    // The entry's key must not be present, and the table must have room.
-   size_t insertNew(const Entry& e, uint32_t h) {
+   template <class E>
+   size_t insertNew(E&& e, uint32_t h) {
       size_t i = h & mask_;
       while (slots_[i].state != kEmpty) {
          i = (i + 1) & mask_;
       }
+      new (slots_[i].storage) Entry(std::forward<E>(e));
       slots_[i].state = kLive;
       slots_[i].hash = h;
-      slots_[i].entry = e;
       ++live_;
       first_ = std::min(first_, i);
       return i;
@@ -97,6 +113,7 @@ public:
    // Removes slot i, moving later entries of its probe run back.
    void eraseShift(size_t i) {
       --live_;
+      slots_[i].entry().~Entry();
       for (size_t j = (i + 1) & mask_;; j = (j + 1) & mask_) {
          Slot& s = slots_[j];
          if (s.state == kEmpty) {
@@ -106,7 +123,10 @@ public:
          const size_t home = s.hash & mask_;
          const bool stays = i <= j ? (i < home && home <= j) : (i < home || home <= j);
          if (!stays) {
-            slots_[i] = s;
+            new (slots_[i].storage) Entry(std::move(s.entry()));
+            s.entry().~Entry();
+            slots_[i].hash = s.hash;
+            slots_[i].state = kLive;
             i = j;
          }
       }
@@ -114,12 +134,13 @@ public:
    }
    // Removes slot i, leaving a mark that lookups step over.
    void eraseMark(size_t i) {
+      slots_[i].entry().~Entry();
       slots_[i].state = kMarked;
       --live_;
    }
    bool liveAt(size_t i) const { return slots_[i].state == kLive; }
-   Entry& entryAt(size_t i) { return slots_[i].entry; }
-   const Entry& entryAt(size_t i) const { return slots_[i].entry; }
+   Entry& entryAt(size_t i) { return slots_[i].entry(); }
+   const Entry& entryAt(size_t i) const { return slots_[i].entry(); }
    uint32_t hashAt(size_t i) const { return slots_[i].hash; }
    // The first entry at or after i, or capacity().
    size_t nextLive(size_t i) const {
@@ -141,16 +162,25 @@ private:
    // Slots come zeroed from calloc, which is an empty slot: a table of a
    // million slots is then pages the kernel hands out as they are first
    // touched, not 50 MB cleared inside the one insertion that grew the list.
-   // That needs entries that may live in raw memory.
-   static_assert(std::is_trivially_copyable_v<Entry> && std::is_trivially_destructible_v<Entry>);
+   // An entry is constructed in its slot's storage when it arrives and
+   // destroyed when it leaves, so entries that own memory (a value that is a
+   // list) may live here too.
    struct Slot {
       uint32_t hash;
       uint8_t state;
-      Entry entry;
+      alignas(Entry) unsigned char storage[sizeof(Entry)];
+      Entry& entry() { return *std::launder(reinterpret_cast<Entry*>(storage)); }
+      const Entry& entry() const { return *std::launder(reinterpret_cast<const Entry*>(storage)); }
    };
    struct FreeSlots {
       void operator()(Slot* s) const { std::free(s); }
    };
+   void swap(OpenTable& o) noexcept {
+      std::swap(slots_, o.slots_);
+      std::swap(mask_, o.mask_);
+      std::swap(live_, o.live_);
+      std::swap(first_, o.first_);
+   }
    std::unique_ptr<Slot[], FreeSlots> slots_;
    size_t mask_ = 0;
    size_t live_ = 0;
@@ -269,7 +299,7 @@ private:
       const size_t stop = std::min(old_.capacity(), moveAt_ + kSlotsPerStep);
       for (; moveAt_ < stop && !old_.empty(); ++moveAt_) {
          if (old_.liveAt(moveAt_)) {
-            cur_.insertNew(old_.entryAt(moveAt_), old_.hashAt(moveAt_));
+            cur_.insertNew(std::move(old_.entryAt(moveAt_)), old_.hashAt(moveAt_));
             old_.eraseMark(moveAt_);
          }
       }
