@@ -465,6 +465,19 @@ void KivSegmentSecurityVrfSm::processSegmentPrefix(const Zop::String& segment, b
    // In prefix order, so that reports and traces come out the same way on
    // every run. A copy: queueing may reach handlers that change the list.
    const std::set<Pexo::IpGenPrefix>& configured = fwVrf_->prefixListOfSegment(segment);
+   if (configured.size() > VrfPrefixCollection::kQueueAtOnce) {
+      // A large segment's prefixes are queued by the processor a piece at a
+      // time (a grant's handler queued 1,630 at once in 5 ms); the invalid
+      // ones are reported here all the same, which queues nothing.
+      for (const auto& prefix : configured) {
+         if (!validSegmentPrefix(prefix)) {
+            validPrefix("processSegmentPrefix", prefix);
+         }
+      }
+      reviewList_->segmentPrefixesToReviewIs({vrfId_, segment});
+      queueRoutesWithHwId(hwId);
+      return;
+   }
    const std::vector<Pexo::IpGenPrefix> prefixes(configured.begin(), configured.end());
    for (const auto& prefix : prefixes) {
       if (validPrefix("processSegmentPrefix", prefix)) {

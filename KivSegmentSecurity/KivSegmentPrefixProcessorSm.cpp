@@ -295,8 +295,8 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
    // list's first member; a member removed meanwhile is simply not met. The
    // FIB range walks a member queues go on before the next member, so the
    // FIB route review keeps pace with the segment prefixes.
-   while (continueRoutingWalks() && continueRecordWalks() && continueFibRangeWalks() &&
-          segmentReviewList_->vrfIpGenPrefixCount() != 0) {
+   while (continueRoutingWalks() && continueRecordWalks() && continueSegmentPrefixWalks() &&
+          continueFibRangeWalks() && segmentReviewList_->vrfIpGenPrefixCount() != 0) {
       if (Ruv::taskShouldYield()) {
          break;
       }
@@ -357,7 +357,7 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
       segmentRoutesList_->reviewSegmentHwIdInc(1);
    }
    if ((segmentReviewList_->vrfIpGenPrefixCount() != 0 || !rangeWalks_.empty() ||
-        !routingWalks_.empty() || !recordWalks_.empty() ||
+        !routingWalks_.empty() || !recordWalks_.empty() || !segmentPrefixWalks_.empty() ||
         segmentReviewList_->recordsToReviewCount() != 0) &&
        segmentSubnetTask_) {
       segmentSubnetTask_->scheduleTask();
@@ -771,6 +771,40 @@ bool KivSegmentPrefixProcessorSm::continueRecordWalks() {
          return false;
       }
       recordWalks_.pop_front();
+   }
+   return true;
+}
+
+bool KivSegmentPrefixProcessorSm::continueSegmentPrefixWalks() {
+   for (SegmentPrefixScope& scope : segmentReviewList_->segmentPrefixesToReviewTake()) {
+      segmentPrefixWalks_.push_back(SegmentPrefixWalk{std::move(scope), std::nullopt});
+   }
+   while (!segmentPrefixWalks_.empty()) {
+      SegmentPrefixWalk& walk = segmentPrefixWalks_.front();
+      // Looked up again at each prefix: the configuration may change between
+      // runs (a VRF or segment that went has nothing left to queue), and the
+      // place is the last prefix queued, not a position in the list.
+      for (;;) {
+         const Zop::Ptr<Firewall::FwVrf> fwVrf =
+             fwConfig_ ? fwConfig_->vrf(l3Status_->vrfName(walk.scope.vrfId)) : nullptr;
+         if (!fwVrf) {
+            break;
+         }
+         const std::set<Pexo::IpGenPrefix>& prefixes =
+             fwVrf->prefixListOfSegment(walk.scope.segment);
+         auto next = walk.last ? prefixes.upper_bound(*walk.last) : prefixes.begin();
+         if (next == prefixes.end()) {
+            break;
+         }
+         if (Ruv::taskShouldYield()) {
+            return false;
+         }
+         walk.last = *next;
+         if (validSegmentPrefix(*next)) {
+            segmentReviewList_->vrfIpGenPrefixIs(VrfAndIpGenPrefix(walk.scope.vrfId, *next));
+         }
+      }
+      segmentPrefixWalks_.pop_front();
    }
    return true;
 }

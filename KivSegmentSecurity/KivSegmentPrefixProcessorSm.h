@@ -180,6 +180,9 @@ private:
    // their records on it, asking taskShouldYield() before each record; false
    // when asked to yield with a request unfinished.
    bool continueRecordWalks();
+   // The same for the review list's requests for a segment's configured
+   // prefixes: the valid ones go on the list in prefix order.
+   bool continueSegmentPrefixWalks();
 
    Zop::Ptr<L3::VrfStatus> vrfL3Status(VrfId vrfId) const;
    // Puts the FIB routes of the queued range walks on the FIB route review
@@ -271,6 +274,11 @@ private:
       std::optional<KivSegmentRouteInfoColl::RecordBookmark> last;
    };
    std::deque<RecordWalk> recordWalks_;
+   struct SegmentPrefixWalk {
+      SegmentPrefixScope scope;
+      std::optional<Pexo::IpGenPrefix> last;
+   };
+   std::deque<SegmentPrefixWalk> segmentPrefixWalks_;
    std::unique_ptr<ReviewListNotifiee> reviewListNotifiee_;
    std::unique_ptr<RouteStatusNotifiee> routeStatusNotifiee_;
    std::unique_ptr<Route6StatusNotifiee> route6StatusNotifiee_;

@@ -134,6 +134,11 @@ void VrfPrefixCollection::recordsToReviewIs(const RecordScope& r) {
    notifiees_.notify(this, [](Notifiee& n) { n.handleRecordsToReview(); });
 }
 
+void VrfPrefixCollection::segmentPrefixesToReviewIs(const SegmentPrefixScope& s) {
+   segmentPrefixesToReview_.push_back(s);
+   notifiees_.notify(this, [](Notifiee& n) { n.handleRecordsToReview(); });
+}
+
 void KivSegmentRouteInfoColl::routeInfoIs(const KivSegmentRouteInfo& r) {
    const KivSegmentRouteInfo* old = routeInfo_.find(r.vrfPrefix());
    if (!old || old->hwId() != r.hwId()) {

@@ -121,6 +121,12 @@ struct RecordScope {
    std::optional<SegmentHwId> hwId;  // only with a VRF
 };
 
+// The configured prefixes of one segment of a VRF.
+struct SegmentPrefixScope {
+   VrfId vrfId;
+   Zop::String segment;
+};
+
 // ---- VrfPrefixCollection ----
 
 // A review list: (VRF id, prefix) keys waiting to be examined, in the order
@@ -149,16 +155,25 @@ public:
    // counts as pending work of the list.
    void recordsToReviewIs(const RecordScope& r);
    std::deque<RecordScope> recordsToReviewTake() { return std::move(recordsToReview_); }
-   size_t recordsToReviewCount() const { return recordsToReview_.size(); }
+   // The same for a segment's configured prefixes (a segment whose id was
+   // just granted), taken by segmentPrefixesToReviewTake.
+   void segmentPrefixesToReviewIs(const SegmentPrefixScope& s);
+   std::deque<SegmentPrefixScope> segmentPrefixesToReviewTake() {
+      return std::move(segmentPrefixesToReview_);
+   }
+   size_t recordsToReviewCount() const {
+      return recordsToReview_.size() + segmentPrefixesToReview_.size();
+   }
 
    Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
 
-   // Below this many records a table is queued at once, by the handler that
-   // wants it reviewed: well under a slice.
+   // Below this many records (or prefixes) a table is queued at once, by the
+   // handler that wants it reviewed: well under a slice.
    static constexpr size_t kQueueAtOnce = 1024;
 
 private:
    std::deque<RecordScope> recordsToReview_;
+   std::deque<SegmentPrefixScope> segmentPrefixesToReview_;
    Zop::NotifierList<Notifiee> notifiees_;
    Zop::QueueSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix> vrfIpGenPrefix_{
        &Notifiee::handleVrfIpGenPrefix};

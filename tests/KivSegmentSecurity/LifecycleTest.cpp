@@ -290,4 +290,41 @@ TEST(LifecycleWork, EachRunTakesOneItemOffAReviewList) {
    EXPECT_EQ(sw.check(), std::vector<Zop::String>{});
 }
 
+// A segment with more prefixes than one handler may queue: its grant hands
+// them to the processor, which queues a few per run and goes on from the
+// last one queued, while prefixes of the segment come and go, the segment
+// is revoked and granted again, and a prefix moves to another segment.
+TEST(LifecycleWork, ALargeSegmentsPrefixesAreQueuedAFewPerRun) {
+   sim::Scenario scenario(everyItemYields());
+   auto& sw = scenario.sw();
+   ASSERT_EQ(run(scenario,
+                 "vrf red id 1\ngen fib red 600 10.0.0.0/25\n"
+                 "gen prefixes red web 1500 10.0.0.0/24\nprefix red 10.200.0.0/16 db\n"
+                 "firewall on\n")
+                 .output,
+             "");
+   const auto& list = sw.segmentReviewList();
+   const std::vector<std::pair<size_t, std::string>> meanwhile = {
+       {40, "prefix red 10.0.3.0/24 delete\nprefix red 10.0.250.0/24 delete\n"},
+       {60, "prefix red 10.0.2.0/24 db\ngen prefixes red web 20 10.0.240.0/24\n"},
+       {90, "revoke red web\n"},
+       {95, "grant red web\n"},
+       {400, "prefix red 10.0.1.0/24 delete\nprefix red 10.0.5.128/25 web\n"},
+   };
+   size_t slices = 0, most = 0, next = 0;
+   for (size_t before = list->vrfIpGenPrefixCount();
+        slices < 200000 && (sw.scheduler()->runUntilIdle(1) != 0 || next < meanwhile.size());
+        ++slices) {
+      const size_t after = list->vrfIpGenPrefixCount();
+      most = std::max(most, after > before ? after - before : 0);
+      if (next < meanwhile.size() && slices >= meanwhile[next].first) {
+         ASSERT_EQ(run(scenario, meanwhile[next++].second).output, "");
+      }
+      before = list->vrfIpGenPrefixCount();
+   }
+   EXPECT_LE(most, 3u) << "a run queued " << most << " prefixes";
+   EXPECT_EQ(list->vrfIpGenPrefixCount(), 0u);
+   EXPECT_EQ(sw.check(), std::vector<Zop::String>{});
+}
+
 }  // namespace
