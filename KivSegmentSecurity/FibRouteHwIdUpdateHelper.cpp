@@ -66,12 +66,14 @@ void KivSegmentPrefixProcessorSm::syncFibRouteHwId(const VrfAndIpGenPrefix& vrfP
    rangeWalks_.push_back(FibRangeWalk{vrfId, prefix, nextPrefix, std::nullopt});
    // Queued from the review task itself, the walk goes on in the same run,
    // before the next segment prefix. Queued by a resolver report or a FIB
-   // route put back, it starts at once, and what is left when the running
-   // task is asked to yield goes on in the review task.
+   // route put back, it starts at once, and what is left after a few dozen
+   // routes, or when the running task is asked to yield, goes on in the
+   // review task: a handler that walked to the end of the running task's
+   // slice made one item of that task (the resolver's answer) 3-5 ms long.
    if (segmentSubnetTask_ && segmentSubnetTask_->isRunning()) {
       return;
    }
-   if (!continueFibRangeWalks() && segmentSubnetTask_) {
+   if (!continueFibRangeWalks(kRangeWalkInHandler) && segmentSubnetTask_) {
       segmentSubnetTask_->scheduleTaskLowestDelay(0);
    }
 }
@@ -96,7 +98,7 @@ Pexo::IpGenPrefix lastInside(const Pexo::IpGenPrefix& p) {
 
 }  // namespace
 
-bool KivSegmentPrefixProcessorSm::continueFibRangeWalks() {
+bool KivSegmentPrefixProcessorSm::continueFibRangeWalks(size_t budget) {
    while (!rangeWalks_.empty()) {
       FibRangeWalk& walk = rangeWalks_.front();
       const Pexo::IpGenPrefix& start = walk.start;
@@ -105,10 +107,11 @@ bool KivSegmentPrefixProcessorSm::continueFibRangeWalks() {
       // The range rules of the range finders: inside `end` is the next
       // segment prefix's business, and nothing beneath it is queued.
       auto visit = [&](const Pexo::IpGenPrefix& p) {
-         if (Ruv::taskShouldYield()) {
+         if (budget == 0 || Ruv::taskShouldYield()) {
             stopped = true;
             return Routing::WalkStep::stop;
          }
+         --budget;
          if (end != start && end.contains(p)) {
             walk.last = lastInside(p);
             return Routing::WalkStep::skip;

@@ -186,9 +186,12 @@ private:
 
    Zop::Ptr<L3::VrfStatus> vrfL3Status(VrfId vrfId) const;
    // Puts the FIB routes of the queued range walks on the FIB route review
-   // list, asking taskShouldYield() before each; false when asked to yield
-   // with a walk unfinished (it goes on from its bookmark next run).
-   bool continueFibRangeWalks();
+   // list, asking taskShouldYield() before each; false when asked to yield,
+   // or when `budget` routes were visited, with a walk unfinished (it goes on
+   // from its bookmark next run).
+   bool continueFibRangeWalks(size_t budget = SIZE_MAX);
+   // What a handler that queues a range walk walks of it at once.
+   static constexpr size_t kRangeWalkInHandler = 64;
    // addIpPrefix/addIp6Prefix and removeIpPrefix/removeIp6Prefix, which
    // differ only in their name.
    void addPrefix(const char* fn, const KivSegmentHwInfo& info);
