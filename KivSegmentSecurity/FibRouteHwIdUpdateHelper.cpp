@@ -69,7 +69,7 @@ void KivSegmentPrefixProcessorSm::syncFibRouteHwId(const VrfAndIpGenPrefix& vrfP
    // route put back, it starts at once, and what is left after a few dozen
    // routes, or when the running task is asked to yield, goes on in the
    // review task: a handler that walked to the end of the running task's
-   // slice made one item of that task (the resolver's answer) 3-5 ms long.
+   // slice made one item of that task (the resolver's answer) 2-4 ms long.
    if (segmentSubnetTask_ && segmentSubnetTask_->isRunning()) {
       return;
    }
