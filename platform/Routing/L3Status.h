@@ -206,7 +206,9 @@ private:
    Zop::HashMapAttr<L3Status, VrfName, VrfId> vrfId_{&Notifiee::handleVrfId};
    Zop::HashMapAttr<L3Status, VrfName, Zop::Ptr<VrfStatus>> vrfStatus_{&Notifiee::handleVrfStatus};
    Zop::HashMapAttr<L3Status, VrfName, uint16_t> vrfDropIndex_{&Notifiee::handleVrfDropIndex};
-   Zop::HashMapAttr<L3Status, Quarn::Fib::GlobalFecId, Zop::Ptr<AdjEntry>> adjacency_{
+   // A FEC per adjacency in use: tens of thousands at a full table, added
+   // one per resolver answer; a one-go rehash was a 2-4 ms item.
+   Zop::GrowingMapAttr<L3Status, Quarn::Fib::GlobalFecId, Zop::Ptr<AdjEntry>> adjacency_{
        &Notifiee::handleAdjacency};
    Zop::HashMapAttr<L3Status, VrfAndPrefix, Zop::Ptr<AdjEntry>> routeAdj_{
        &Notifiee::handleRouteAdj};
