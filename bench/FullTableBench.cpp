@@ -93,6 +93,7 @@
 #include "Routing/Trie.h"
 #include "Trace/Trace.h"
 #include "Zop/Notifier.h"
+#include "Zop/TableMemory.h"
 #include "sim/Switch.h"
 
 namespace {
@@ -104,10 +105,11 @@ using Key = sim::HardwareRouteTable::Key;
 // ---- Measuring ----
 
 // Heap in use: uordblks misses the large arrays (trie pools, hash tables),
-// which malloc maps on their own (hblkhd).
+// which malloc maps on their own (hblkhd), and the large tables of the
+// review lists and watch maps, which the platform maps itself.
 double heapBytes() {
    const struct mallinfo2 m = mallinfo2();
-   return double(m.uordblks + m.hblkhd);
+   return double(m.uordblks + m.hblkhd + Zop::tableMappedBytes());
 }
 
 // A refused request means the workload is not what it claims: stop there.

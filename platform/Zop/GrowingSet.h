@@ -36,6 +36,8 @@
 #include <unordered_set>
 #include <utility>
 
+#include "Zop/TableMemory.h"
+
 namespace Zop {
 
 namespace detail {
@@ -53,13 +55,10 @@ public:
 
    OpenTable() = default;
    explicit OpenTable(size_t capacity)
-       : slots_(static_cast<Slot*>(std::calloc(capacity, sizeof(Slot)))),
+       : memory_(tableMemoryAllocate(capacity * sizeof(Slot))),
+         slots_(static_cast<Slot*>(memory_.at)),
          mask_(capacity - 1),
-         first_(capacity) {
-      if (!slots_) {
-         throw std::bad_alloc();
-      }
-   }
+         first_(capacity) {}
    OpenTable(OpenTable&& o) noexcept { swap(o); }
    OpenTable& operator=(OpenTable&& o) noexcept {
       OpenTable gone(std::move(o));
@@ -74,6 +73,7 @@ public:
             }
          }
       }
+      tableMemoryFree(memory_);
    }
 
    size_t capacity() const { return slots_ ? mask_ + 1 : 0; }
@@ -86,7 +86,10 @@ public:
       if (live_ == 0) {
          return npos;
       }
-      for (size_t i = h & mask_;; i = (i + 1) & mask_) {
+      // A probe that starts or wraps into the dead slots goes on past them:
+      // they only ever held entries that were moved out (see killBelow).
+      size_t i = std::max(size_t(h & mask_), deadBelow_);
+      for (size_t n = 0; n <= mask_; ++n) {
          const Slot& s = slots_[i];
          if (s.state == kEmpty) {
             return npos;
@@ -94,7 +97,9 @@ public:
          if (s.state == kLive && s.hash == h && KeyOf()(s.entry()) == k) {
             return i;
          }
+         i = std::max((i + 1) & mask_, deadBelow_);
       }
+      return npos;
    }
    // The entry's key must not be present, and the table must have room.
    template <class E>
@@ -145,6 +150,7 @@ public:
    // The first entry at or after i, or capacity().
    size_t nextLive(size_t i) const {
       const size_t cap = capacity();
+      i = std::max(i, deadBelow_);
       while (i < cap && slots_[i].state != kLive) {
          ++i;
       }
@@ -156,11 +162,25 @@ public:
       first_ = nextLive(std::min(first_, capacity()));
       return first_;
    }
+   // Slots below n hold no entry and never will again: a table being emptied
+   // into another from its start. Lookups and iteration skip them, and their
+   // memory goes back to the kernel a piece at a time, so that freeing the
+   // table at the end of the move unmaps little: a 96 MB table given back at
+   // once was a 4 ms item.
+   void killBelow(size_t n) {
+      deadBelow_ = n;
+      constexpr size_t kPiece = 64 * 1024;
+      const size_t to = n * sizeof(Slot);
+      if (to >= released_ + kPiece) {
+         tableMemoryRelease(memory_, released_, to);
+         released_ = to;
+      }
+   }
 
 private:
    static constexpr uint8_t kEmpty = 0, kLive = 1, kMarked = 2;
-   // Slots come zeroed from calloc, which is an empty slot: a table of a
-   // million slots is then pages the kernel hands out as they are first
+   // Slots come zeroed (Zop/TableMemory.h), which is an empty slot: a table
+   // of a million slots is then pages the kernel hands out as they are first
    // touched, not 50 MB cleared inside the one insertion that grew the list.
    // An entry is constructed in its slot's storage when it arrives and
    // destroyed when it leaves, so entries that own memory (a value that is a
@@ -172,19 +192,22 @@ private:
       Entry& entry() { return *std::launder(reinterpret_cast<Entry*>(storage)); }
       const Entry& entry() const { return *std::launder(reinterpret_cast<const Entry*>(storage)); }
    };
-   struct FreeSlots {
-      void operator()(Slot* s) const { std::free(s); }
-   };
    void swap(OpenTable& o) noexcept {
+      std::swap(deadBelow_, o.deadBelow_);
+      std::swap(released_, o.released_);
+      std::swap(memory_, o.memory_);
       std::swap(slots_, o.slots_);
       std::swap(mask_, o.mask_);
       std::swap(live_, o.live_);
       std::swap(first_, o.first_);
    }
-   std::unique_ptr<Slot[], FreeSlots> slots_;
+   TableMemory memory_;
+   Slot* slots_ = nullptr;
    size_t mask_ = 0;
    size_t live_ = 0;
    mutable size_t first_ = 0;
+   size_t deadBelow_ = 0;
+   size_t released_ = 0;  // bytes from the start given back by killBelow
 };
 
 // An OpenTable that never grows in one go: the full table is set aside and a
@@ -234,6 +257,15 @@ public:
          cur_.eraseShift(p.at);
       }
       moveSome();
+      if (old_.capacity() == 0 && cur_.capacity() >= kShrinkFrom &&
+          16 * cur_.size() < cur_.capacity()) {
+         // Nearly drained: the entries left move to a table a quarter the
+         // size, the big one emptied from its start and given back a piece
+         // at a time, not all at once when the last entry goes.
+         old_ = std::move(cur_);
+         cur_ = Table(old_.capacity() / 4);
+         moveAt_ = 0;
+      }
    }
 
    size_t size() const { return cur_.size() + old_.size(); }
@@ -256,8 +288,12 @@ public:
 
    // Old slots looked at per insertion or removal. The new table, twice the
    // slots, takes three quarters of the old table's slots in new entries
-   // before it is full itself; two slots a call would do.
+   // before it is full itself; two slots a call would do. A table shrinks
+   // once under a sixteenth full, with as many calls left as entries at
+   // most: it is emptied four times as fast, to be gone before the entries.
    static constexpr size_t kSlotsPerStep = 8;
+   static constexpr size_t kSlotsPerShrinkStep = 32;
+   static constexpr size_t kShrinkFrom = size_t(1) << 16;
 
 private:
    std::optional<Pos> locate(const Key& k, uint32_t h) const {
@@ -296,13 +332,15 @@ private:
       if (old_.capacity() == 0) {
          return;
       }
-      const size_t stop = std::min(old_.capacity(), moveAt_ + kSlotsPerStep);
+      const size_t step = old_.capacity() > cur_.capacity() ? kSlotsPerShrinkStep : kSlotsPerStep;
+      const size_t stop = std::min(old_.capacity(), moveAt_ + step);
       for (; moveAt_ < stop && !old_.empty(); ++moveAt_) {
          if (old_.liveAt(moveAt_)) {
             cur_.insertNew(std::move(old_.entryAt(moveAt_)), old_.hashAt(moveAt_));
             old_.eraseMark(moveAt_);
          }
       }
+      old_.killBelow(moveAt_);
       if (old_.empty()) {
          old_ = Table();
          moveAt_ = 0;
@@ -526,6 +564,9 @@ public:
    void erase(iterator it) { table_.erase(it.pos_); }
    size_t count(const K& k) const { return table_.find(k) ? 1 : 0; }
    size_t size() const { return table_.size(); }
+   size_t bucket_count() const { return table_.capacity(); }
+   // True while entries are being moved to a larger or a smaller table.
+   bool growing() const { return table_.growing(); }
    bool empty() const { return size() == 0; }
    iterator begin() { return iterator(this, table_.first()); }
    iterator end() { return iterator(this, table_.last()); }

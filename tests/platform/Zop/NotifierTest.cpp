@@ -480,6 +480,54 @@ TEST(ZopGrowingSet, OpenTableRunsThatWrapAroundKeepEveryMemberFindable) {
    }
 }
 
+// A table emptied from its start into another (as a growing or shrinking
+// map empties its old table): once the slots below the mover are given
+// back, a probe run that starts there, or wraps around the end into them,
+// still reaches the entries past the mover.
+TEST(ZopGrowingSet, OpenTableFindsEntriesPastTheSlotsGivenBack) {
+   using Table = Zop::detail::OpenTable<int, Zop::detail::KeyIsEntry>;
+   const size_t capacity = 16384;
+   Table table(capacity);
+   std::vector<std::pair<int, uint32_t>> keys;  // key, hash
+   auto add = [&](int k, uint32_t h) {
+      table.insertNew(k, h);
+      keys.emplace_back(k, h);
+   };
+   for (int k = 0; k < 7400; ++k) {
+      add(k, uint32_t(capacity - 1));  // one run: the last slot, then 0 .. 7398
+   }
+   for (int k = 0; k < 200; ++k) {
+      add(100000 + k, 7050);  // a run across the mover below, after the first
+   }
+   std::mt19937 rng(31);
+   for (int k = 0; k < 3000; ++k) {
+      add(200000 + k, uint32_t(rng() % capacity));
+   }
+   const size_t mover = 7100;
+   std::set<int> moved;
+   for (size_t i = 0; i < mover; ++i) {
+      if (table.liveAt(i)) {
+         moved.insert(table.entryAt(i));
+         table.eraseMark(i);
+      }
+   }
+   table.killBelow(mover);
+   size_t found = 0;
+   for (const auto& [k, h] : keys) {
+      const size_t at = table.find(k, h);
+      if (moved.count(k)) {
+         ASSERT_EQ(at, Table::npos) << k;
+      } else {
+         ASSERT_NE(at, Table::npos) << k << " lost";
+         ASSERT_EQ(table.entryAt(at), k);
+         ++found;
+      }
+   }
+   EXPECT_EQ(found, table.size());
+   EXPECT_GT(found, 1500u);
+   EXPECT_GE(table.firstLive(), mover);
+}
+
 // A value that owns memory and counts its live copies: a slot that is
 // moved, shifted or emptied without its value being destroyed (or destroyed
 // twice) shows in the count, and under the address sanitizer as a leak or a
@@ -546,6 +594,58 @@ TEST(ZopGrowingMap, BehavesAsAMapWhileGrowingInSteps) {
    growingMapMatchesModel<OwnedValue, std::hash<int>>(19);
    growingMapMatchesModel<OwnedValue, SameHash>(23);
    EXPECT_EQ(OwnedValue::live, 0) << "values left undestroyed, or destroyed twice";
+}
+
+// A list filled past a hundred thousand and then emptied in random order
+// shrinks (more than once) while it drains: every member is found while the
+// big table is emptied from its start and its slots given back, probe runs
+// that wrap around the end into those slots included, and the values moved
+// out are destroyed exactly once.
+TEST(ZopGrowingMap, ShrinksInStepsWhileDrainedAndKeepsEveryEntryFindable) {
+   struct Runs {
+      size_t operator()(int k) const { return size_t(k / 8); }
+   };
+   {
+      Zop::GrowingMap<int, OwnedValue, Runs> map;
+      std::map<int, OwnedValue> model;
+      std::mt19937 rng(29);
+      std::vector<int> keys;
+      for (int k = 0; k < 160000; ++k) {
+         keys.push_back(k * 3);
+      }
+      std::shuffle(keys.begin(), keys.end(), rng);
+      for (int k : keys) {
+         map.try_emplace(k, OwnedValue(k));
+         model.emplace(k, OwnedValue(k));
+      }
+      std::shuffle(keys.begin(), keys.end(), rng);
+      size_t shrinks = 0, buckets = map.bucket_count();
+      for (size_t i = 0; i < keys.size(); ++i) {
+         auto it = map.find(keys[i]);
+         ASSERT_TRUE(it != map.end()) << i;
+         map.erase(it);
+         model.erase(keys[i]);
+         if (map.bucket_count() < buckets) {
+            ++shrinks;
+         }
+         buckets = map.bucket_count();
+         if (map.growing() && i % 97 == 0) {
+            // Present, absent and never-inserted keys, around the moving part.
+            for (int probe = 0; probe < 480000; probe += 1 + int(rng() % 400)) {
+               ASSERT_EQ(map.find(probe) != map.end(), model.count(probe) == 1)
+                   << i << " " << probe;
+            }
+            std::map<int, OwnedValue> seen;
+            for (const auto& [key, value] : map) {
+               ASSERT_TRUE(seen.emplace(key, value).second) << key << " met twice";
+            }
+            ASSERT_EQ(seen, model) << i;
+         }
+      }
+      EXPECT_GE(shrinks, 2u);
+      EXPECT_TRUE(map.empty());
+   }
+   EXPECT_EQ(OwnedValue::live, 0);
 }
 
 TEST_F(ZopNotifierTest, TimedHandlersCountOutermostDeliveriesOnly) {
