@@ -781,27 +781,23 @@ bool KivSegmentPrefixProcessorSm::continueSegmentPrefixWalks() {
    }
    while (!segmentPrefixWalks_.empty()) {
       SegmentPrefixWalk& walk = segmentPrefixWalks_.front();
-      // Looked up again at each prefix: the configuration may change between
-      // runs (a VRF or segment that went has nothing left to queue), and the
-      // place is the last prefix queued, not a position in the list.
-      for (;;) {
-         const Zop::Ptr<Firewall::FwVrf> fwVrf =
-             fwConfig_ ? fwConfig_->vrf(l3Status_->vrfName(walk.scope.vrfId)) : nullptr;
-         if (!fwVrf) {
-            break;
-         }
+      // Found again at each run, from the last prefix queued: the
+      // configuration may change between runs (a VRF or segment that went
+      // has nothing left to queue), not while this run queues.
+      const Zop::Ptr<Firewall::FwVrf> fwVrf =
+          fwConfig_ ? fwConfig_->vrf(l3Status_->vrfName(walk.scope.vrfId)) : nullptr;
+      if (fwVrf) {
          const std::set<Pexo::IpGenPrefix>& prefixes =
              fwVrf->prefixListOfSegment(walk.scope.segment);
-         auto next = walk.last ? prefixes.upper_bound(*walk.last) : prefixes.begin();
-         if (next == prefixes.end()) {
-            break;
-         }
-         if (Ruv::taskShouldYield()) {
-            return false;
-         }
-         walk.last = *next;
-         if (validSegmentPrefix(*next)) {
-            segmentReviewList_->vrfIpGenPrefixIs(VrfAndIpGenPrefix(walk.scope.vrfId, *next));
+         for (auto next = walk.last ? prefixes.upper_bound(*walk.last) : prefixes.begin();
+              next != prefixes.end(); ++next) {
+            if (Ruv::taskShouldYield()) {
+               return false;
+            }
+            walk.last = *next;
+            if (validSegmentPrefix(*next)) {
+               segmentReviewList_->vrfIpGenPrefixIs(VrfAndIpGenPrefix(walk.scope.vrfId, *next));
+            }
          }
       }
       segmentPrefixWalks_.pop_front();

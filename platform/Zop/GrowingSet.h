@@ -13,7 +13,9 @@
 // per member at a million members. It never grows in one go: the full table
 // is set aside and a table of twice the slots takes new members, and every
 // insertion or removal moves the next few slots of the old table across, so
-// no single call rehashes a quarter million keys.
+// no single call rehashes a quarter million keys. Nearly drained, it shrinks
+// the same way, and a table being emptied gives its memory back a piece at a
+// time (see OpenTable::killBelow), so that no call frees a 96 MB table.
 //
 // Iteration visits the old table (what is left of it), then the new one: a
 // hash order, the same for the same history. begin() is cheap however many
@@ -21,8 +23,8 @@
 // member may be.
 //
 // GrowingMap is the same stepped table holding a key and its value: for the
-// maps of one entry per watched prefix, which a full table's enable fills by
-// the hundred thousand.
+// maps of one entry per watched prefix or per FEC, which a full table's
+// enable fills by the hundred thousand.
 
 #include <algorithm>
 #include <cstddef>
@@ -210,11 +212,11 @@ private:
    size_t released_ = 0;  // bytes from the start given back by killBelow
 };
 
-// An OpenTable that never grows in one go: the full table is set aside and a
-// table of twice the slots takes new entries, and every insertion or removal
-// moves the next few slots of the old table across. A position names a slot
-// of one of the two tables; it stays valid until the next insertion or
-// removal.
+// An OpenTable that never grows (or shrinks) in one go: the full table is set
+// aside and a table of twice the slots (a quarter, once under a sixteenth
+// full) takes new entries, and every insertion or removal moves the next few
+// slots of the old table across. A position names a slot of one of the two
+// tables; it stays valid until the next insertion or removal.
 template <class Entry, class KeyOf, class Hash>
 class SteppedTable {
 public:
