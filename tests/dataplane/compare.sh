@@ -2,11 +2,11 @@
 # Runs every example and golden scenario on the simulated table and under
 # --dataplane linux, and fails on any difference in what they print or how
 # they end (the `status` lines naming the dataplane aside). Exit 77 (skipped)
-# where network namespaces cannot be made. Leaves `ip netns list` as it was.
+# where network namespaces cannot be made. Leaves no namespace behind.
 set -uo pipefail
 kivsim="$1"; shift
 source "$(dirname "$0")/needs-netns.sh"
-before=$(ip netns list)
+before=$(left_behind)
 failed=0; ran=0
 for f in "$@"; do
    sim=$(cd "$(dirname "$f")" && "$kivsim" "$(basename "$f")" 2>&1; echo "exit $?")
@@ -19,7 +19,7 @@ for f in "$@"; do
       failed=$((failed + 1))
    fi
 done
-after=$(ip netns list)
+after=$(left_behind)
 if [[ "$before" != "$after" ]]; then
    echo "network namespaces left behind:"; diff <(echo "$before") <(echo "$after"); failed=$((failed + 1))
 fi
