@@ -610,7 +610,7 @@ void FirstRun(benchmark::State& state, unsigned vrfs, const Zop::String& request
       double totalMs = 0;
       sw.cliRequestDir()->entryIs(name, cmd);
       while (cmd->status() != Agent::AgentCommandRequest::Status::completed) {
-         const size_t bytesBefore = sink->data().size();
+         const size_t bytesBefore = sink->size();
          size_t ran = 0;
          const Timed slice = timed([&] { ran = scheduler->runUntilIdle(1); });
          totalMs += slice.wallMs;
@@ -628,8 +628,7 @@ void FirstRun(benchmark::State& state, unsigned vrfs, const Zop::String& request
          } else {
             laterLongestMs = std::max(laterLongestMs, slice.wallMs);
          }
-         largestRunKib =
-             std::max(largestRunKib, double(sink->data().size() - bytesBefore) / 1024.0);
+         largestRunKib = std::max(largestRunKib, double(sink->size() - bytesBefore) / 1024.0);
       }
       sw.cliRequestDir()->entryDel(name);
       state.SetIterationTime(totalMs / 1e3);

@@ -1,5 +1,6 @@
 #include "lumo/Printer.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 
@@ -47,6 +48,35 @@ void appendCodePoint(std::string& out, unsigned cp) {
 }
 
 }  // namespace
+
+void StringSink::write(std::string_view data) {
+   if (data.empty()) {
+      return;
+   }
+   if (pieces_.empty() || pieces_.back().capacity() - pieces_.back().size() < data.size()) {
+      pieces_.emplace_back().reserve(std::max(kPiece, data.size()));
+   }
+   pieces_.back().append(data);
+   size_ += data.size();
+}
+
+const std::string& StringSink::data() const {
+   if (pieces_.size() != 1) {
+      std::string joined;
+      joined.reserve(size_);
+      for (const std::string& piece : pieces_) {
+         joined += piece;
+      }
+      pieces_.clear();
+      pieces_.push_back(std::move(joined));
+   }
+   return pieces_.front();
+}
+
+void StringSink::clear() {
+   pieces_.clear();
+   size_ = 0;
+}
 
 std::string jsonQuote(std::string_view s) {
    std::string out;

@@ -42,15 +42,24 @@ public:
    virtual void write(std::string_view data) = 0;
 };
 
-// An output sink that keeps everything written to it.
+// An output sink that keeps everything written to it. The writes land in
+// pieces of at least kPiece bytes, joined when data() is read: one growing
+// string would copy all it holds whenever it doubles, inside whichever write
+// crossed the line (a 42 MB copy and 84 MB of fresh pages, 27 ms, inside one
+// run of a command listing the full table).
 class StringSink : public OutputSink {
 public:
-   void write(std::string_view data) override { data_.append(data); }
-   const std::string& data() const { return data_; }
-   void clear() { data_.clear(); }
+   static constexpr size_t kPiece = size_t(1) << 20;
+
+   void write(std::string_view data) override;
+   // Everything written so far, in one string.
+   const std::string& data() const;
+   size_t size() const { return size_; }
+   void clear();
 
 private:
-   std::string data_;
+   mutable std::vector<std::string> pieces_;
+   size_t size_ = 0;
 };
 
 // Typed attribute holders.

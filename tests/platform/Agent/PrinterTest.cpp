@@ -130,4 +130,39 @@ TEST(Printer, OutputIsStreamedAcrossFlushes) {
    EXPECT_EQ(p.bytesProduced(), sink->data().size());
 }
 
+// The sink keeps its output in pieces; whatever the sizes of the writes
+// (empty, tiny, past a piece, several pieces at once) and whenever it is
+// read, it holds exactly what was written, in order.
+TEST(StringSink, HoldsEveryWriteInOrderAcrossPieces) {
+   std::mt19937_64 rng(7);
+   auto sink = Zop::makePtr<lumo::StringSink>();
+   std::string expected;
+   const size_t sizes[] = {0,
+                           1,
+                           17,
+                           4096,
+                           lumo::StringSink::kPiece - 3,
+                           lumo::StringSink::kPiece,
+                           3 * lumo::StringSink::kPiece + 5};
+   for (int i = 0; i < 60; ++i) {
+      const size_t n = sizes[rng() % std::size(sizes)];
+      std::string data(n, char('a' + i % 26));
+      if (n > 0) {
+         data.back() = char('0' + i % 10);
+      }
+      sink->write(data);
+      expected += data;
+      ASSERT_EQ(sink->size(), expected.size());
+      if (rng() % 8 == 0) {
+         ASSERT_EQ(sink->data(), expected) << "after write " << i;
+      }
+   }
+   EXPECT_EQ(sink->data(), expected);
+   sink->clear();
+   EXPECT_EQ(sink->size(), 0u);
+   EXPECT_EQ(sink->data(), "");
+   sink->write("x");
+   EXPECT_EQ(sink->data(), "x");
+}
+
 }  // namespace
