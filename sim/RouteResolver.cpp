@@ -219,6 +219,7 @@ void RouteResolver::run() {
       pendingKeys_.erase(pendingKeys_.begin());
       answer(key);
    }
+   pendingPool_.release();
 }
 
 bool RouteResolver::watched(const Key& key) const {

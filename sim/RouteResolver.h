@@ -36,6 +36,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <memory_resource>
 #include <optional>
 #include <set>
 
@@ -129,9 +130,15 @@ private:
    std::unique_ptr<L3Notifiee> l3Notifiee_;
 
    Mode mode_ = Mode::automatic;
-   // Work noted by notifications, done by the task.
-   std::set<Key> pendingKeys_;
-   std::set<Key> pendingFib_;
+   // Work noted by notifications, done by the task. The keys' nodes come
+   // from a pool of their own, given back whole once both are drained: a
+   // node per FIB route of a table load, allocated between the routes' own
+   // blocks and freed after them, left that many holes in the heap (732,000
+   // on the real table), which malloc then sorted 10,000 at a time inside
+   // whichever allocations came next (18 ms in one library handler).
+   std::pmr::unsynchronized_pool_resource pendingPool_;
+   std::pmr::set<Key> pendingKeys_{&pendingPool_};
+   std::pmr::set<Key> pendingFib_{&pendingPool_};
    // The watched keys the resolver knows of, ordered for range lookups.
    std::set<Key> watched_;
    std::map<Key, std::optional<uint64_t>> held_;
