@@ -126,8 +126,8 @@ Outcome RoutingAgent::vrfDelete(const L3::VrfName& name) {
       return Outcome::refused("no " + vrfText(name));
    }
    Vrf& vrf = it->second;
-   while (!vrf.fib.empty()) {
-      fibWithdraw(vrf, vrf.fib.begin()->first);
+   for (const Pexo::IpGenPrefix& prefix : fibPrefixes(vrf)) {
+      fibWithdraw(vrf, prefix);
    }
    // Whatever the order of a withdrawal, the VRF's entries are out of
    // hardware before its id is given up: a VRF made with the id next must not
@@ -163,15 +163,12 @@ Outcome RoutingAgent::fibAdd(const L3::VrfName& vrfName, const Pexo::IpGenPrefix
       return Outcome::refused("not a valid prefix: " + valueToStrep(prefix));
    }
    Vrf& vrf = it->second;
-   auto [route, added] = vrf.fib.try_emplace(prefix, adjIndex);
-   if (!added) {
-      if (route->second == adjIndex) {
-         return Outcome::done();
-      }
-      route->second = adjIndex;
+   const std::optional<uint64_t> was = fibAdjIndex(vrf, prefix);
+   if (was == adjIndex) {
+      return Outcome::done();
    }
    const RouteInfo info(RouteType::routeTypeForward, adjIndex);
-   const auto adj = Zop::makePtr<AdjEntry>(RouteType::routeTypeForward, adjIndex);
+   const Zop::Ptr<AdjEntry> adj = forwardAdj(adjIndex);
    // Back before its entry left hardware: the entry is the route's again.
    pendingRemovals_.erase({vrf.id, prefix});
    hardware_->fibRouteIs({vrf.id, prefix}, info);
@@ -186,6 +183,9 @@ Outcome RoutingAgent::fibAdd(const L3::VrfName& vrfName, const Pexo::IpGenPrefix
       l3Status_->route6AdjIs(key, adj);
       fibRoutes6_->fibRouteIs(key, info);
    }
+   if (was) {
+      forwardAdjRelease(*was);
+   }
    return Outcome::done();
 }
 
@@ -194,7 +194,7 @@ Outcome RoutingAgent::fibDelete(const L3::VrfName& vrfName, const Pexo::IpGenPre
    if (it == vrfs_.end()) {
       return Outcome::refused("no " + vrfText(vrfName) + " with an id");
    }
-   if (!it->second.fib.count(prefix)) {
+   if (!fibAdjIndex(it->second, prefix)) {
       return Outcome::refused("no FIB route " + valueToStrep(prefix) + " in " + vrfText(vrfName));
    }
    fibWithdraw(it->second, prefix);
@@ -202,9 +202,8 @@ Outcome RoutingAgent::fibDelete(const L3::VrfName& vrfName, const Pexo::IpGenPre
 }
 
 void RoutingAgent::fibWithdraw(Vrf& vrf, const Pexo::IpGenPrefix& prefix) {
-   // `prefix` may refer to the map entry erased here.
    const Pexo::IpGenPrefix p = prefix;
-   vrf.fib.erase(p);
+   const std::optional<uint64_t> adjIndex = fibAdjIndex(vrf, p);
    if (withdrawOrder_ == WithdrawOrder::reportFirst) {
       pendingRemovals_.insert({vrf.id, p});
       if (!removalTask_->isScheduled()) {
@@ -223,6 +222,51 @@ void RoutingAgent::fibWithdraw(Vrf& vrf, const Pexo::IpGenPrefix& prefix) {
       vrf.trie6->routeDel(p.v6());
       l3Status_->route6AdjDel(key);
       fibRoutes6_->fibRouteDel(key);
+   }
+   if (adjIndex) {
+      forwardAdjRelease(*adjIndex);
+   }
+}
+
+std::optional<uint64_t> RoutingAgent::fibAdjIndex(const Vrf& vrf,
+                                                  const Pexo::IpGenPrefix& prefix) const {
+   const RouteInfo* info = nullptr;
+   if (prefix.isIpv4()) {
+      info = fibRoutes_->fibRoute(VrfAndPrefix(vrf.id, prefix.v4()));
+   } else if (prefix.isIpv6()) {
+      info = fibRoutes6_->fibRoute(VrfAndIp6Prefix(vrf.id, prefix.v6()));
+   }
+   return info ? std::optional<uint64_t>(info->adjIndex()) : std::nullopt;
+}
+
+std::vector<Pexo::IpGenPrefix> RoutingAgent::fibPrefixes(const Vrf& vrf) const {
+   std::vector<Pexo::IpGenPrefix> prefixes;
+   prefixes.reserve(vrf.trie->size() + vrf.trie6->size());
+   vrf.trie->preOrderWalk(Pexo::Prefix(Pexo::IpAddr(0u), 0), [&](const Pexo::Prefix& p) {
+      prefixes.emplace_back(p);
+      return true;
+   });
+   vrf.trie6->preOrderWalk(Pexo::Ip6Prefix(Pexo::Ip6Addr(0, 0), 0),
+                           [&](const Pexo::IpGenPrefix& p) {
+                              prefixes.push_back(p);
+                              return true;
+                           });
+   return prefixes;
+}
+
+Zop::Ptr<AdjEntry> RoutingAgent::forwardAdj(uint64_t adjIndex) {
+   Zop::Ptr<AdjEntry>& adj = forwardAdj_[adjIndex];
+   if (!adj) {
+      adj = Zop::makePtr<AdjEntry>(RouteType::routeTypeForward, adjIndex);
+   }
+   return adj;
+}
+
+void RoutingAgent::forwardAdjRelease(uint64_t adjIndex) {
+   // Kept while anyone still holds it (a route, or a reader of the L3 status).
+   auto it = forwardAdj_.find(adjIndex);
+   if (it != forwardAdj_.end() && it->second->references() == 1) {
+      forwardAdj_.erase(it);
    }
 }
 
@@ -251,8 +295,15 @@ std::optional<uint32_t> RoutingAgent::fibTableId(const L3::VrfName& name) const 
 }
 
 std::map<Pexo::IpGenPrefix, uint64_t> RoutingAgent::fibRoutes(const L3::VrfName& name) const {
+   std::map<Pexo::IpGenPrefix, uint64_t> routes;
    auto it = vrfs_.find(name);
-   return it == vrfs_.end() ? std::map<Pexo::IpGenPrefix, uint64_t>() : it->second.fib;
+   if (it == vrfs_.end()) {
+      return routes;
+   }
+   for (const Pexo::IpGenPrefix& prefix : fibPrefixes(it->second)) {
+      routes.emplace_hint(routes.end(), prefix, fibAdjIndex(it->second, prefix).value());
+   }
+   return routes;
 }
 
 std::vector<L3::VrfName> RoutingAgent::vrfNames() const {
@@ -266,7 +317,7 @@ std::vector<L3::VrfName> RoutingAgent::vrfNames() const {
 size_t RoutingAgent::fibRouteCount() const {
    size_t n = 0;
    for (const auto& entry : vrfs_) {
-      n += entry.second.fib.size();
+      n += entry.second.trie->size() + entry.second.trie6->size();
    }
    return n;
 }

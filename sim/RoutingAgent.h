@@ -114,14 +114,24 @@ private:
       uint16_t dropIndex = 0;
       uint32_t tableId = 0;
       Zop::Ptr<L3::VrfStatus> status;
+      // The VRF's FIB routes are its tries' prefixes; their adjacency
+      // indices are in the FIB collections. No map of its own: at a full
+      // table that was 80 bytes a route.
       Zop::Ptr<Routing::Trie> trie;
       Zop::Ptr<Routing6::Trie> trie6;
-      std::map<Pexo::IpGenPrefix, uint64_t> fib;
    };
 
    void publish(const L3::VrfName& name, Vrf& vrf);
    void withdraw(const L3::VrfName& name, Vrf& vrf);
    void fibWithdraw(Vrf& vrf, const Pexo::IpGenPrefix& prefix);
+   // The route's adjacency index; none when the VRF has no such route.
+   std::optional<uint64_t> fibAdjIndex(const Vrf& vrf, const Pexo::IpGenPrefix& prefix) const;
+   // The VRF's FIB routes in prefix order (IPv4 first).
+   std::vector<Pexo::IpGenPrefix> fibPrefixes(const Vrf& vrf) const;
+   // The forwarding adjacency of `adjIndex`, one object shared by every
+   // route that uses it (it never changes once made).
+   Zop::Ptr<AdjEntry> forwardAdj(uint64_t adjIndex);
+   void forwardAdjRelease(uint64_t adjIndex);
    // The hardware entries of routes withdrawn report-first.
    void removePendingEntries();
 
@@ -135,6 +145,7 @@ private:
    std::map<L3::VrfName, Vrf> vrfs_;
    WithdrawOrder withdrawOrder_ = WithdrawOrder::removeFirst;
    std::set<HardwareRouteTable::Key> pendingRemovals_;
+   std::map<uint64_t, Zop::Ptr<AdjEntry>> forwardAdj_;
    Zop::Ptr<Ruv::Task> removalTask_;
 };
 

@@ -133,9 +133,9 @@ class IpGenPrefix {
 public:
    IpGenPrefix() = default;
    IpGenPrefix(const Prefix& p)
-       : af_(AddressFamily::ipv4), hi_(uint64_t(p.addr().value()) << 32), len_(p.len()) {}
+       : hi_(uint64_t(p.addr().value()) << 32), len_(p.len()), af_(AddressFamily::ipv4) {}
    IpGenPrefix(const Ip6Prefix& p)
-       : af_(AddressFamily::ipv6), hi_(p.addr().hi()), lo_(p.addr().lo()), len_(p.len()) {}
+       : hi_(p.addr().hi()), lo_(p.addr().lo()), len_(p.len()), af_(AddressFamily::ipv6) {}
    explicit IpGenPrefix(Zop::TextCursor& c);
 
    AddressFamily af() const { return af_; }
@@ -158,14 +158,30 @@ public:
    // Same family and `other` is equal to this prefix or lies inside it.
    bool contains(const IpGenPrefix& other) const;
 
-   friend auto operator<=>(const IpGenPrefix&, const IpGenPrefix&) = default;
+   // Family, then address, then length. The members are laid out in another
+   // order, the family last, so that it shares the length's word: 24 bytes
+   // instead of 32, in every key and record that holds a prefix.
+   friend std::strong_ordering operator<=>(const IpGenPrefix& a, const IpGenPrefix& b) {
+      if (const auto c = a.af_ <=> b.af_; c != 0) {
+         return c;
+      }
+      if (const auto c = a.hi_ <=> b.hi_; c != 0) {
+         return c;
+      }
+      if (const auto c = a.lo_ <=> b.lo_; c != 0) {
+         return c;
+      }
+      return a.len_ <=> b.len_;
+   }
+   friend bool operator==(const IpGenPrefix&, const IpGenPrefix&) = default;
 
 private:
-   AddressFamily af_ = AddressFamily::ipunknown;
    uint64_t hi_ = 0;  // IPv4: address in the top 32 bits
    uint64_t lo_ = 0;
    uint32_t len_ = 0;
+   AddressFamily af_ = AddressFamily::ipunknown;
 };
+static_assert(sizeof(IpGenPrefix) == 24, "the family shares the length's word");
 
 Zop::String valueToStrep(IpAddr a);
 Zop::String valueToStrep(const Ip6Addr& a);

@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <random>
+
 #include "SimFixture.h"
 
 using Quarn::Fib::GlobalFecId;
@@ -215,4 +218,106 @@ TEST(SimRoutingAgent, ReportFirstRemovesTheEntryOnALaterRun) {
    EXPECT_EQ(p.hardware->entry(hwKey(1, "2001:db8::/32"))->routeInfo,
              RouteInfo(RouteType::routeTypeForward, 7));
    EXPECT_EQ(p.routing.entryRemovalsPending(), 0u);
+}
+
+namespace {
+
+// Records the order in which the FIB collections announce withdrawals.
+class WithdrawalOrder : public KivVrfFibRouteCollection::Notifiee {
+public:
+   WithdrawalOrder(simtest::Platform& p) : v6_(*this) {
+      notifierIs(p.fibRoutes);
+      v6_.notifierIs(p.fibRoutes6);
+   }
+   std::vector<Pexo::IpGenPrefix> withdrawn;
+
+   void handleFibRoute(const VrfAndPrefix& k) override {
+      if (!notifier()->fibRouteHas(k)) {
+         withdrawn.emplace_back(k.prefix());
+      }
+   }
+
+private:
+   struct V6 : KivVrfFibRoute6Collection::Notifiee {
+      explicit V6(WithdrawalOrder& o) : o_(o) {}
+      void handleFibRoute(const VrfAndIp6Prefix& k) override {
+         if (!notifier()->fibRouteHas(k)) {
+            o_.withdrawn.emplace_back(k.prefix());
+         }
+      }
+      WithdrawalOrder& o_;
+   } v6_;
+};
+
+}  // namespace
+
+// Random adds, adjacency changes, deletes and VRF deletions against a plain
+// map: the agent's view of its routes, the adjacency each route publishes and
+// the order a VRF deletion withdraws them in (prefix order, IPv4 first) all
+// follow the map, however the routes share adjacencies.
+TEST(SimRoutingAgent, RoutesFollowAPlainMapThroughRandomChanges) {
+   simtest::Platform p;
+   WithdrawalOrder order(p);
+   std::mt19937_64 rng(11);
+   const char* names[] = {"red", "blue"};
+   std::map<Zop::String, std::map<Pexo::IpGenPrefix, uint64_t>> model;
+   auto makeVrf = [&](int v) {
+      ASSERT_TRUE(p.routing.vrfAdd(names[v], VrfId(v + 1), false, false).ok());
+      model[names[v]];
+   };
+   makeVrf(0);
+   makeVrf(1);
+   auto randomPrefix = [&] {
+      if (rng() % 3 == 0) {
+         const unsigned len = 16 + unsigned(rng() % 3) * 16;
+         const uint64_t hi = (0x20010db8ULL << 32 | (rng() & 0xffff0000ULL)) &
+                             (len == 64 ? ~0ULL : ~0ULL << (64 - len));
+         return Pexo::IpGenPrefix(Pexo::Ip6Prefix(Pexo::Ip6Addr(hi, 0), len));
+      }
+      const unsigned len = 8 + unsigned(rng() % 17);
+      const uint32_t addr = (0x0a000000u | uint32_t(rng() & 0x00ffffffu)) & (~0u << (32 - len));
+      return Pexo::IpGenPrefix(Pexo::Prefix(Pexo::IpAddr(addr), len));
+   };
+   for (int step = 0; step < 3000; ++step) {
+      const int v = int(rng() % 2);
+      auto& routes = model[names[v]];
+      const unsigned what = unsigned(rng() % 100);
+      if (what < 60) {
+         const Pexo::IpGenPrefix prefix = randomPrefix();
+         const uint64_t adj = 1 + rng() % 4;
+         ASSERT_TRUE(p.routing.fibAdd(names[v], prefix, adj).ok());
+         routes[prefix] = adj;
+      } else if (what < 97) {
+         if (routes.empty()) {
+            continue;
+         }
+         auto it = std::next(routes.begin(), long(rng() % routes.size()));
+         ASSERT_TRUE(p.routing.fibDelete(names[v], it->first).ok());
+         routes.erase(it);
+      } else {
+         std::vector<Pexo::IpGenPrefix> expected;
+         for (const auto& [prefix, adj] : routes) {
+            expected.push_back(prefix);
+         }
+         order.withdrawn.clear();
+         ASSERT_TRUE(p.routing.vrfDelete(names[v]).ok());
+         EXPECT_EQ(order.withdrawn, expected) << "step " << step;
+         model.erase(names[v]);
+         makeVrf(v);
+      }
+      ASSERT_EQ(p.routing.fibRoutes(names[v]), model[names[v]]) << "step " << step;
+   }
+   size_t total = 0;
+   for (int v = 0; v < 2; ++v) {
+      for (const auto& [prefix, adj] : model[names[v]]) {
+         ++total;
+         const Zop::Ptr<AdjEntry> entry =
+             prefix.isIpv4() ? p.l3Status->routeAdj(VrfAndPrefix(VrfId(v + 1), prefix.v4()))
+                             : p.l3Status->route6Adj(VrfAndIp6Prefix(VrfId(v + 1), prefix.v6()));
+         ASSERT_TRUE(entry) << prefix;
+         EXPECT_EQ(entry->routeInfo(), RouteInfo(RouteType::routeTypeForward, adj)) << prefix;
+      }
+   }
+   EXPECT_EQ(p.routing.fibRouteCount(), total);
+   EXPECT_EQ(p.hardware->size(), total);
 }
