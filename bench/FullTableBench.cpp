@@ -69,6 +69,9 @@
 //                       expected table and frees it, so the heap figures
 //                       exclude it; this is VmHWM during check() minus VmRSS
 //   floor_ids_differ    grants that are not the ids Floor used
+// KIV_STOP_AFTER_ENABLE=1 ends the process right after the enable's heap
+// figures, with the switch still standing, so that a heap profiler sees what
+// it holds then as left in use (bench/heap_owners.py sorts that by owner).
 // Prefix phases: fib_beneath, the FIB routes inside the prefix (the library
 // looks at each; affected_fib are those whose longest cover changes).
 // SegmentDelete: segment_prefixes, the segment's prefixes.
@@ -274,6 +277,14 @@ double measure(benchmark::State& state, const char* phase,
       run().heap[3] = heapBytes() - beforeBytes;
       run().hwm[3] = peakResidentMb();
       resetPeakResident();
+      if (const char* stop = std::getenv("KIV_STOP_AFTER_ENABLE"); stop && *stop == '1') {
+         std::printf(
+             "stopping after the enable, the switch left standing; tables mapped: %.1f MB\n",
+             double(Zop::tableMappedBytes()) / (1024.0 * 1024.0));
+         std::fflush(stdout);
+         (void)run().sw.release();
+         std::exit(0);
+      }
    }
    const double rss = residentMb();
    const std::vector<Zop::String> diffs = sw.check();
