@@ -261,11 +261,15 @@ std::optional<std::optional<uint64_t>> RouteResolver::desired(const Key& key) co
 
 void RouteResolver::answer(const Key& key) {
    if (!watched(key)) {
-      watched_.erase(key);
+      if (auto it = watched_.find(key); it != watched_.end()) {
+         watchedHint_ = watched_.erase(it);
+      }
       withdraw(key);
       return;
    }
-   watched_.insert(key);
+   // Keys are answered in key order: the place after the last one answered
+   // is most often this key's, which saves a descent of the whole set.
+   watchedHint_ = std::next(watched_.insert(watchedHint_, key));
    const auto want = desired(key);
    if (!want) {
       withdraw(key);

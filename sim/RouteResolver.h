@@ -141,6 +141,8 @@ private:
    std::pmr::set<Key> pendingFib_{&pendingPool_};
    // The watched keys the resolver knows of, ordered for range lookups.
    std::set<Key> watched_;
+   // Where the next key answered most likely goes in watched_ (see answer()).
+   std::set<Key>::iterator watchedHint_ = watched_.end();
    std::map<Key, std::optional<uint64_t>> held_;
    std::map<Key, Answer> published_;
    std::map<std::pair<uint32_t, uint64_t>, Fec> fecs_;
