@@ -212,7 +212,12 @@ void FibRouteReactorSm::handleV6AdjUpdate(const VrfAndIp6Prefix& key) {
 void FibRouteReactorSm::doReviewFibRouteUpdates() {
    constexpr char fn[] = "doReviewFibRouteUpdates";
    TRACE8_FN(fn);
+   size_t warm = 0;
    while (fibRouteReviewList_->vrfIpGenPrefixCount() != 0) {
+      if (warm == 0) {
+         warm = warmAhead();
+      }
+      --warm;
       const VrfAndIpGenPrefix key = fibRouteReviewList_->vrfIpGenPrefixFront();
       TRACE8_FN(fn, " Reviewing: " << key);
       reviewFibRoute(key);
@@ -222,6 +227,19 @@ void FibRouteReactorSm::doReviewFibRouteUpdates() {
          return;
       }
    }
+}
+
+size_t FibRouteReactorSm::warmAhead() {
+   // Each review starts with a lookup in a FIB collection of a million
+   // routes, two cache misses that the rest of the review waits on. The
+   // lookups of the next few keys, made one after the other, miss at the
+   // same time instead; the reviews then find their entries in cache.
+   uintptr_t seen = 0;
+   fibRouteReviewList_->vrfIpGenPrefixAhead(kWarmAhead, [&](const VrfAndIpGenPrefix& key) {
+      seen ^= reinterpret_cast<uintptr_t>(fibRouteInfo(key));
+   });
+   warmSink_ = seen;
+   return kWarmAhead;
 }
 
 void FibRouteReactorSm::reviewFibRoute(const VrfAndIpGenPrefix& key) {

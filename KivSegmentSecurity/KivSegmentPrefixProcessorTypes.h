@@ -147,6 +147,11 @@ public:
    const auto& vrfIpGenPrefix() const { return vrfIpGenPrefix_; }
    // The key queued longest ago; the list must not be empty.
    const VrfAndIpGenPrefix& vrfIpGenPrefixFront() const { return vrfIpGenPrefix_.front(); }
+   // f(key) for the next n keys to come to the front (some may have left).
+   template <class F>
+   void vrfIpGenPrefixAhead(size_t n, F&& f) const {
+      vrfIpGenPrefix_.forEachAhead(n, f);
+   }
 
    // A whole table's worth of records to queue. Whoever drains the list
    // takes the request (recordsToReviewTake) and queues the records itself,

@@ -160,6 +160,16 @@ public:
 
    // The oldest member; the set must not be empty.
    const K& front() const { return head_.empty() ? tail_.front() : head_.front(); }
+   // f(key) for the first n keys in the queue, front first, for reading
+   // ahead: keys that left meanwhile may be among them.
+   template <class F>
+   void forEachAhead(size_t n, F&& f) const {
+      for (const auto* queue : {&head_, &tail_}) {
+         for (auto it = queue->begin(); it != queue->end() && n != 0; ++it, --n) {
+            f(*it);
+         }
+      }
+   }
    bool has(const K& k) const { return set_.contains(k); }
    size_t size() const { return set_.size(); }
    bool empty() const { return set_.empty(); }
