@@ -57,7 +57,7 @@
 //                       (reset just before) before the switch is built, after
 //                       the FIB, after the configuration, after enabling
 //   switch_bytes_per_fib  heap for the FIB per route: the simulated switch
-//                       (hardware table, routing agent map and tries, FIB
+//                       (hardware table, routing agent tries, FIB
 //                       collections, adjacencies) and what the library keeps
 //                       per FIB route with the feature off
 //   config_bytes_per_segment_prefix  the firewall configuration
