@@ -219,7 +219,11 @@ void RouteResolver::run() {
       pendingKeys_.erase(pendingKeys_.begin());
       answer(key);
    }
-   pendingPool_.release();
+   // Both drained (an answer's handlers may note a FIB change, which then
+   // waits for the next run in pendingFib_, and keeps the pool).
+   if (pendingFib_.empty()) {
+      pendingPool_.release();
+   }
 }
 
 bool RouteResolver::watched(const Key& key) const {

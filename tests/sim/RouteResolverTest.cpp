@@ -244,3 +244,30 @@ TEST(SimRouteResolver, ANewFecTakesTheLowestFreeIndexOfItsTable) {
    }
    EXPECT_EQ(p.resolver.fecCount(), held.size());
 }
+
+// A FIB change made by someone reacting to an answer is noted while the run
+// answers keys, and the keys it covers are answered again: the notes it left
+// outlive the run that drained everything else.
+TEST(SimRouteResolver, AFibChangeMadeByAnAnswersReaderIsAnsweredInTheNextRun) {
+   simtest::Platform p;
+   ASSERT_TRUE(p.routing.vrfAdd("red", VrfId(1), true, true).ok());
+   ASSERT_TRUE(p.routing.fibAdd("red", pfx("10.0.0.0/8"), 100).ok());
+   struct Reactor : RouteReactorStatus::Notifiee {
+      explicit Reactor(simtest::Platform& p) : p_(p) { notifierIs(p.routeStatus); }
+      void handleResolvedEntry(const VrfAndPrefix&) override {
+         if (!added_) {
+            added_ = true;
+            ASSERT_TRUE(p_.routing.fibAdd("red", pfx("10.1.0.0/16"), 200).ok());
+         }
+      }
+      simtest::Platform& p_;
+      bool added_ = false;
+   } reactor(p);
+   for (int i = 0; i < 50; ++i) {
+      p.watch(1, ("10.1." + std::to_string(i) + ".0/24").c_str());
+   }
+   p.settle();
+   for (int i = 0; i < 50; ++i) {
+      EXPECT_EQ(p.answerAdj(1, ("10.1." + std::to_string(i) + ".0/24").c_str()), 200) << i;
+   }
+}
