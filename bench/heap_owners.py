@@ -11,7 +11,7 @@ allocation stack:
             collections (hardware entries of segment prefixes, watches);
   switch    otherwise a frame of the simulated switch or the platform
             (sim::, Routing::, L3::, Firewall::, Segment::, Zop::, Ruv::...);
-  bench     the benchmark's own workload and bookkeeping.
+  bench     everything else: the benchmark's workload and bookkeeping.
 
 Blocks of 1 MB and up that the platform maps itself (Zop::tableMemory) are
 not seen by heaptrack; FullTableBench's heap figures include them.
@@ -21,6 +21,7 @@ usage: bench/heap_owners.py [--bench build/release/bench/FullTableBench]
 """
 import argparse
 import collections
+import glob
 import os
 import re
 import subprocess
@@ -29,16 +30,16 @@ import tempfile
 
 LIBRARY = re.compile(r"\bKiv::")
 SWITCH = re.compile(r"\b(sim|Routing|Routing6|L3|Firewall|Segment|Quarn|Zop|Ruv|Trace|Agent|lumo)::")
-BENCH = re.compile(r"\bfulltable::|\(anonymous namespace\)::(measure|Enable|run|setup)|benchmark::")
 # Frames that only carry the allocation (containers, smart pointers).
 PLUMBING = re.compile(r"\bZop::(Ptr|makePtr|MapAttr|ScalarAttr|SetAttr|detail|OpenTable|Growing|Stepped)|^std::")
 
 
 def owner(frames):
+    """The library if one of its frames is on the stack, else the switch if
+    one of the switch's or the platform's is, else the bench (its workload,
+    the benchmark library, the C++ runtime)."""
     if any(LIBRARY.search(f) for f in frames):
         return "library"
-    if any(BENCH.search(f) for f in frames) and not any(SWITCH.search(f) for f in frames):
-        return "bench"
     if any(SWITCH.search(f) for f in frames):
         return "switch"
     return "bench"
@@ -46,7 +47,7 @@ def owner(frames):
 
 def site(frames):
     for f in reversed(frames):
-        if (LIBRARY.search(f) or SWITCH.search(f) or BENCH.search(f)) and not PLUMBING.search(f):
+        if (LIBRARY.search(f) or SWITCH.search(f)) and not PLUMBING.search(f):
             return re.sub(r"\(.*", "", f)[:100]
     return re.sub(r"\(.*", "", frames[-1])[:100]
 
@@ -67,7 +68,11 @@ def main():
             run = subprocess.run(["heaptrack", "-o", out, args.bench, "--benchmark_filter=Enable"],
                                  env=env, check=True, stdout=subprocess.PIPE,
                                  stderr=subprocess.DEVNULL, text=True)
-            data = out + ".zst"
+            # heaptrack names its file after the compression it has.
+            found = sorted(glob.glob(out + ".*"))
+            if not found:
+                sys.exit("heap_owners.py: heaptrack wrote no file")
+            data = found[0]
             mapped = re.search(r"tables mapped: ([0-9.]+) MB", run.stdout)
         flame = os.path.join(tmp, "flame.txt")
         subprocess.run(["heaptrack_print", "-f", data, "--print-flamegraph", flame,
@@ -88,7 +93,7 @@ def main():
     for who in ("library", "switch", "bench"):
         print(f"  {who:8} {totals[who] / mb:9.1f}")
     if mapped:
-        print(f"  and {mapped.group(1)} MB of tables the platform mapped (review lists,"
+        print(f"  and {mapped.group(1)} MB of tables the platform mapped (review lists, watch list,"
               " resolver answers, adjacencies), which heaptrack does not see")
     for who in ("library", "switch"):
         print(f"\n{who}, by site:")

@@ -126,8 +126,14 @@ Outcome RoutingAgent::vrfDelete(const L3::VrfName& name) {
       return Outcome::refused("no " + vrfText(name));
    }
    Vrf& vrf = it->second;
-   for (const Pexo::IpGenPrefix& prefix : fibPrefixes(vrf)) {
-      fibWithdraw(vrf, prefix);
+   // Until none is left: a route added by someone reacting to a withdrawal
+   // goes too, and one they withdrew first is skipped.
+   for (auto prefixes = fibPrefixes(vrf); !prefixes.empty(); prefixes = fibPrefixes(vrf)) {
+      for (const Pexo::IpGenPrefix& prefix : prefixes) {
+         if (fibAdjIndex(vrf, prefix)) {
+            fibWithdraw(vrf, prefix);
+         }
+      }
    }
    // Whatever the order of a withdrawal, the VRF's entries are out of
    // hardware before its id is given up: a VRF made with the id next must not
@@ -263,7 +269,9 @@ Zop::Ptr<AdjEntry> RoutingAgent::forwardAdj(uint64_t adjIndex) {
 }
 
 void RoutingAgent::forwardAdjRelease(uint64_t adjIndex) {
-   // Kept while anyone still holds it (a route, or a reader of the L3 status).
+   // Dropped once no route uses it. One a reader of the L3 status still held
+   // at that moment stays here until a route takes the index again and lets
+   // it go: at most one object per index ever used.
    auto it = forwardAdj_.find(adjIndex);
    if (it != forwardAdj_.end() && it->second->references() == 1) {
       forwardAdj_.erase(it);
@@ -300,8 +308,12 @@ std::map<Pexo::IpGenPrefix, uint64_t> RoutingAgent::fibRoutes(const L3::VrfName&
    if (it == vrfs_.end()) {
       return routes;
    }
+   // A route in the trie but not yet in its collection (asked from inside
+   // an addition's notifications) is not announced yet: left out.
    for (const Pexo::IpGenPrefix& prefix : fibPrefixes(it->second)) {
-      routes.emplace_hint(routes.end(), prefix, fibAdjIndex(it->second, prefix).value());
+      if (const std::optional<uint64_t> adj = fibAdjIndex(it->second, prefix)) {
+         routes.emplace_hint(routes.end(), prefix, *adj);
+      }
    }
    return routes;
 }

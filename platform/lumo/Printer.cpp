@@ -54,7 +54,9 @@ void StringSink::write(std::string_view data) {
       return;
    }
    if (pieces_.empty() || pieces_.back().capacity() - pieces_.back().size() < data.size()) {
-      pieces_.emplace_back().reserve(std::max(kPiece, data.size()));
+      const size_t next =
+          pieces_.empty() ? kFirstPiece : std::min(kPiece, 2 * pieces_.back().capacity());
+      pieces_.emplace_back().reserve(std::max(next, data.size()));
    }
    pieces_.back().append(data);
    size_ += data.size();

@@ -140,7 +140,8 @@ TEST(StringSink, HoldsEveryWriteInOrderAcrossPieces) {
    const size_t sizes[] = {0,
                            1,
                            17,
-                           4096,
+                           lumo::StringSink::kFirstPiece - 1,
+                           lumo::StringSink::kFirstPiece + 1,
                            lumo::StringSink::kPiece - 3,
                            lumo::StringSink::kPiece,
                            3 * lumo::StringSink::kPiece + 5};
