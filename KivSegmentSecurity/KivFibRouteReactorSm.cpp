@@ -212,12 +212,10 @@ void FibRouteReactorSm::handleV6AdjUpdate(const VrfAndIp6Prefix& key) {
 void FibRouteReactorSm::doReviewFibRouteUpdates() {
    constexpr char fn[] = "doReviewFibRouteUpdates";
    TRACE8_FN(fn);
-   size_t warm = 0;
-   while (fibRouteReviewList_->vrfIpGenPrefixCount() != 0) {
-      if (warm == 0) {
-         warm = warmAhead();
+   for (size_t reviewed = 0; fibRouteReviewList_->vrfIpGenPrefixCount() != 0; ++reviewed) {
+      if (reviewed % kWarmAhead == 0) {
+         warmAhead();
       }
-      --warm;
       const VrfAndIpGenPrefix key = fibRouteReviewList_->vrfIpGenPrefixFront();
       TRACE8_FN(fn, " Reviewing: " << key);
       reviewFibRoute(key);
@@ -229,7 +227,7 @@ void FibRouteReactorSm::doReviewFibRouteUpdates() {
    }
 }
 
-size_t FibRouteReactorSm::warmAhead() {
+void FibRouteReactorSm::warmAhead() {
    // Each review starts with a lookup in a FIB collection of a million
    // routes, two cache misses that the rest of the review waits on. The
    // lookups of the next few keys, made one after the other, miss at the
@@ -239,7 +237,6 @@ size_t FibRouteReactorSm::warmAhead() {
       seen ^= reinterpret_cast<uintptr_t>(fibRouteInfo(key));
    });
    warmSink_ = seen;
-   return kWarmAhead;
 }
 
 void FibRouteReactorSm::reviewFibRoute(const VrfAndIpGenPrefix& key) {

@@ -92,9 +92,9 @@ private:
 
    const RouteInfo* fibRouteInfo(const VrfAndIpGenPrefix& vrfPrefix) const;
    // Looks up the FIB routes of the next kWarmAhead keys of the review list
-   // at once, so that their reviews find them in cache; returns kWarmAhead.
+   // at once, so that their reviews find them in cache.
    static constexpr size_t kWarmAhead = 8;
-   size_t warmAhead();
+   void warmAhead();
    uintptr_t warmSink_ = 0;
    // One key of the review list.
    void reviewFibRoute(const VrfAndIpGenPrefix& key);

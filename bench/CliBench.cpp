@@ -682,11 +682,7 @@ void registerBenchmarks() {
 }  // namespace
 
 int main(int argc, char** argv) {
-   // As kivsim: no glibc fast bins. With them, the frees of one command's
-   // snapshot were merged in one sweep inside a later command's run, at its
-   // first large request: the 55-66 ms run of `show routes` and the 6-9 ms
-   // runs of detail and summary were that sweep, not the commands' work.
-   mallopt(M_MXFAST, 0);
+   bench::allocateAsKivsim();
    registerBenchmarks();
    benchmark::Initialize(&argc, argv);
    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {

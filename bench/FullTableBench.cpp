@@ -504,9 +504,7 @@ void registerAll() {
 }  // namespace
 
 int main(int argc, char** argv) {
-   // As kivsim: no glibc fast bins, so that a phase's frees are not merged
-   // in one sweep charged to the next phase's first large request.
-   mallopt(M_MXFAST, 0);
+   bench::allocateAsKivsim();
    // The level 0 Duolog outlives the switch; handlers are timed throughout,
    // unless KIV_TIME_HANDLERS=0 (timing costs two clock readings a handler
    // call, which shows at millions of calls).

@@ -130,8 +130,8 @@ Outcome RoutingAgent::vrfDelete(const L3::VrfName& name) {
    // goes too, and one they withdrew first is skipped.
    for (auto prefixes = fibPrefixes(vrf); !prefixes.empty(); prefixes = fibPrefixes(vrf)) {
       for (const Pexo::IpGenPrefix& prefix : prefixes) {
-         if (fibAdjIndex(vrf, prefix)) {
-            fibWithdraw(vrf, prefix);
+         if (const std::optional<uint64_t> adjIndex = fibAdjIndex(vrf, prefix)) {
+            fibWithdraw(vrf, prefix, *adjIndex);
          }
       }
    }
@@ -200,16 +200,16 @@ Outcome RoutingAgent::fibDelete(const L3::VrfName& vrfName, const Pexo::IpGenPre
    if (it == vrfs_.end()) {
       return Outcome::refused("no " + vrfText(vrfName) + " with an id");
    }
-   if (!fibAdjIndex(it->second, prefix)) {
+   const std::optional<uint64_t> adjIndex = fibAdjIndex(it->second, prefix);
+   if (!adjIndex) {
       return Outcome::refused("no FIB route " + valueToStrep(prefix) + " in " + vrfText(vrfName));
    }
-   fibWithdraw(it->second, prefix);
+   fibWithdraw(it->second, prefix, *adjIndex);
    return Outcome::done();
 }
 
-void RoutingAgent::fibWithdraw(Vrf& vrf, const Pexo::IpGenPrefix& prefix) {
+void RoutingAgent::fibWithdraw(Vrf& vrf, const Pexo::IpGenPrefix& prefix, uint64_t adjIndex) {
    const Pexo::IpGenPrefix p = prefix;
-   const std::optional<uint64_t> adjIndex = fibAdjIndex(vrf, p);
    if (withdrawOrder_ == WithdrawOrder::reportFirst) {
       pendingRemovals_.insert({vrf.id, p});
       if (!removalTask_->isScheduled()) {
@@ -229,9 +229,7 @@ void RoutingAgent::fibWithdraw(Vrf& vrf, const Pexo::IpGenPrefix& prefix) {
       l3Status_->route6AdjDel(key);
       fibRoutes6_->fibRouteDel(key);
    }
-   if (adjIndex) {
-      forwardAdjRelease(*adjIndex);
-   }
+   forwardAdjRelease(adjIndex);
 }
 
 std::optional<uint64_t> RoutingAgent::fibAdjIndex(const Vrf& vrf,

@@ -123,7 +123,8 @@ private:
 
    void publish(const L3::VrfName& name, Vrf& vrf);
    void withdraw(const L3::VrfName& name, Vrf& vrf);
-   void fibWithdraw(Vrf& vrf, const Pexo::IpGenPrefix& prefix);
+   // Withdraws a route the VRF has, of adjacency index `adjIndex`.
+   void fibWithdraw(Vrf& vrf, const Pexo::IpGenPrefix& prefix, uint64_t adjIndex);
    // The route's adjacency index; none when the VRF has no such route.
    std::optional<uint64_t> fibAdjIndex(const Vrf& vrf, const Pexo::IpGenPrefix& prefix) const;
    // The VRF's FIB routes in prefix order (IPv4 first).
