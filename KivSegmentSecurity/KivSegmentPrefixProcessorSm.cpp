@@ -172,7 +172,7 @@ void KivSegmentPrefixProcessorSm::handleInitialized() {
       segmentPrefixTrieIs();
    }
    if (!fibRouteReivewList_) {
-      fibRouteReivewListIs(vrfPrefixCollectionFactory());
+      fibRouteReivewListIs(vrfPrefixCollectionFactory(VrfPrefixCollection::Membership::queue));
    }
    if (!fibRouteSm_) {
       fibRouteSmIs(scheduler_, l3Status_, fibRoutes_, fibRoutes6_, fibRouteReivewList_,
@@ -300,7 +300,7 @@ void KivSegmentPrefixProcessorSm::doReviewConfiguredSegmentSubnets() {
       if (Ruv::taskShouldYield()) {
          break;
       }
-      const VrfAndIpGenPrefix member = *segmentReviewList_->vrfIpGenPrefix().begin();
+      const VrfAndIpGenPrefix member = segmentReviewList_->vrfIpGenPrefixFirst();
       SegmentHwId oldHwId;
       L3::VrfName vrfName = l3Status_->vrfName(member.vrfId());
       KivSegmentRouteOperationType action = getPrefixRequiredAction(member);

@@ -129,6 +129,12 @@ std::ostream& operator<<(std::ostream& os, const KivSegmentRouteInfo& v) {
 
 // ---- Collections ----
 
+VrfPrefixCollection::VrfPrefixCollection(Membership m) {
+   if (m == Membership::queue) {
+      byQueue_ = std::make_unique<ByQueue>(&Notifiee::handleVrfIpGenPrefix);
+   }
+}
+
 void VrfPrefixCollection::recordsToReviewIs(const RecordScope& r) {
    recordsToReview_.push_back(r);
    notifiees_.notify(this, [](Notifiee& n) { n.handleRecordsToReview(); });
@@ -202,8 +208,8 @@ Zop::Ptr<Routing::TrieGen> KivSegmentPrefixTrie::getPrefixTrie(VrfId vrfId,
    return vrfTrieGen->prefixTrie(af);
 }
 
-Zop::Ptr<VrfPrefixCollection> vrfPrefixCollectionFactory() {
-   return Zop::makePtr<VrfPrefixCollection>();
+Zop::Ptr<VrfPrefixCollection> vrfPrefixCollectionFactory(VrfPrefixCollection::Membership m) {
+   return Zop::makePtr<VrfPrefixCollection>(m);
 }
 Zop::Ptr<KivSegmentRouteInfoColl> kivSegmentRouteInfoCollFactory() {
    return Zop::makePtr<KivSegmentRouteInfoColl>();

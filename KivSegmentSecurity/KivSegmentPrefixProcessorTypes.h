@@ -22,6 +22,7 @@
 #include <deque>
 #include <iosfwd>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <utility>
@@ -130,7 +131,17 @@ struct SegmentPrefixScope {
 // ---- VrfPrefixCollection ----
 
 // A review list: (VRF id, prefix) keys waiting to be examined, in the order
-// they were queued (front() is the oldest); members() is in hash order.
+// they were queued (front() is the oldest).
+//
+// Its members are kept one of two ways:
+// - Membership::set, for a list taken member by member from its set
+//   (vrfIpGenPrefixFirst): the segment prefix review. A hash order up to a
+//   few thousand members, key order beyond (Zop::HashThenOrderedSet).
+// - Membership::queue, for a list taken only in queue order
+//   (vrfIpGenPrefixFront): the FIB route review. Range walks fill it in
+//   prefix order by the million and the review drains it in the same order;
+//   an ordered set finds each key next to the last one, where a hash set
+//   would look a cache miss away in a table of a million.
 class KIV_EXPORT VrfPrefixCollection : public Zop::PtrInterface {
 public:
    class Notifiee : public Zop::BaseNotifiee<VrfPrefixCollection> {
@@ -138,19 +149,62 @@ public:
       virtual void handleVrfIpGenPrefix(const VrfAndIpGenPrefix&) {}
       virtual void handleRecordsToReview() {}
    };
+   enum class Membership { set, queue };
 
-   void vrfIpGenPrefixIs(const VrfAndIpGenPrefix& k) { vrfIpGenPrefix_.is(*this, k); }
-   void vrfIpGenPrefixDel(const VrfAndIpGenPrefix& k) { vrfIpGenPrefix_.del(*this, k); }
-   void vrfIpGenPrefixDelAll() { vrfIpGenPrefix_.delAll(*this); }
-   bool vrfIpGenPrefixHas(const VrfAndIpGenPrefix& k) const { return vrfIpGenPrefix_.has(k); }
-   size_t vrfIpGenPrefixCount() const { return vrfIpGenPrefix_.size(); }
-   const auto& vrfIpGenPrefix() const { return vrfIpGenPrefix_; }
+private:
+   using BySet = Zop::QueueSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix,
+                                   Zop::HashThenOrderedSet<VrfAndIpGenPrefix>>;
+   using ByQueue = Zop::QueueSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix,
+                                     Zop::OrderedWorkSet<VrfAndIpGenPrefix>>;
+   template <class F>
+   decltype(auto) visit(F&& f) {
+      return byQueue_ ? f(*byQueue_) : f(bySet_);
+   }
+   template <class F>
+   decltype(auto) visit(F&& f) const {
+      return byQueue_ ? f(std::as_const(*byQueue_)) : f(bySet_);
+   }
+
+public:
+   explicit VrfPrefixCollection(Membership m = Membership::set);
+
+   void vrfIpGenPrefixIs(const VrfAndIpGenPrefix& k) {
+      visit([&](auto& q) { q.is(*this, k); });
+   }
+   void vrfIpGenPrefixDel(const VrfAndIpGenPrefix& k) {
+      visit([&](auto& q) { q.del(*this, k); });
+   }
+   void vrfIpGenPrefixDelAll() {
+      visit([&](auto& q) { q.delAll(*this); });
+   }
+   bool vrfIpGenPrefixHas(const VrfAndIpGenPrefix& k) const {
+      return visit([&](const auto& q) { return q.has(k); });
+   }
+   size_t vrfIpGenPrefixCount() const {
+      return visit([](const auto& q) { return q.size(); });
+   }
+   // The first member in the set's own order (see Membership::set); the
+   // list must not be empty.
+   const VrfAndIpGenPrefix& vrfIpGenPrefixFirst() const {
+      return visit([](const auto& q) -> const VrfAndIpGenPrefix& { return *q.begin(); });
+   }
+   // f(key) for every member, in the set's own order.
+   template <class F>
+   void vrfIpGenPrefixForEach(F&& f) const {
+      visit([&](const auto& q) {
+         for (const VrfAndIpGenPrefix& k : q) {
+            f(k);
+         }
+      });
+   }
    // The key queued longest ago; the list must not be empty.
-   const VrfAndIpGenPrefix& vrfIpGenPrefixFront() const { return vrfIpGenPrefix_.front(); }
+   const VrfAndIpGenPrefix& vrfIpGenPrefixFront() const {
+      return visit([](const auto& q) -> const VrfAndIpGenPrefix& { return q.front(); });
+   }
    // f(key) for the next n keys to come to the front (some may have left).
    template <class F>
    void vrfIpGenPrefixAhead(size_t n, F&& f) const {
-      vrfIpGenPrefix_.forEachAhead(n, f);
+      visit([&](const auto& q) { q.forEachAhead(n, f); });
    }
 
    // A whole table's worth of records to queue. Whoever drains the list
@@ -180,8 +234,8 @@ private:
    std::deque<RecordScope> recordsToReview_;
    std::deque<SegmentPrefixScope> segmentPrefixesToReview_;
    Zop::NotifierList<Notifiee> notifiees_;
-   Zop::QueueSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix> vrfIpGenPrefix_{
-       &Notifiee::handleVrfIpGenPrefix};
+   BySet bySet_{&Notifiee::handleVrfIpGenPrefix};
+   std::unique_ptr<ByQueue> byQueue_;  // set for Membership::queue
 };
 
 // ---- KivSegmentRouteInfoColl ----
@@ -381,7 +435,8 @@ private:
 
 // ---- Factories ----
 
-KIV_EXPORT Zop::Ptr<VrfPrefixCollection> vrfPrefixCollectionFactory();
+KIV_EXPORT Zop::Ptr<VrfPrefixCollection> vrfPrefixCollectionFactory(
+    VrfPrefixCollection::Membership m = VrfPrefixCollection::Membership::set);
 KIV_EXPORT Zop::Ptr<KivSegmentRouteInfoColl> kivSegmentRouteInfoCollFactory();
 KIV_EXPORT Zop::Ptr<PrefixCount> prefixCountFactory();
 KIV_EXPORT Zop::Ptr<SegmentPrefixCount> segmentPrefixCountFactory(SegmentHwId hwId);

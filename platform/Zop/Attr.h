@@ -37,6 +37,7 @@
 
 #include "Zop/GrowingSet.h"
 #include "Zop/Notifier.h"
+#include "Zop/OrderedWorkSet.h"
 
 namespace Zop {
 
@@ -107,11 +108,10 @@ private:
 // members and never stops the world: once stale keys outnumber members, each
 // later insertion or removal moves the next few copies from the unsorted
 // tail to a compacted head, dropping the stale ones.
-template <class E, class K, class Hash = std::hash<K>>
+template <class E, class K, class Set = GrowingSet<K>>
 class QueueSetAttr {
 public:
    using Handler = void (E::Notifiee::*)(const K&);
-   using Set = GrowingSet<K, Hash>;
    explicit QueueSetAttr(Handler h) : handler_(h) {}
 
    bool is(E& owner, const K& k) {
@@ -137,11 +137,11 @@ public:
       } else {
          stale_.insert(key);
       }
-      if (set_.empty() && set_.bucket_count() > kKeptBuckets) {
+      if (set_.empty() && held(set_) > kKeptBuckets) {
          // A drained list gives back what a table's review grew it to, the
          // queue's block maps included.
-         Set().swap(set_);
-         Set().swap(stale_);
+         giveBack(set_);
+         giveBack(stale_);
          std::deque<K>().swap(head_);
          std::deque<K>().swap(tail_);
          compacting_ = false;
@@ -185,6 +185,23 @@ public:
 private:
    void notify(E& owner, const K& k) {
       owner.notifieeList().notify(&owner, [&](typename E::Notifiee& n) { (n.*handler_)(k); });
+   }
+   template <class H>
+   static size_t held(const GrowingSet<K, H>& s) {
+      return s.bucket_count();
+   }
+   template <class H>
+   static void giveBack(GrowingSet<K, H>& s) {
+      GrowingSet<K, H>().swap(s);
+   }
+   // The ordered sets hold a pool, and are given back in place.
+   template <class S>
+   static size_t held(const S& s) {
+      return s.held();
+   }
+   template <class S>
+   static void giveBack(S& s) {
+      s.release();
    }
    void popFront() {
       if (!head_.empty()) {

@@ -24,10 +24,10 @@ IpGenPrefix pfx(const char* text) {
 
 std::set<IpGenPrefix> members(const Zop::Ptr<VrfPrefixCollection>& coll, VrfId vrf) {
    std::set<IpGenPrefix> out;
-   for (const auto& k : coll->vrfIpGenPrefix()) {
+   coll->vrfIpGenPrefixForEach([&](const VrfAndIpGenPrefix& k) {
       EXPECT_EQ(k.vrfId(), vrf);
       out.insert(k.prefix());
-   }
+   });
    return out;
 }
 
