@@ -255,6 +255,8 @@ TEST_F(ZopNotifierTest, LastReferenceDroppedDuringDeliveryOutlivesTheChange) {
 }  // namespace
 
 // A review list: members are taken oldest first, whatever else came and went.
+// Its members are kept in any of the three sets a review list may use.
+template <class Set = Zop::GrowingSet<int>>
 class Queue : public Zop::PtrInterface {
 public:
    class Notifiee : public Zop::BaseNotifiee<Queue> {
@@ -263,13 +265,19 @@ public:
    };
    Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
    Zop::NotifierList<Notifiee> notifiees_;
-   Zop::QueueSetAttr<Queue, int> member{&Notifiee::handleMember};
+   Zop::QueueSetAttr<Queue, int, Set> member{&Notifiee::handleMember};
 };
 
-TEST(ZopQueueSetAttr, FrontIsAlwaysAMemberAndDrainingGivesEachOnceInArrivalOrder) {
+template <class Set>
+class ZopQueueSetAttr : public ::testing::Test {};
+using MemberSets =
+    ::testing::Types<Zop::GrowingSet<int>, Zop::OrderedWorkSet<int>, Zop::HashThenOrderedSet<int>>;
+TYPED_TEST_SUITE(ZopQueueSetAttr, MemberSets);
+
+TYPED_TEST(ZopQueueSetAttr, FrontIsAlwaysAMemberAndDrainingGivesEachOnceInArrivalOrder) {
    std::mt19937 rng(7);
    for (int round = 0; round < 200; ++round) {
-      auto q = Zop::makePtr<Queue>();
+      auto q = Zop::makePtr<Queue<TypeParam>>();
       // Arrival order of the members, a key that comes back going last.
       std::vector<int> model;
       for (int op = 0; op < 300; ++op) {
@@ -329,9 +337,9 @@ TEST(ZopQueueSetAttr, FrontIsAlwaysAMemberAndDrainingGivesEachOnceInArrivalOrder
 // order) leave stale copies behind, which are compacted away a few per call.
 // However the two kinds of removal mix, the front is a member, and members
 // that only ever left from the front come out in the order they came.
-TEST(ZopQueueSetAttr, CompactingStaleCopiesStepByStepKeepsArrivalOrder) {
+TYPED_TEST(ZopQueueSetAttr, CompactingStaleCopiesStepByStepKeepsArrivalOrder) {
    std::mt19937 rng(23);
-   auto q = Zop::makePtr<Queue>();
+   auto q = Zop::makePtr<Queue<TypeParam>>();
    std::set<int> members, outOfOrder;  // keys ever removed other than at the front
    std::vector<int> arrived, served;
    auto serve = [&] {
@@ -389,6 +397,105 @@ TEST(ZopQueueSetAttr, CompactingStaleCopiesStepByStepKeepsArrivalOrder) {
    EXPECT_EQ(served, arrived);
 }
 
+// The FIB route review list's set: keys arrive in ascending runs (a range
+// walk) and leave from anywhere, the one after the last insertion included,
+// which is where the next insertion starts looking.
+TEST(ZopOrderedWorkSet, RunsOfKeysAndRemovalsAnywhereMatchAnOrderedSet) {
+   std::mt19937 rng(5);
+   Zop::OrderedWorkSet<int> set;
+   std::set<int> model;
+   int next = 0;
+   for (int op = 0; op < 200000; ++op) {
+      const unsigned what = rng() % 16;
+      if (what < 9) {
+         if (rng() % 64 == 0) {
+            next = int(rng() % 100000);  // a new run
+         }
+         const int k = next++;
+         ASSERT_EQ(set.insert(k), model.insert(k).second);
+      } else if (what < 12) {
+         const int k = next + int(rng() % 3) - 1;  // around the last insertion
+         ASSERT_EQ(set.erase(k), model.erase(k) == 1);
+      } else if (what < 15 && !model.empty()) {
+         ASSERT_EQ(*set.begin(), *model.begin());
+         ASSERT_TRUE(set.erase(*model.begin()));
+         model.erase(model.begin());
+      } else {
+         const int k = int(rng() % 100000);
+         ASSERT_EQ(set.erase(k), model.erase(k) == 1);
+      }
+      ASSERT_EQ(set.size(), model.size());
+      if (op % 9973 == 0) {
+         ASSERT_TRUE(std::equal(set.begin(), set.end(), model.begin(), model.end()));
+      }
+   }
+   EXPECT_GT(set.held(), 1000u);
+   set.release();
+   EXPECT_TRUE(set.empty());
+   EXPECT_EQ(set.held(), 0u);
+   EXPECT_TRUE(set.insert(3) && !set.insert(3) && set.contains(3) && !set.contains(4));
+}
+
+// The segment review list's set: up to a few thousand members exactly the
+// hash order a GrowingSet has for the same history, so that small lists are
+// reviewed as they always were; beyond, key order once the members have
+// moved across, every member met once while they move; given back, hash
+// order again.
+TEST(ZopHashThenOrderedSet, HashOrderWhileSmallKeyOrderBeyondAndHashOrderAgainWhenGivenBack) {
+   using Set = Zop::HashThenOrderedSet<int>;
+   std::mt19937 rng(17);
+   Set set;
+   auto smallHistory = [&](Set& s, unsigned seed) {
+      std::mt19937 r(seed);
+      Zop::GrowingSet<int> same;
+      for (int op = 0; op < 12000; ++op) {
+         const int k = int(r() % 3000);
+         if (r() % 3 != 0) {
+            ASSERT_EQ(s.insert(k), same.insert(k));
+         } else {
+            ASSERT_EQ(s.erase(k), same.erase(k));
+         }
+         if (op % 997 == 0) {
+            ASSERT_TRUE(std::equal(s.begin(), s.end(), same.begin(), same.end())) << op;
+         }
+      }
+      ASSERT_TRUE(std::equal(s.begin(), s.end(), same.begin(), same.end()));
+   };
+   smallHistory(set, 1);
+   std::set<int> model(set.begin(), set.end());
+   bool sawMoving = false;
+   for (int op = 0; op < 60000; ++op) {
+      const int k = int(rng() % 50000);
+      if (rng() % 4 != 0) {
+         ASSERT_EQ(set.insert(k), model.insert(k).second);
+      } else {
+         ASSERT_EQ(set.erase(k), model.erase(k) == 1);
+      }
+      ASSERT_EQ(set.size(), model.size());
+      ASSERT_EQ(set.contains(k), model.count(k) == 1);
+      if (op % 499 == 0) {
+         // Each member once; the members already moved come last, in order.
+         const std::vector<int> seen(set.begin(), set.end());
+         std::vector<int> sorted = seen;
+         std::sort(sorted.begin(), sorted.end());
+         ASSERT_EQ(sorted, std::vector<int>(model.begin(), model.end()));
+         const auto moved = std::is_sorted_until(seen.rbegin(), seen.rend(), std::greater<>());
+         sawMoving = sawMoving || moved != seen.rend();
+      }
+   }
+   EXPECT_TRUE(sawMoving);
+   ASSERT_TRUE(std::equal(set.begin(), set.end(), model.begin(), model.end()));
+   // Drained from begin(), as the segment review drains its list.
+   while (!set.empty()) {
+      ASSERT_EQ(*set.begin(), *model.begin());
+      set.erase(*model.begin());
+      model.erase(model.begin());
+   }
+   EXPECT_GT(set.held(), Set::kGrowInSteps);
+   set.release();
+   smallHistory(set, 2);
+}
+
 // A set past a few thousand members grows in steps: while the old table is
 // being emptied, every member is found, counted and iterated exactly once,
 // and a review list drained from the front still gives arrival order.
@@ -422,7 +529,7 @@ TEST(ZopGrowingSet, MembersStayVisibleAndUniqueWhileGrowingInSteps) {
    EXPECT_TRUE(sawGrowing);
    checkIteration();
 
-   auto q = Zop::makePtr<Queue>();
+   auto q = Zop::makePtr<Queue<>>();
    std::vector<int> arrival;
    for (int k = 0; k < 3 * int(Set::kGrowInSteps); ++k) {
       q->member.is(*q, k * 7919 % 100003);
