@@ -130,13 +130,13 @@ struct SegmentPrefixScope {
 
 // ---- VrfPrefixCollection ----
 
-// A review list: (VRF id, prefix) keys waiting to be examined, in the order
-// they were queued (front() is the oldest).
+// A review list: (VRF id, prefix) keys waiting to be examined.
 //
 // Its members are kept one of two ways:
 // - Membership::set, for a list taken member by member from its set
 //   (vrfIpGenPrefixFirst): the segment prefix review. A hash order up to a
-//   few thousand members, key order beyond (Zop::HashThenOrderedSet).
+//   few thousand members, key order beyond (Zop::HashThenOrderedSet). No
+//   queue is kept: front is the set's first member.
 // - Membership::queue, for a list taken only in queue order
 //   (vrfIpGenPrefixFront): the FIB route review. Range walks fill it in
 //   prefix order by the million and the review drains it in the same order;
@@ -152,8 +152,8 @@ public:
    enum class Membership { set, queue };
 
 private:
-   using BySet = Zop::QueueSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix,
-                                   Zop::HashThenOrderedSet<VrfAndIpGenPrefix>>;
+   using BySet = Zop::ReviewSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix,
+                                    Zop::HashThenOrderedSet<VrfAndIpGenPrefix>>;
    using ByQueue = Zop::QueueSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix,
                                      Zop::OrderedWorkSet<VrfAndIpGenPrefix>>;
    template <class F>
@@ -197,7 +197,8 @@ public:
          }
       });
    }
-   // The key queued longest ago; the list must not be empty.
+   // The key queued longest ago (Membership::set: the set's first member);
+   // the list must not be empty.
    const VrfAndIpGenPrefix& vrfIpGenPrefixFront() const {
       return visit([](const auto& q) -> const VrfAndIpGenPrefix& { return q.front(); });
    }

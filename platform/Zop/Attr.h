@@ -93,6 +93,66 @@ private:
    Set set_;
 };
 
+// A review list taken member by member from its own set, in the set's order:
+// no queue kept beside it. front() is the set's first member, the one the
+// list is taken at next. Drained, it gives back what it grew to.
+template <class E, class K, class Set>
+class ReviewSetAttr {
+public:
+   using Handler = void (E::Notifiee::*)(const K&);
+   explicit ReviewSetAttr(Handler h) : handler_(h) {}
+
+   bool is(E& owner, const K& k) {
+      if (!set_.insert(k)) {
+         return false;
+      }
+      const K key = k;
+      notify(owner, key);
+      return true;
+   }
+   bool del(E& owner, const K& k) {
+      const K key = k;
+      if (!set_.erase(key)) {
+         return false;
+      }
+      if (set_.empty() && set_.held() > kKeptBuckets) {
+         set_.release();
+      }
+      notify(owner, key);
+      return true;
+   }
+   void delAll(E& owner) {
+      Ptr<E> hold(owner.references() > 0 ? &owner : nullptr);
+      while (!set_.empty()) {
+         del(owner, front());
+      }
+   }
+
+   // The set's first member; the set must not be empty.
+   const K& front() const { return *set_.begin(); }
+   // f(key) for the first n members in the set's order.
+   template <class F>
+   void forEachAhead(size_t n, F&& f) const {
+      for (auto it = set_.begin(); it != set_.end() && n != 0; ++it, --n) {
+         f(*it);
+      }
+   }
+   bool has(const K& k) const { return set_.contains(k); }
+   size_t size() const { return set_.size(); }
+   bool empty() const { return set_.empty(); }
+   typename Set::const_iterator begin() const { return set_.begin(); }
+   typename Set::const_iterator end() const { return set_.end(); }
+
+private:
+   void notify(E& owner, const K& k) {
+      owner.notifieeList().notify(&owner, [&](typename E::Notifiee& n) { (n.*handler_)(k); });
+   }
+
+   static constexpr size_t kKeptBuckets = 4096;
+   Handler handler_;
+   Set set_;
+};
+
 // A set that also keeps the order in which its members came: front() is the
 // member that has been in the set longest. Work lists use it so that work is
 // done in the order it was found (a walk of a table queues routes in table

@@ -11,16 +11,19 @@
 // are taken out one after the other. A key out of order costs a descent of
 // the tree, and nothing else changes.
 //
-// The nodes come from a pool of their own, given back in small chunks as the
-// set drains, so that the allocator's heap is not left with a hole per
-// member. Iteration is in key order.
+// The nodes come from a pool of their own (chunks of at most 1,024 nodes),
+// given back whole once the list has drained (release), so that the
+// allocator's heap is not left with a hole per member. Iteration is in key
+// order.
 
 #include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <iterator>
 #include <memory_resource>
+#include <new>
 #include <set>
+#include <type_traits>
 #include <unordered_set>
 #include <utility>
 
@@ -68,17 +71,21 @@ public:
    const_iterator end() const { return set_.end(); }
    // The most members held since the pool was last given back.
    size_t held() const { return held_; }
-   // Empties the set and gives the pool's chunks back.
+   // Empties the set and gives the pool's chunks back. A drained review
+   // list drops its stale keys this way, up to a hundred thousand of them:
+   // the tree is dropped with the pool, not taken apart node by node (the
+   // keys have no destructor to run, and every node is the pool's memory).
    void release() {
-      set_.clear();
-      hint_ = set_.end();
+      static_assert(std::is_trivially_destructible_v<K>);
+      ::new (static_cast<void*>(&set_)) Set(&pool_);
       pool_.release();
+      hint_ = set_.end();
       held_ = 0;
    }
 
 private:
-   // Chunks of at most 1,024 nodes: the pool grows and shrinks a chunk at a
-   // time, never by a table's worth in one call.
+   // Chunks of at most 1,024 nodes: the pool grows a chunk at a time, never
+   // by a table's worth in one call.
    static constexpr std::pmr::pool_options kPool{1024, 0};
    std::pmr::unsynchronized_pool_resource pool_{kPool};
    Set set_{&pool_};
