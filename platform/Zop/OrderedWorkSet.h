@@ -43,6 +43,14 @@ public:
 
    // False when k is a member already.
    bool insert(const K& k) {
+      if (set_.empty() || Less()(*set_.rbegin(), k)) {
+         // Past the last member, as a walk of a table in order goes on:
+         // appended without a lookup.
+         set_.insert(set_.end(), k);
+         hint_ = set_.end();
+         held_ = std::max(held_, set_.size());
+         return true;
+      }
       const size_t before = set_.size();
       const auto it = set_.insert(hint_, k);
       if (set_.size() == before) {
@@ -53,7 +61,9 @@ public:
       return true;
    }
    bool erase(const K& k) {
-      const auto it = set_.find(k);
+      // Most often the first member: a list drained in the order it filled.
+      const bool first = !set_.empty() && !Less()(*set_.begin(), k) && !Less()(k, *set_.begin());
+      const auto it = first ? set_.begin() : set_.find(k);
       if (it == set_.end()) {
          return false;
       }
