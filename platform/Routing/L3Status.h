@@ -175,7 +175,6 @@ public:
    void routeAdjDel(const VrfAndPrefix& k) { routeAdj_.del(*this, k); }
    Zop::Ptr<AdjEntry> routeAdj(const VrfAndPrefix& k) const { return routeAdj_.get(k); }
    size_t routeAdjCount() const { return routeAdj_.size(); }
-   void routeAdjReserve(size_t n) { routeAdj_.reserve(n); }
 
    // Adjacencies of the IPv6 FIB routes.
    void route6AdjIs(const VrfAndIp6Prefix& k, const Zop::Ptr<AdjEntry>& adj) {
@@ -210,9 +209,12 @@ private:
    // one per resolver answer; a one-go rehash was a 2-4 ms item.
    Zop::GrowingMapAttr<L3Status, Quarn::Fib::GlobalFecId, Zop::Ptr<AdjEntry>> adjacency_{
        &Notifiee::handleAdjacency};
-   Zop::HashMapAttr<L3Status, VrfAndPrefix, Zop::Ptr<AdjEntry>> routeAdj_{
+   // Ordered, as the FIB collections are: the segment review asks for a VRF's
+   // segment prefixes in prefix order, mostly for prefixes that are no FIB
+   // route; in a hash map of a million each such question was a miss or two.
+   Zop::OrderedMapAttr<L3Status, VrfAndPrefix, Zop::Ptr<AdjEntry>> routeAdj_{
        &Notifiee::handleRouteAdj};
-   Zop::HashMapAttr<L3Status, VrfAndIp6Prefix, Zop::Ptr<AdjEntry>> route6Adj_{
+   Zop::OrderedMapAttr<L3Status, VrfAndIp6Prefix, Zop::Ptr<AdjEntry>> route6Adj_{
        &Notifiee::handleRoute6Adj};
 };
 
