@@ -212,10 +212,7 @@ void FibRouteReactorSm::handleV6AdjUpdate(const VrfAndIp6Prefix& key) {
 void FibRouteReactorSm::doReviewFibRouteUpdates() {
    constexpr char fn[] = "doReviewFibRouteUpdates";
    TRACE8_FN(fn);
-   for (size_t reviewed = 0; fibRouteReviewList_->vrfIpGenPrefixCount() != 0; ++reviewed) {
-      if (reviewed % kWarmAhead == 0) {
-         warmAhead();
-      }
+   while (fibRouteReviewList_->vrfIpGenPrefixCount() != 0) {
       const VrfAndIpGenPrefix key = fibRouteReviewList_->vrfIpGenPrefixFront();
       TRACE8_FN(fn, " Reviewing: " << key);
       reviewFibRoute(key);
@@ -225,18 +222,6 @@ void FibRouteReactorSm::doReviewFibRouteUpdates() {
          return;
       }
    }
-}
-
-void FibRouteReactorSm::warmAhead() {
-   // Each review starts with a lookup in a FIB collection of a million
-   // routes, two cache misses that the rest of the review waits on. The
-   // lookups of the next few keys, made one after the other, miss at the
-   // same time instead; the reviews then find their entries in cache.
-   uintptr_t seen = 0;
-   fibRouteReviewList_->vrfIpGenPrefixAhead(kWarmAhead, [&](const VrfAndIpGenPrefix& key) {
-      seen ^= reinterpret_cast<uintptr_t>(fibRouteInfo(key));
-   });
-   warmSink_ = seen;
 }
 
 void FibRouteReactorSm::reviewFibRoute(const VrfAndIpGenPrefix& key) {

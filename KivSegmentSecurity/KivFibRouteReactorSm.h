@@ -91,11 +91,6 @@ private:
    class ReviewListNotifiee;
 
    const RouteInfo* fibRouteInfo(const VrfAndIpGenPrefix& vrfPrefix) const;
-   // Looks up the FIB routes of the next kWarmAhead keys of the review list
-   // at once, so that their reviews find them in cache.
-   static constexpr size_t kWarmAhead = 8;
-   void warmAhead();
-   uintptr_t warmSink_ = 0;
    // One key of the review list.
    void reviewFibRoute(const VrfAndIpGenPrefix& key);
    void requeueAwaitingEntryRemoval();

@@ -202,11 +202,6 @@ public:
    const VrfAndIpGenPrefix& vrfIpGenPrefixFront() const {
       return visit([](const auto& q) -> const VrfAndIpGenPrefix& { return q.front(); });
    }
-   // f(key) for the next n keys to come to the front (some may have left).
-   template <class F>
-   void vrfIpGenPrefixAhead(size_t n, F&& f) const {
-      visit([&](const auto& q) { q.forEachAhead(n, f); });
-   }
 
    // A whole table's worth of records to queue. Whoever drains the list
    // takes the request (recordsToReviewTake) and queues the records itself,

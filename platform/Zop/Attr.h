@@ -130,13 +130,6 @@ public:
 
    // The set's first member; the set must not be empty.
    const K& front() const { return *set_.begin(); }
-   // f(key) for the first n members in the set's order.
-   template <class F>
-   void forEachAhead(size_t n, F&& f) const {
-      for (auto it = set_.begin(); it != set_.end() && n != 0; ++it, --n) {
-         f(*it);
-      }
-   }
    bool has(const K& k) const { return set_.contains(k); }
    size_t size() const { return set_.size(); }
    bool empty() const { return set_.empty(); }
@@ -220,16 +213,6 @@ public:
 
    // The oldest member; the set must not be empty.
    const K& front() const { return head_.empty() ? tail_.front() : head_.front(); }
-   // f(key) for the first n keys in the queue, front first, for reading
-   // ahead: keys that left meanwhile may be among them.
-   template <class F>
-   void forEachAhead(size_t n, F&& f) const {
-      for (const auto* queue : {&head_, &tail_}) {
-         for (auto it = queue->begin(); it != queue->end() && n != 0; ++it, --n) {
-            f(*it);
-         }
-      }
-   }
    bool has(const K& k) const { return set_.contains(k); }
    size_t size() const { return set_.size(); }
    bool empty() const { return set_.empty(); }
