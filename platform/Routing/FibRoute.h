@@ -31,7 +31,7 @@ private:
    // (the FIB route review at an enable or a teardown, the resolver's
    // answers, a check of the whole table) finds each route next to the last
    // one, where a hash map made every lookup a miss or two. Same memory.
-   Zop::OrderedMapAttr<VrfFibRouteCollectionT, Key, RouteInfo> fibRoute_{&Notifiee::handleFibRoute};
+   Zop::WalkedMapAttr<VrfFibRouteCollectionT, Key, RouteInfo> fibRoute_{&Notifiee::handleFibRoute};
 };
 
 using KivVrfFibRouteCollection = VrfFibRouteCollectionT<VrfAndPrefix>;

@@ -212,9 +212,9 @@ private:
    // Ordered, as the FIB collections are: the segment review asks for a VRF's
    // segment prefixes in prefix order, mostly for prefixes that are no FIB
    // route; in a hash map of a million each such question was a miss or two.
-   Zop::OrderedMapAttr<L3Status, VrfAndPrefix, Zop::Ptr<AdjEntry>> routeAdj_{
+   Zop::WalkedMapAttr<L3Status, VrfAndPrefix, Zop::Ptr<AdjEntry>> routeAdj_{
        &Notifiee::handleRouteAdj};
-   Zop::OrderedMapAttr<L3Status, VrfAndIp6Prefix, Zop::Ptr<AdjEntry>> route6Adj_{
+   Zop::WalkedMapAttr<L3Status, VrfAndIp6Prefix, Zop::Ptr<AdjEntry>> route6Adj_{
        &Notifiee::handleRoute6Adj};
 };
 

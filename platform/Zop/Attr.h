@@ -394,6 +394,70 @@ public:
    auto lowerBound(const K& k) const { return this->map_.lower_bound(k); }
 };
 
+// An ordered map attribute whose lookups start where the last one ended:
+// for the maps of a whole FIB (the FIB collections, the route adjacencies),
+// which the reviews of a table go through in key order. The next key asked
+// is most often the one found last, the entry after it, or absent between
+// the two; those are answered without a descent of the tree. Any other key
+// costs one descent, as in OrderedMapAttr. Every change forgets the place.
+template <class E, class K, class V, class Less = std::less<K>>
+class WalkedMapAttr : public MapAttr<E, K, V, std::map<K, V, Less>> {
+   using Base = MapAttr<E, K, V, std::map<K, V, Less>>;
+
+public:
+   using Base::Base;
+
+   bool is(E& owner, const K& k, const V& v) {
+      last_.reset();
+      return Base::is(owner, k, v);
+   }
+   std::optional<V> del(E& owner, const K& k) {
+      last_.reset();
+      return Base::del(owner, k);
+   }
+   void delAll(E& owner) {
+      Ptr<E> hold(owner.references() > 0 ? &owner : nullptr);
+      while (!this->map_.empty()) {
+         del(owner, K(this->map_.begin()->first));
+      }
+   }
+
+   const V* find(const K& k) const {
+      const auto end = this->map_.end();
+      const Less less;
+      if (last_ && !less(k, *last_)) {
+         // near_ is the first entry not below the last key asked: nothing
+         // lies between that key and it.
+         if (near_ == end || less(k, near_->first)) {
+            last_ = k;
+            return nullptr;
+         }
+         if (!less(near_->first, k)) {
+            last_ = k;
+            return &near_->second;
+         }
+         const auto next = std::next(near_);
+         if (next == end || !less(next->first, k)) {
+            last_ = k;
+            near_ = next;
+            return next != end && !less(k, next->first) ? &next->second : nullptr;
+         }
+      }
+      near_ = this->map_.lower_bound(k);
+      last_ = k;
+      return near_ != end && !less(k, near_->first) ? &near_->second : nullptr;
+   }
+   V get(const K& k, const V& fallback = V()) const {
+      const V* v = find(k);
+      return v ? *v : fallback;
+   }
+   bool has(const K& k) const { return find(k) != nullptr; }
+
+private:
+   mutable std::optional<K> last_;
+   mutable typename std::map<K, V, Less>::const_iterator near_;
+};
+
 // A single value (flag, counter, enum). Counters wrap as their unsigned type.
 template <class E, class T>
 class ScalarAttr {

@@ -368,6 +368,72 @@ TYPED_TEST(ZopQueueSetAttr, CompactingStaleCopiesStepByStepKeepsArrivalOrder) {
    EXPECT_EQ(served, arrived);
 }
 
+// A walked map answers as a plain map does, whatever the order of the keys
+// asked: in ascending runs (as a review of a table asks), backwards, absent
+// between two entries or past the last; and a handler asking about the
+// changed key, or about its neighbours, sees the map as it is after the
+// change.
+class Walked : public Zop::PtrInterface {
+public:
+   class Notifiee : public Zop::BaseNotifiee<Walked> {
+   public:
+      virtual void handleValue(const int&) {}
+   };
+   Zop::NotifierList<Notifiee>& notifieeList() { return notifiees_; }
+   Zop::NotifierList<Notifiee> notifiees_;
+   Zop::WalkedMapAttr<Walked, int, int> value{&Notifiee::handleValue};
+};
+
+TEST(ZopWalkedMapAttr, LookupsInAnyOrderAnswerAsAPlainMapThroughChanges) {
+   std::mt19937 rng(29);
+   auto w = Zop::makePtr<Walked>();
+   std::map<int, int> model;
+   auto expect = [&](int k) {
+      const auto it = model.find(k);
+      const int* v = w->value.find(k);
+      ASSERT_EQ(v != nullptr, it != model.end()) << k;
+      if (v) {
+         ASSERT_EQ(*v, it->second) << k;
+      }
+   };
+   class Asker : public Walked::Notifiee {
+   public:
+      std::function<void(int)> ask;
+      void handleValue(const int& k) override { ask(k); }
+   } asker;
+   asker.ask = [&](int k) {
+      for (int d = -2; d <= 2; ++d) {
+         expect(k + d);
+      }
+   };
+   asker.notifierIs(w);
+   int at = 0;
+   for (int op = 0; op < 200000; ++op) {
+      const unsigned what = rng() % 16;
+      if (what < 3) {
+         const int k = int(rng() % 5000);
+         const int v = int(rng() % 4);
+         model[k] = v;  // before the change: its handler asks
+         w->value.is(*w, k, v);
+      } else if (what < 4) {
+         const int k = int(rng() % 5000);
+         const bool was = model.erase(k) == 1;
+         ASSERT_EQ(w->value.del(*w, k).has_value(), was);
+      } else if (what < 5) {
+         at = int(rng() % 5200) - 100;  // a new run, past either end too
+      } else if (what < 6) {
+         expect(at - int(rng() % 50));  // backwards
+      } else {
+         at += int(rng() % 3);  // on, often to the next entry or between two
+         expect(at);
+      }
+   }
+   EXPECT_GT(model.size(), 1000u);
+   asker.notifierIs(nullptr);
+   w->value.delAll(*w);
+   EXPECT_EQ(w->value.find(3), nullptr);
+}
+
 // The FIB route review list's set: keys arrive in ascending runs (a range
 // walk) and leave from anywhere, the one after the last insertion included,
 // which is where the next insertion starts looking.
