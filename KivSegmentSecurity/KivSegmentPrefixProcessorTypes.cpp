@@ -146,6 +146,7 @@ void VrfPrefixCollection::segmentPrefixesToReviewIs(const SegmentPrefixScope& s)
 }
 
 void KivSegmentRouteInfoColl::routeInfoIs(const KivSegmentRouteInfo& r) {
+   found_ = nullptr;
    const KivSegmentRouteInfo* old = routeInfo_.find(r.vrfPrefix());
    if (!old || old->hwId() != r.hwId()) {
       if (old) {
@@ -161,6 +162,7 @@ void KivSegmentRouteInfoColl::routeInfoIs(const KivSegmentRouteInfo& r) {
 }
 
 KivSegmentRouteInfo KivSegmentRouteInfoColl::routeInfoDel(const VrfAndIpGenPrefix& k) {
+   found_ = nullptr;
    if (const KivSegmentRouteInfo* old = routeInfo_.find(k)) {
       auto group = byHwId_.find({k.vrfId(), old->hwId()});
       group->second.erase(k);

@@ -253,7 +253,13 @@ public:
    // The record; a default one when absent.
    KivSegmentRouteInfo routeInfo(const VrfAndIpGenPrefix& k) const { return routeInfo_.get(k); }
    const KivSegmentRouteInfo* routeInfoFind(const VrfAndIpGenPrefix& k) const {
-      return routeInfo_.find(k);
+      // The FIB route review asks for the same covering prefix's record for
+      // one route after another: the record found last is kept at hand
+      // until the records change.
+      if (!found_ || found_->vrfPrefix() != k) {
+         found_ = routeInfo_.find(k);
+      }
+      return found_;
    }
    bool routeInfoHas(const VrfAndIpGenPrefix& k) const { return routeInfo_.has(k); }
    size_t routeInfoCount() const { return routeInfo_.size(); }
@@ -265,6 +271,7 @@ public:
    void routeInfoExpectedIs(size_t expected) {
       if (expected >= kSizeAheadFrom && expected > routeInfo_.members().bucket_count() &&
           8 * routeInfo_.size() < expected) {
+         found_ = nullptr;
          routeInfo_.reserve(expected);
       }
    }
@@ -319,6 +326,7 @@ private:
    Zop::NotifierList<Notifiee> notifiees_;
    Zop::HashMapAttr<KivSegmentRouteInfoColl, VrfAndIpGenPrefix, KivSegmentRouteInfo> routeInfo_{
        &Notifiee::handleRouteInfo};
+   mutable const KivSegmentRouteInfo* found_ = nullptr;  // forgotten at every change
    // The record keys by (VRF id, hw id).
    std::map<std::pair<VrfId, SegmentHwId>, std::set<VrfAndIpGenPrefix>> byHwId_;
    Zop::ScalarAttr<KivSegmentRouteInfoColl, uint32_t> reviewSegmentHwId_{
