@@ -51,12 +51,15 @@ public:
          held_ = std::max(held_, set_.size());
          return true;
       }
+      // Inserted or found, the next key of a run is most often the one
+      // after this one: a walk queueing a range, or walking again over a
+      // range queued before (a segment prefix inside another).
       const size_t before = set_.size();
       const auto it = set_.insert(hint_, k);
+      hint_ = std::next(it);
       if (set_.size() == before) {
          return false;
       }
-      hint_ = std::next(it);
       held_ = std::max(held_, set_.size());
       return true;
    }
