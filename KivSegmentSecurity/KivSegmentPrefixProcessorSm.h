@@ -139,6 +139,9 @@ public:
    void segmentPrefixTrieIs();
    void segmentPrefixTrieDel();
    const Zop::Ptr<KivSegmentPrefixTrie>& segmentPrefixTrie() const { return segmentPrefixTrie_; }
+   // The FIB route review takes its list oldest first: a list made with
+   // VrfPrefixCollection::Membership::queue (a set list is taken in its
+   // set's order instead).
    void fibRouteReivewListIs(const Zop::Ptr<VrfPrefixCollection>& list);
    const Zop::Ptr<VrfPrefixCollection>& fibRouteReivewList() const { return fibRouteReivewList_; }
    void fibRouteSmIs(const Zop::Ptr<Ruv::TaskScheduler>& scheduler,

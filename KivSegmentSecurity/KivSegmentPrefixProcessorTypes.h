@@ -188,7 +188,8 @@ public:
    const VrfAndIpGenPrefix& vrfIpGenPrefixFirst() const {
       return visit([](const auto& q) -> const VrfAndIpGenPrefix& { return *q.begin(); });
    }
-   // f(key) for every member, in the set's own order.
+   // f(key) for every member, in the set's own order; f must not change
+   // the list.
    template <class F>
    void vrfIpGenPrefixForEach(F&& f) const {
       visit([&](const auto& q) {

@@ -399,7 +399,8 @@ public:
 // which the reviews of a table go through in key order. The next key asked
 // is most often the one found last, the entry after it, or absent between
 // the two; those are answered without a descent of the tree. Any other key
-// costs one descent, as in OrderedMapAttr. Every change forgets the place.
+// costs one descent, as in OrderedMapAttr. Every change forgets the place,
+// so the map is changed only through this class's own is, del and delAll.
 template <class E, class K, class V, class Less = std::less<K>>
 class WalkedMapAttr : public MapAttr<E, K, V, std::map<K, V, Less>> {
    using Base = MapAttr<E, K, V, std::map<K, V, Less>>;

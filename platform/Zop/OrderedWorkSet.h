@@ -90,8 +90,8 @@ public:
    // keys have no destructor to run, and every node is the pool's memory).
    void release() {
       static_assert(std::is_trivially_destructible_v<K>);
-      ::new (static_cast<void*>(&set_)) Set(&pool_);
       pool_.release();
+      ::new (static_cast<void*>(&set_)) Set(&pool_);
       hint_ = set_.end();
       held_ = 0;
    }

@@ -253,8 +253,9 @@ TEST(KivSegmentCollections, RouteInfoCollection) {
    EXPECT_EQ(log.reviews, 2);
 }
 
-// The (VRF, hw id) index over random changes, checked against a walk of the
-// records, also from inside the handlers: it is right before they run.
+// The (VRF, hw id) index and a record's lookup (which keeps the record found
+// last at hand) over random changes, checked against a walk of the records,
+// also from inside the handlers: both are right before they run.
 TEST(KivSegmentCollections, RecordsByVrfAndHwIdFollowEveryChange) {
    auto coll = kivSegmentRouteInfoCollFactory();
    auto byWalk = [&](VrfId vrf, SegmentHwId hwId) {
@@ -266,6 +267,17 @@ TEST(KivSegmentCollections, RecordsByVrfAndHwIdFollowEveryChange) {
       }
       return keys;
    };
+   auto found = [&](const VrfAndIpGenPrefix& k) {
+      const KivSegmentRouteInfo* walked = nullptr;
+      for (const auto& [key, r] : coll->routeInfo()) {
+         walked = key == k ? &r : walked;
+      }
+      const KivSegmentRouteInfo* f = coll->routeInfoFind(k);
+      ASSERT_EQ(f != nullptr, walked != nullptr);
+      if (f) {
+         ASSERT_EQ(*f, *walked);
+      }
+   };
    struct Checker : KivSegmentRouteInfoColl::Notifiee {
       std::function<void(const VrfAndIpGenPrefix&)> check;
       void handleRouteInfo(const VrfAndIpGenPrefix& k) override { check(k); }
@@ -276,6 +288,7 @@ TEST(KivSegmentCollections, RecordsByVrfAndHwIdFollowEveryChange) {
          ASSERT_EQ(coll->routeInfoWithHwId(k.vrfId(), SegmentHwId(id)),
                    byWalk(k.vrfId(), SegmentHwId(id)));
       }
+      found(k);
       ++checked;
    };
    checker.notifierIs(coll);
@@ -283,6 +296,7 @@ TEST(KivSegmentCollections, RecordsByVrfAndHwIdFollowEveryChange) {
    const std::vector<VrfAndIpGenPrefix> keys = randomKeys(r, 60);
    for (int step = 0; step < 3000; ++step) {
       const VrfAndIpGenPrefix& k = keys[r.below(keys.size())];
+      found(k);  // kept at hand across the change below
       if (r.chance(30)) {
          coll->routeInfoDel(k);
       } else {
