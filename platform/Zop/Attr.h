@@ -190,11 +190,11 @@ public:
       } else {
          stale_.insert(key);
       }
-      if (set_.empty() && held(set_) > kKeptBuckets) {
+      if (set_.empty() && set_.held() > kKeptBuckets) {
          // A drained list gives back what a table's review grew it to, the
          // queue's block maps included.
-         giveBack(set_);
-         giveBack(stale_);
+         set_.release();
+         stale_.release();
          std::deque<K>().swap(head_);
          std::deque<K>().swap(tail_);
          compacting_ = false;
@@ -228,23 +228,6 @@ public:
 private:
    void notify(E& owner, const K& k) {
       owner.notifieeList().notify(&owner, [&](typename E::Notifiee& n) { (n.*handler_)(k); });
-   }
-   template <class H>
-   static size_t held(const GrowingSet<K, H>& s) {
-      return s.bucket_count();
-   }
-   template <class H>
-   static void giveBack(GrowingSet<K, H>& s) {
-      GrowingSet<K, H>().swap(s);
-   }
-   // The ordered sets hold a pool, and are given back in place.
-   template <class S>
-   static size_t held(const S& s) {
-      return s.held();
-   }
-   template <class S>
-   static void giveBack(S& s) {
-      s.release();
    }
    void popFront() {
       if (!head_.empty()) {

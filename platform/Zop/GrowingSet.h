@@ -480,6 +480,10 @@ public:
       small_.swap(other.small_);
       std::swap(open_, other.open_);
    }
+   // What the set holds room for, and giving it all back (emptied), as the
+   // review lists' sets all do once drained.
+   size_t held() const { return bucket_count(); }
+   void release() { GrowingSet().swap(*this); }
 
    // Up to this many members the set is a std::unordered_set: below it a
    // rehash costs well under a millisecond.
