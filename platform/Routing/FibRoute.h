@@ -30,7 +30,7 @@ private:
    // Ordered, not hashed: whoever goes through a VRF's FIB in prefix order
    // (the FIB route review at an enable or a teardown, the resolver's
    // answers, a check of the whole table) finds each route next to the last
-   // one, where a hash map made every lookup a miss or two. Same memory.
+   // one, where a hash map made every lookup a miss or two; in less memory.
    Zop::WalkedMapAttr<VrfFibRouteCollectionT, Key, RouteInfo> fibRoute_{&Notifiee::handleFibRoute};
 };
 

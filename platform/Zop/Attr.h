@@ -25,6 +25,8 @@
 // removing it; `delAll` removes members one at a time, each removal notifying.
 // Handlers run after the change, so they see the new state.
 
+#include <absl/container/btree_map.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -378,15 +380,20 @@ public:
 };
 
 // An ordered map attribute whose lookups start where the last one ended:
-// for the maps of a whole FIB (the FIB collections, the route adjacencies),
-// which the reviews of a table go through in key order. The next key asked
-// is most often the one found last, the entry after it, or absent between
-// the two; those are answered without a descent of the tree. Any other key
-// costs one descent, as in OrderedMapAttr. Every change forgets the place,
-// so the map is changed only through this class's own is, del and delAll.
+// for the maps of a whole FIB (the FIB collections, the route adjacencies,
+// the watches and answers of the segment prefixes), which the reviews of a
+// table go through in key order. The map is a B-tree: neighbouring keys
+// share a node of a few cache lines, no node is allocated per entry, and a
+// million entries take a third less memory than in a std::map. The next key
+// asked is most often the one found last, the entry after it, or absent
+// between the two; those are answered without a descent of the tree. Any
+// other key costs one descent. Every change forgets the place, so the map is
+// changed only through this class's own is, del and delAll. As in a
+// GrowingMapAttr, a value found stays valid only until the next change: a
+// B-tree moves its entries between nodes.
 template <class E, class K, class V, class Less = std::less<K>>
-class WalkedMapAttr : public MapAttr<E, K, V, std::map<K, V, Less>> {
-   using Base = MapAttr<E, K, V, std::map<K, V, Less>>;
+class WalkedMapAttr : public MapAttr<E, K, V, absl::btree_map<K, V, Less>> {
+   using Base = MapAttr<E, K, V, absl::btree_map<K, V, Less>>;
 
 public:
    using Base::Base;
@@ -439,7 +446,7 @@ public:
 
 private:
    mutable std::optional<K> last_;
-   mutable typename std::map<K, V, Less>::const_iterator near_;
+   mutable typename absl::btree_map<K, V, Less>::const_iterator near_;
 };
 
 // A single value (flag, counter, enum). Counters wrap as their unsigned type.

@@ -5,25 +5,24 @@
 //
 // A hash set spreads such a run over the whole table: at a million members
 // every insertion and every removal is a cache miss (and a TLB miss) of its
-// own. Here the next key of a run goes next to the last one: an insertion
-// starts from where the last one ended (amortised constant time when the key
-// belongs there), and the nodes of a run, allocated one after the other,
-// are taken out one after the other. A key out of order costs a descent of
-// the tree, and nothing else changes.
+// own. Here the members are a B-tree's, a node of a few cache lines holding
+// a run of neighbouring keys: the next key of a run goes next to the last
+// one, and is taken out next to it. A key past the last member is appended
+// and the first member taken out without a search; any other insertion
+// starts where the last insertion or removal ended (constant time when the
+// key belongs there). A key out of order costs a descent of the tree, and
+// nothing else changes. Iteration is in key order.
 //
-// The nodes come from a pool of their own (chunks of at most 1,024 nodes),
-// given back whole once the list has drained (release), so that the
-// allocator's heap is not left with a hole per member. Iteration is in key
-// order.
+// Any insertion or removal moves a B-tree's members between nodes and
+// invalidates every iterator: the one kept for the next insertion is the
+// one the last change returned.
+
+#include <absl/container/btree_set.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <iterator>
-#include <memory_resource>
-#include <new>
-#include <set>
-#include <type_traits>
 #include <unordered_set>
 #include <utility>
 
@@ -34,7 +33,7 @@ namespace Zop {
 template <class K, class Less = std::less<K>>
 class OrderedWorkSet {
 public:
-   using Set = std::pmr::set<K, Less>;
+   using Set = absl::btree_set<K, Less>;
    using const_iterator = typename Set::const_iterator;
 
    OrderedWorkSet() = default;
@@ -44,8 +43,7 @@ public:
    // False when k is a member already.
    bool insert(const K& k) {
       if (set_.empty() || Less()(*set_.rbegin(), k)) {
-         // Past the last member, as a walk of a table in order goes on:
-         // appended without a lookup.
+         // Past the last member, as a walk of a table in order goes on.
          set_.insert(set_.end(), k);
          hint_ = set_.end();
          held_ = std::max(held_, set_.size());
@@ -55,8 +53,7 @@ public:
       // after this one: a walk queueing a range, or walking again over a
       // range queued before (a segment prefix inside another).
       const size_t before = set_.size();
-      const auto it = set_.insert(hint_, k);
-      hint_ = std::next(it);
+      hint_ = std::next(set_.insert(hint_, k));
       if (set_.size() == before) {
          return false;
       }
@@ -70,11 +67,7 @@ public:
       if (it == set_.end()) {
          return false;
       }
-      const bool wasHint = hint_ == it;
-      const auto next = set_.erase(it);
-      if (wasHint) {
-         hint_ = next;
-      }
+      hint_ = set_.erase(it);
       return true;
    }
    bool contains(const K& k) const { return set_.find(k) != set_.end(); }
@@ -82,26 +75,17 @@ public:
    bool empty() const { return set_.empty(); }
    const_iterator begin() const { return set_.begin(); }
    const_iterator end() const { return set_.end(); }
-   // The most members held since the pool was last given back.
+   // The most members held since the set was last given back.
    size_t held() const { return held_; }
-   // Empties the set and gives the pool's chunks back. A drained review
-   // list drops its stale keys this way, up to a hundred thousand of them:
-   // the tree is dropped with the pool, not taken apart node by node (the
-   // keys have no destructor to run, and every node is the pool's memory).
+   // Empties the set and gives its nodes back to the heap.
    void release() {
-      static_assert(std::is_trivially_destructible_v<K>);
-      pool_.release();
-      ::new (static_cast<void*>(&set_)) Set(&pool_);
+      Set().swap(set_);
       hint_ = set_.end();
       held_ = 0;
    }
 
 private:
-   // Chunks of at most 1,024 nodes: the pool grows a chunk at a time, never
-   // by a table's worth in one call.
-   static constexpr std::pmr::pool_options kPool{1024, 0};
-   std::pmr::unsynchronized_pool_resource pool_{kPool};
-   Set set_{&pool_};
+   Set set_;
    const_iterator hint_ = set_.end();
    size_t held_ = 0;
 };
