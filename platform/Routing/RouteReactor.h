@@ -53,8 +53,10 @@ public:
 private:
    Zop::NotifierList<Notifiee> notifiees_;
    // One watch per segment prefix of a routing VRF: a full table's enable
-   // adds a hundred thousand, and a one-go rehash would be one long item.
-   Zop::GrowingMapAttr<RouteReactorConfigT, Key, RouteWatch> watched_{
+   // adds a hundred thousand, in prefix order, and the resolver asks for
+   // them in the same order. Ordered, they lie next to each other; a tree
+   // has no rehash to make one long item of.
+   Zop::WalkedMapAttr<RouteReactorConfigT, Key, RouteWatch> watched_{
        &Notifiee::handleWatchedPrefix};
 };
 
@@ -85,8 +87,9 @@ private:
    Zop::HashMapAttr<RouteReactorStatusT, VrfId, Zop::Ptr<FibTrie>> fibTrie_{
        &Notifiee::handleFibTrie};
    // One answer per watch: filled by the hundred thousand at a full table's
-   // enable, where a one-go rehash was a 5 ms item of the resolver's run.
-   Zop::GrowingMapAttr<RouteReactorStatusT, Key, NextHopEntryList> resolved_{
+   // enable, in prefix order, and read back by the processor in that order
+   // (a one-go rehash of a hash map was a 5 ms item of the resolver's run).
+   Zop::WalkedMapAttr<RouteReactorStatusT, Key, NextHopEntryList> resolved_{
        &Notifiee::handleResolvedEntry};
 };
 
