@@ -288,6 +288,39 @@ TEST_F(RuvTaskSchedulerTest, RealTimeSliceCutsRunsWhileTheVirtualClockStandsStil
    EXPECT_EQ(clock->now(), 0);
 }
 
+TEST_F(RuvTaskSchedulerTest, RealTimeSliceAnsweredByTheCounterStillCutsEveryRun) {
+   // 60 items of 0.5 ms of real time under a 1 ms slice: the counter's rate
+   // is known after the first 20 ms, and from then on most questions are
+   // answered by the counter. Every run still ends once its slice is used:
+   // at most two items a run (a loaded machine may fit fewer, never more).
+   auto policy = Zop::makePtr<Ruv::RealTimeSliceYieldPolicy>(kMillisecond);
+   scheduler->yieldPolicyIs(policy);
+   int remaining = 60;
+   std::vector<int> itemsPerRun;
+   Zop::Ptr<Task> worker;
+   worker = Ruv::makeTask(scheduler, "worker", [&] {
+      itemsPerRun.push_back(0);
+      while (remaining > 0) {
+         if (Ruv::taskShouldYield()) {
+            worker->scheduleTask();
+            return;
+         }
+         --remaining;
+         ++itemsPerRun.back();
+         const Zop::Time until = Zop::monotonicNow() + kMillisecond / 2;
+         while (Zop::monotonicNow() < until) {
+         }
+      }
+   });
+   worker->scheduleTask();
+   scheduler->settle();
+   EXPECT_EQ(remaining, 0);
+   EXPECT_LE(*std::max_element(itemsPerRun.begin(), itemsPerRun.end()), 2);
+#if defined(__x86_64__) || defined(__i386__)
+   EXPECT_TRUE(policy->countsTicks());
+#endif
+}
+
 TEST_F(RuvTaskSchedulerTest, YieldQuestionBelongsToTheRunningScheduler) {
    EXPECT_FALSE(Ruv::taskShouldYield());
    scheduler->yieldPolicyIs(Zop::makePtr<Ruv::EveryNItemsYieldPolicy>(1));
