@@ -1,7 +1,9 @@
 #include "Trace/Trace.h"
 
 #include <algorithm>
+#include <memory>
 #include <ostream>
+#include <streambuf>
 
 #include "Zop/Assert.h"
 #include "Zop/Error.h"
@@ -33,6 +35,78 @@ Duolog& defaultDuolog() {
 
 }  // namespace detail
 
+namespace detail {
+
+// Appends what is streamed to a string. There is no put area, so each
+// piece is one virtual call; a line is a handful of pieces.
+class TextBuf : public std::streambuf {
+public:
+   Zop::String text;
+
+protected:
+   int_type overflow(int_type c) override {
+      if (!traits_type::eq_int_type(c, traits_type::eof())) {
+         text.push_back(traits_type::to_char_type(c));
+      }
+      return traits_type::not_eof(c);
+   }
+   std::streamsize xsputn(const char_type* s, std::streamsize n) override {
+      text.append(s, size_t(n));
+      return n;
+   }
+};
+
+struct LineStream {
+   TextBuf buf;
+   std::ostream os{&buf};
+   bool busy = false;
+
+   // Whatever the last line did to the stream's format does not carry over.
+   void reset() {
+      os.clear();
+      os.flags(std::ios_base::dec | std::ios_base::skipws);
+      os.precision(6);
+      os.width(0);
+      os.fill(' ');
+      buf.text.clear();
+   }
+};
+
+}  // namespace detail
+
+namespace {
+
+// The shared stream, and those of lines formatted inside another line's
+// formatting. Never destroyed, so tracing works during shutdown.
+detail::LineStream& sharedLineStream() {
+   static auto* shared = new detail::LineStream;
+   return *shared;
+}
+
+}  // namespace
+
+LineWriter::LineWriter(Level level, std::string_view function) : level_(level) {
+   detail::LineStream& shared = sharedLineStream();
+   shared_ = !shared.busy;
+   ls_ = shared_ ? &shared : new detail::LineStream;
+   ls_->busy = true;
+   ls_->reset();
+   os_ = &ls_->os;
+   ls_->buf.text.append(function);
+}
+
+LineWriter::~LineWriter() {
+   if (shared_) {
+      ls_->busy = false;
+   } else {
+      delete ls_;
+   }
+}
+
+void LineWriter::write() {
+   current().writeLine(level_, std::string_view(ls_->buf.text));
+}
+
 Ringlog::Ringlog(size_t capacity) : capacity_(capacity) {
    if (capacity == 0) {
       throw Zop::RangeError("Ringlog capacity must be at least 1");
@@ -46,6 +120,19 @@ void Ringlog::append(Line line) {
    }
    buffer_[next_] = std::move(line);
    next_ = (next_ + 1) % capacity_;
+}
+
+const Line& Ringlog::append(uint64_t sequence, Level level, std::string_view text) {
+   if (buffer_.size() < capacity_) {
+      buffer_.push_back(Line{sequence, level, Zop::String(text)});
+      return buffer_.back();
+   }
+   Line& slot = buffer_[next_];
+   slot.sequence = sequence;
+   slot.level = level;
+   slot.text.assign(text);
+   next_ = (next_ + 1) % capacity_;
+   return slot;
 }
 
 void Ringlog::clear() {
@@ -118,6 +205,16 @@ void Duolog::writeLine(Level level, Zop::String text) {
       sink_(line);
    }
    ring_.append(std::move(line));
+}
+
+void Duolog::writeLine(Level level, std::string_view text) {
+   if (!enabled(level)) {
+      return;
+   }
+   const Line& line = ring_.append(++sequence_, level, text);
+   if (sink_) {
+      sink_(line);
+   }
 }
 
 Duolog& current() {

@@ -51,7 +51,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <sstream>
+#include <ostream>
 #include <string_view>
 #include <vector>
 
@@ -82,6 +82,9 @@ public:
    explicit Ringlog(size_t capacity = kDefaultCapacity);
 
    void append(Line line);
+   // The same, copying the text into the slot it takes (no allocation once
+   // the ring has gone round with lines as long); returns the line.
+   const Line& append(uint64_t sequence, Level level, std::string_view text);
    void clear();
 
    size_t capacity() const { return capacity_; }
@@ -127,6 +130,7 @@ public:
    void write(Level level, std::string_view function, std::string_view pieces);
    // Records a line whose text is already complete.
    void writeLine(Level level, Zop::String text);
+   void writeLine(Level level, std::string_view text);
 
    const Ringlog& ringlog() const { return ring_; }
    Ringlog& ringlog() { return ring_; }
@@ -178,15 +182,34 @@ inline bool enabled(Level level) {
 
 // Collects one line for the macros; the function name goes first so that the
 // stream's contents are the finished text.
+//
+// At level 5 a busy agent writes a line for nearly every item it handles, so
+// a line must cost its formatting and little else. Constructing a stream
+// sets up its locale, which costs more than formatting a short line; so
+// lines are formatted into one stream kept for the purpose (its format state
+// reset for each line), and the ring copies the text into the slot it
+// overwrites, whose buffer is already the right size. A line formatted while
+// another is (an operator<< that traces) gets a stream of its own.
+namespace detail {
+struct LineStream;
+}
+
 class LineWriter {
 public:
-   LineWriter(Level level, std::string_view function) : level_(level) { os_ << function; }
-   std::ostream& stream() { return os_; }
-   void write() { current().writeLine(level_, std::move(os_).str()); }
+   LineWriter(Level level, std::string_view function);
+   ~LineWriter();
+   LineWriter(const LineWriter&) = delete;
+   LineWriter& operator=(const LineWriter&) = delete;
+   std::ostream& stream() { return *os_; }
+   void write();
 
 private:
    Level level_;
-   std::ostringstream os_;
+   detail::LineStream* ls_;
+   std::ostream* os_;  // ls_'s
+   // Set when this line took the shared stream, which it gives back;
+   // otherwise ls_ is its own.
+   bool shared_;
 };
 
 }  // namespace Trace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <iomanip>
 #include <ostream>
 #include <sstream>
 
@@ -35,7 +36,37 @@ void traceBothLevels() {
    TRACE8(" entry " << sideEffect());
 }
 
+// A value whose printing traces, as a value that logs what it looks up would.
+struct Noisy {
+   int n;
+};
+std::ostream& operator<<(std::ostream& os, const Noisy& v) {
+   TRACE5_FN("print", " noisy " << v.n);
+   return os << std::hex << v.n;
+}
+
 }  // namespace
+
+// Lines are formatted into a stream kept from line to line: what one line
+// does to the stream's format must not show in the next, and a line
+// formatted inside another's formatting must leave both whole.
+TEST(Trace, LinesShareNoFormatAndNestWhole) {
+   Trace::Duolog log(Trace::kDecisions, 3);
+   Trace::ScopedDuolog guard(log);
+   TRACE5_FN("a", " " << std::hex << std::showbase << 255 << std::setprecision(2) << 1.2345);
+   TRACE5_FN("b",
+             " " << 255 << " " << 1.2345 << " [" << std::setw(4) << std::setfill('*') << 1 << "]");
+   TRACE5_FN("c", " " << 255 << " [" << 1 << "]");
+   EXPECT_EQ(log.ringlog().texts(), (Strings{"a 0xff1.2", "b 255 1.2345 [***1]", "c 255 [1]"}));
+
+   // The ring has gone round: every slot is reused, longer and shorter. The
+   // inner line has a stream of its own; what the value does to the outer
+   // stream holds for the rest of that line only.
+   TRACE5_FN("outer", " " << Noisy{26} << " " << 26);
+   TRACE5_FN("d", " " << 26);
+   EXPECT_EQ(log.ringlog().texts(), (Strings{"print noisy 26", "outer 1a 1a", "d 26"}));
+   EXPECT_EQ(log.lineCount(), 6u);
+}
 
 TEST(Trace, LinesAreFunctionNameFollowedByPieces) {
    Trace::Duolog log(Trace::kFunctions);
