@@ -1,8 +1,8 @@
 #include "Pexo/Prefix.h"
 
 #include <array>
-#include <cstdio>
 #include <ostream>
+#include <string_view>
 
 namespace Pexo {
 
@@ -156,6 +156,114 @@ uint32_t parseLength(Zop::TextCursor& c, uint32_t maxLength) {
    return uint32_t(len);
 }
 
+// ---- Text ----
+// Addresses and prefixes are written into a buffer of the caller's, without
+// formatting functions: traces write one or two for nearly every route.
+
+constexpr size_t kIpAddrText = 15;      // 255.255.255.255
+constexpr size_t kPrefixText = 15 + 3;  // and /32
+constexpr size_t kIp6AddrText = 45;     // ffff:...:ffff, or ::ffff: and a dotted quad
+constexpr size_t kIp6PrefixText = 45 + 4;
+
+char* decimal(char* out, unsigned v) {
+   char digits[10];
+   int n = 0;
+   do {
+      digits[n++] = char('0' + v % 10);
+      v /= 10;
+   } while (v != 0);
+   while (n > 0) {
+      *out++ = digits[--n];
+   }
+   return out;
+}
+
+char* hex(char* out, unsigned v) {
+   static constexpr char kDigits[] = "0123456789abcdef";
+   int shift = 12;
+   while (shift > 0 && (v >> shift) == 0) {
+      shift -= 4;
+   }
+   for (; shift >= 0; shift -= 4) {
+      *out++ = kDigits[(v >> shift) & 0xF];
+   }
+   return out;
+}
+
+char* formattedTo(char* out, IpAddr a) {
+   const uint32_t v = a.value();
+   for (int shift = 24; shift >= 0; shift -= 8) {
+      out = decimal(out, (v >> shift) & 0xFF);
+      if (shift != 0) {
+         *out++ = '.';
+      }
+   }
+   return out;
+}
+
+char* formattedTo(char* out, const Ip6Addr& a) {
+   // IPv4-mapped addresses keep the dotted quad (::ffff:a.b.c.d).
+   if (a.hi() == 0 && (a.lo() >> 32) == 0xFFFF) {
+      for (char c : std::string_view("::ffff:")) {
+         *out++ = c;
+      }
+      return formattedTo(out, IpAddr(uint32_t(a.lo())));
+   }
+   // The longest run of two or more zero groups becomes "::" (the first such
+   // run on a tie).
+   int bestStart = -1, bestLen = 1;
+   for (int i = 0; i < 8;) {
+      if (a.group(i) != 0) {
+         ++i;
+         continue;
+      }
+      int j = i;
+      while (j < 8 && a.group(j) == 0) {
+         ++j;
+      }
+      if (j - i > bestLen) {
+         bestStart = i;
+         bestLen = j - i;
+      }
+      i = j;
+   }
+   char* const begin = out;
+   for (int i = 0; i < 8; ++i) {
+      if (i == bestStart) {
+         *out++ = ':';
+         *out++ = ':';
+         i += bestLen - 1;
+         continue;
+      }
+      if (out != begin && out[-1] != ':') {
+         *out++ = ':';
+      }
+      out = hex(out, unsigned(a.group(i)));
+   }
+   return out;
+}
+
+template <class P>
+char* prefixTo(char* out, const P& p) {
+   out = formattedTo(out, p.addr());
+   *out++ = '/';
+   return decimal(out, p.len());
+}
+
+// The length of the text written at buf.
+size_t formatted(char* buf, IpAddr a) {
+   return size_t(formattedTo(buf, a) - buf);
+}
+size_t formatted(char* buf, const Ip6Addr& a) {
+   return size_t(formattedTo(buf, a) - buf);
+}
+size_t formatted(char* buf, const Prefix& p) {
+   return size_t(prefixTo(buf, p) - buf);
+}
+size_t formatted(char* buf, const Ip6Prefix& p) {
+   return size_t(prefixTo(buf, p) - buf);
+}
+
 }  // namespace
 
 // ---- IpAddr ----
@@ -172,11 +280,8 @@ bool IpAddr::isUnicast() const {
 }
 
 Zop::String valueToStrep(IpAddr a) {
-   char buf[16];
-   uint32_t v = a.value();
-   std::snprintf(buf, sizeof buf, "%u.%u.%u.%u", v >> 24, (v >> 16) & 0xFF, (v >> 8) & 0xFF,
-                 v & 0xFF);
-   return buf;
+   char buf[kIpAddrText];
+   return Zop::String(buf, formatted(buf, a));
 }
 
 // ---- Ip6Addr ----
@@ -198,43 +303,8 @@ bool Ip6Addr::isUnicast() const {
 }
 
 Zop::String valueToStrep(const Ip6Addr& a) {
-   // IPv4-mapped addresses keep the dotted quad (::ffff:a.b.c.d).
-   if (a.hi() == 0 && (a.lo() >> 32) == 0xFFFF) {
-      return "::ffff:" + valueToStrep(IpAddr(uint32_t(a.lo())));
-   }
-   // The longest run of two or more zero groups becomes "::" (the first such
-   // run on a tie).
-   int bestStart = -1, bestLen = 1;
-   for (int i = 0; i < 8;) {
-      if (a.group(i) != 0) {
-         ++i;
-         continue;
-      }
-      int j = i;
-      while (j < 8 && a.group(j) == 0) {
-         ++j;
-      }
-      if (j - i > bestLen) {
-         bestStart = i;
-         bestLen = j - i;
-      }
-      i = j;
-   }
-   Zop::String out;
-   char buf[8];
-   for (int i = 0; i < 8; ++i) {
-      if (i == bestStart) {
-         out += "::";
-         i += bestLen - 1;
-         continue;
-      }
-      if (!out.empty() && out.back() != ':') {
-         out += ':';
-      }
-      std::snprintf(buf, sizeof buf, "%x", unsigned(a.group(i)));
-      out += buf;
-   }
-   return out;
+   char buf[kIp6AddrText];
+   return Zop::String(buf, formatted(buf, a));
 }
 
 // ---- Prefix ----
@@ -260,7 +330,8 @@ bool Prefix::contains(const Prefix& other) const {
 }
 
 Zop::String valueToStrep(const Prefix& p) {
-   return valueToStrep(p.addr()) + "/" + std::to_string(p.len());
+   char buf[kPrefixText];
+   return Zop::String(buf, formatted(buf, p));
 }
 
 // ---- Ip6Prefix ----
@@ -299,7 +370,8 @@ bool Ip6Prefix::contains(const Ip6Prefix& other) const {
 }
 
 Zop::String valueToStrep(const Ip6Prefix& p) {
-   return valueToStrep(p.addr()) + "/" + std::to_string(p.len());
+   char buf[kIp6PrefixText];
+   return Zop::String(buf, formatted(buf, p));
 }
 
 // ---- IpGenPrefix ----
@@ -359,20 +431,29 @@ Zop::String valueToStrep(AddressFamily af) {
 std::ostream& operator<<(std::ostream& os, AddressFamily af) {
    return os << valueToStrep(af);
 }
+// Through a string_view, so that a width set on the stream applies as to a
+// string.
 std::ostream& operator<<(std::ostream& os, IpAddr a) {
-   return os << valueToStrep(a);
+   char buf[kIpAddrText];
+   return os << std::string_view(buf, formatted(buf, a));
 }
 std::ostream& operator<<(std::ostream& os, const Ip6Addr& a) {
-   return os << valueToStrep(a);
+   char buf[kIp6AddrText];
+   return os << std::string_view(buf, formatted(buf, a));
 }
 std::ostream& operator<<(std::ostream& os, const Prefix& p) {
-   return os << valueToStrep(p);
+   char buf[kPrefixText];
+   return os << std::string_view(buf, formatted(buf, p));
 }
 std::ostream& operator<<(std::ostream& os, const Ip6Prefix& p) {
-   return os << valueToStrep(p);
+   char buf[kIp6PrefixText];
+   return os << std::string_view(buf, formatted(buf, p));
 }
 std::ostream& operator<<(std::ostream& os, const IpGenPrefix& p) {
-   return os << valueToStrep(p);
+   if (p.isIpv4()) {
+      return os << p.v4();
+   }
+   return p.isIpv6() ? os << p.v6() : os << "none";
 }
 
 }  // namespace Pexo

@@ -7,7 +7,9 @@
 #include <cctype>
 #include <cstdio>
 #include <functional>
+#include <iomanip>
 #include <random>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -65,6 +67,11 @@ void expectRoundTrip(const T& v) {
    T back = Zop::strepToValue<T>(text);
    ASSERT_EQ(back, v) << text;
    EXPECT_EQ(valueToStrep(back), text);
+   // Streamed, the same text, padded to a width like a string.
+   std::ostringstream os;
+   os << v << '|' << std::setw(50) << std::left << v << '|';
+   EXPECT_EQ(os.str(),
+             text + "|" + text + Zop::String(50 - std::min<size_t>(50, text.size()), ' ') + "|");
    if constexpr (std::is_default_constructible_v<std::hash<T>>) {
       EXPECT_EQ(std::hash<T>()(back), std::hash<T>()(v)) << text;
    }
