@@ -15,7 +15,7 @@
 // on for the whole run. Built once with the firewall off (VRFs, FIB, segments,
 // prefix-list entries) and settled, untimed; the phases then run in order on
 // it, each preparing what it needs when run alone (--benchmark_filter):
-//   Floor             one Routing::TrieGen per VRF and family of the segment
+//   Floor             sim::timeFloor: one Routing::TrieGen per VRF and family of the segment
 //                     prefixes; each one that is not a FIB route programmed
 //                     with its VRF's drop route and its id; then per FIB route
 //                     one longest match and one id write (0 where nothing
@@ -97,6 +97,7 @@
 #include "Trace/Trace.h"
 #include "Zop/Notifier.h"
 #include "Zop/TableMemory.h"
+#include "sim/Floor.h"
 #include "sim/Switch.h"
 
 namespace {
@@ -304,41 +305,20 @@ double measure(benchmark::State& state, const char* phase,
 double measureFloor(const SegmentIds& ids, uint64_t* writes) {
    const Workload& w = workload();
    auto table = Zop::makePtr<sim::HardwareRouteTable>();
+   std::vector<Key> fib;
+   fib.reserve(w.fib.size());
    for (const Route& r : w.fib) {
-      table->fibRouteIs({VrfId(r.vrf + 1), r.prefix},
-                        RouteInfo(RouteType::routeTypeForward, r.adj));
+      fib.push_back({VrfId(r.vrf + 1), r.prefix});
+      table->fibRouteIs(fib.back(), RouteInfo(RouteType::routeTypeForward, r.adj));
    }
-   const uint64_t writesBefore = hardwareWrites(table->counters());
-
-   const auto start = std::chrono::steady_clock::now();
-   std::vector<Zop::Ptr<Routing::TrieGen>> tries;
-   for (uint32_t i = 0; i < 2 * kVrfs; ++i) {
-      tries.push_back(Routing::trieGenFactory(
-          "floor", i % 2 ? Pexo::AddressFamily::ipv6 : Pexo::AddressFamily::ipv4));
-   }
-   std::vector<std::unordered_map<IpGenPrefix, SegmentHwId>> prefixIds(kVrfs);
+   std::vector<sim::FloorPrefix> prefixes;
+   prefixes.reserve(w.segmentPrefixes.size());
    for (const SegmentPrefix& sp : w.segmentPrefixes) {
-      tries[2 * sp.vrf + sp.prefix.isIpv6()]->routeIs(sp.prefix, true);
-      prefixIds[sp.vrf][sp.prefix] = ids[sp.vrf][sp.segment];
+      prefixes.push_back({VrfId(sp.vrf + 1), sp.prefix, ids[sp.vrf][sp.segment]});
    }
-   for (const SegmentPrefix& sp : w.segmentPrefixes) {
-      const Key key{VrfId(sp.vrf + 1), sp.prefix};
-      if (!table->entry(key)) {
-         table->programRoute(
-             key, RouteInfo(),
-             RouteInfo(RouteType::routeTypeDrop,
-                       sim::RoutingAgent::dropL2Index(uint16_t(sp.vrf + 1), sp.prefix.af())));
-         table->hardwareIdIs(key, ids[sp.vrf][sp.segment]);
-      }
-   }
-   for (const Route& r : w.fib) {
-      const auto match = tries[2 * r.vrf + r.prefix.isIpv6()]->longestMatch(r.prefix);
-      table->hardwareIdIs({VrfId(r.vrf + 1), r.prefix},
-                          match ? prefixIds[r.vrf].find(*match)->second : SegmentHwId(0));
-   }
-   const double seconds = secondsSince(start);
-   *writes = hardwareWrites(table->counters()) - writesBefore;
-   return seconds;
+   const sim::FloorFigures floor = sim::timeFloor(*table, fib, prefixes);
+   *writes = floor.writes;
+   return double(floor.ns) / 1e9;
 }
 
 void Floor(benchmark::State& state) {

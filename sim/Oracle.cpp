@@ -123,29 +123,37 @@ bool Oracle::validSegmentPrefix(const Pexo::IpGenPrefix& p) {
    return p.isIpv4() ? p.v4().addr().isUnicast() : p.v6().addr().isUnicast();
 }
 
-Oracle::Expected Oracle::expected() const {
-   Expected ex;
-   std::map<VrfId, VrfSegments> segments;
-   if (featureRunning()) {
-      for (const auto& [name, fwVrf] : in_.fwConfig->vrf()) {
-         const VrfId* vrfId = in_.l3Status->vrfId(name);
-         if (!vrfId) {
+std::map<VrfId, std::map<Pexo::IpGenPrefix, SegmentHwId>> Oracle::segmentPrefixIds() const {
+   std::map<VrfId, std::map<Pexo::IpGenPrefix, SegmentHwId>> out;
+   if (!featureRunning()) {
+      return out;
+   }
+   for (const auto& [name, fwVrf] : in_.fwConfig->vrf()) {
+      const VrfId* vrfId = in_.l3Status->vrfId(name);
+      if (!vrfId) {
+         continue;
+      }
+      for (const auto& [prefix, segment] : fwVrf->prefixList()) {
+         if (!validSegmentPrefix(prefix) || !fwVrf->segment(segment)) {
             continue;
          }
-         for (const auto& [prefix, segment] : fwVrf->prefixList()) {
-            if (!validSegmentPrefix(prefix) || !fwVrf->segment(segment)) {
-               continue;
-            }
-            const SegmentIdStatus* grant =
-                in_.segmentIdResponse->status(SegmentIdRequestKey(*vrfId, segment));
-            if (grant && grant->hwId.isValid()) {
-               segments[*vrfId].prefixes[prefix] = grant->hwId;
-            }
+         const SegmentIdStatus* grant =
+             in_.segmentIdResponse->status(SegmentIdRequestKey(*vrfId, segment));
+         if (grant && grant->hwId.isValid()) {
+            out[*vrfId][prefix] = grant->hwId;
          }
       }
    }
-   for (auto& entry : segments) {
-      entry.second.finish();
+   return out;
+}
+
+Oracle::Expected Oracle::expected() const {
+   Expected ex;
+   std::map<VrfId, VrfSegments> segments;
+   for (auto& [vrf, ids] : segmentPrefixIds()) {
+      VrfSegments& vrfSegments = segments[vrf];
+      vrfSegments.prefixes = std::move(ids);
+      vrfSegments.finish();
    }
    auto idFor = [&segments](VrfId vrf, const Pexo::IpGenPrefix& p) {
       auto it = segments.find(vrf);

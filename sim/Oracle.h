@@ -173,6 +173,12 @@ public:
    };
    Expected expected() const;
 
+   // The counting segment prefixes of each VRF with their ids (see "Counting
+   // segment prefixes"); none while the feature does not run.
+   std::map<VrfId, std::map<Pexo::IpGenPrefix, SegmentHwId>> segmentPrefixIds() const;
+
+   const Inputs& inputs() const { return in_; }
+
    // Whether a configured prefix can be a segment prefix at all.
    static bool validSegmentPrefix(const Pexo::IpGenPrefix& prefix);
 

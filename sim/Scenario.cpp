@@ -25,6 +25,7 @@
 #include "Zop/Error.h"
 #include "Zop/Notifier.h"
 #include "Zop/Value.h"
+#include "sim/Floor.h"
 #include "sim/ScenarioCommands.h"
 
 namespace sim {
@@ -930,10 +931,35 @@ void Scenario::settle() {
       stats_.longestHandlerNotifiee = s.longestHandlerNotifiee;
    }
    Zop::resetNotificationStatistics();
+   if (options_.floor) {
+      const bool runs = switch_->oracle().featureRunning();
+      if (runs && !ranAtSettle_) {
+         measureFloorNow(s);
+      }
+      ranAtSettle_ = runs;
+   }
    s.peakResidentKb = peakResidentKb();
    s.heapInUseKb = heapInUseKb();
    stats_.settles.push_back(std::move(s));
    sinceSettleNs_ = Zop::monotonicNow();
+}
+
+uint64_t Scenario::peakResidentKb() const {
+   return std::max(peakBeforeFloorKb_, sim::peakResidentKb());
+}
+
+void Scenario::measureFloorNow(ScenarioStats::Settle& s) {
+   const uint64_t peak = sim::peakResidentKb();
+   const FloorFigures floor = measureFloor(switch_->oracle());
+   s.floorNs = floor.ns;
+   s.floorWrites = floor.writes;
+   // The floor's table is gone: what it took is given back, and the peak
+   // starts again from here (the one before is kept).
+#ifdef __GLIBC__
+   malloc_trim(0);
+#endif
+   peakBeforeFloorKb_ = std::max(peakBeforeFloorKb_, peak);
+   std::ofstream("/proc/self/clear_refs") << "5";
 }
 
 void Scenario::step(const Words& w) {

@@ -47,6 +47,12 @@ struct ScenarioOptions {
    // adoptIs()); routes skipped are noted on `adoptNotes`.
    bool adopt = false;
    std::ostream* adoptNotes = nullptr;
+   // At each settle after which the feature runs and did not at the settle
+   // before (an enable), time the floor on the switch as it stands
+   // (sim/Floor.h) and keep it with the settle's figures. Its table is
+   // freed and given back before the peak resident size goes on, so the
+   // figures of memory leave it out.
+   bool floor = false;
 };
 
 struct ScenarioResult {
@@ -81,6 +87,10 @@ struct ScenarioStats {
       std::string longestHandlerNotifiee;
       uint64_t peakResidentKb = 0;
       uint64_t heapInUseKb = 0;
+      // With ScenarioOptions::floor, after an enable: the floor's time and
+      // writes; 0 otherwise.
+      int64_t floorNs = 0;
+      uint64_t floorWrites = 0;
    };
    uint64_t commands = 0;
    uint64_t slices = 0;
@@ -128,6 +138,9 @@ public:
    // the firewall configuration's), for completion.
    ScenarioNames names() const;
    const ScenarioStats& stats() const { return stats_; }
+   // The process's peak resident size so far, in kB, without the floor's
+   // tables (see ScenarioOptions::floor); 0 where /proc is not there.
+   uint64_t peakResidentKb() const;
    const Trace::Duolog& trace() const { return duolog_; }
 
 private:
@@ -135,6 +148,7 @@ private:
 
    // Each returns false when a check found a difference; throws Bad.
    bool execute(const Words& w, std::ostream& out);
+   void measureFloorNow(ScenarioStats::Settle& s);
    void vrf(const Words& w);
    void fib(const Words& w);
    void resolver(const Words& w);
@@ -186,6 +200,8 @@ private:
    std::map<std::string, RunFigure> handlerTotals_;
    // Where the last settle ended, for the next one's figures.
    int64_t sinceSettleNs_ = 0;
+   bool ranAtSettle_ = false;  // the feature, at the last settle (for the floor)
+   uint64_t peakBeforeFloorKb_ = 0;
    uint64_t hwWritesAtSettle_ = 0;
    // The line being run, for the figures.
    std::string where_;

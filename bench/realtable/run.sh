@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # kivsim on a real Internet routing table: fetches the IP-to-ASN data (once,
 # into a cache outside the tree), turns it into a scenario with asn2kiv.py,
-# builds kivsim when it is out of date and runs the scenario with --stats.
+# builds kivsim when it is out of date and runs the scenario with --stats
+# --floor.
 # See README.md next to this file.
 set -euo pipefail
 
@@ -121,10 +122,10 @@ out=$cache/$name.out
 err=$cache/$name.stats
 # KIVSIM_ARGS: more kivsim options, e.g. --slice-us 2000 (real-time slices).
 read -r -a extra <<<"${KIVSIM_ARGS:-}"
-echo "== running $kivsim --stats ${extra[*]} $scenario =="
+echo "== running $kivsim --stats --floor ${extra[*]} $scenario =="
 t0=$(date +%s.%N)
 status=0
-"$kivsim" --stats "${extra[@]}" "$scenario" >"$out" 2>"$err" || status=$?
+"$kivsim" --stats --floor "${extra[@]}" "$scenario" >"$out" 2>"$err" || status=$?
 t1=$(date +%s.%N)
 cat "$out"
 echo "== --stats =="

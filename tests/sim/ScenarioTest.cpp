@@ -76,6 +76,38 @@ TEST(Scenario, SmallScenarioExactOutput) {
    EXPECT_EQ(s.stats().commands, 14u);
 }
 
+// The floor is timed after each settle that enabled the feature, and only
+// then, over the switch as it stands (an id write per FIB route, a drop route
+// and its id per other segment prefix), without touching the switch.
+TEST(Scenario, FloorAfterEachEnableOnly) {
+   sim::Scenario::Options options;
+   options.floor = true;
+   sim::Scenario s(options);
+   Played r = play(s, std::string(kSetUp) +
+                          "settle\n"
+                          "firewall off\n"
+                          "settle\n"
+                          "prefix red 10.1.2.0/24 web\n"
+                          "firewall on\n"
+                          "settle\n"
+                          "check\n"
+                          "hw red\n");
+   ASSERT_TRUE(r.result.ok()) << r.result.message;
+   EXPECT_EQ(r.out,
+             "check: ok\n"
+             "red 10.1.0.0/16 routeTypeDrop adj 1048578 id 2\n"
+             "red 10.1.1.0/24 routeTypeForward adj 11 id 2\n"
+             "red 10.1.1.0/25 routeTypeDrop adj 1048578 id 1\n"
+             "red 10.1.2.0/24 routeTypeDrop adj 1048578 id 2\n");
+   std::vector<uint64_t> writes;
+   for (const auto& settle : s.stats().settles) {
+      writes.push_back(settle.floorWrites);
+      EXPECT_EQ(settle.floorNs > 0, settle.floorWrites > 0) << settle.where;
+   }
+   EXPECT_EQ(writes, (std::vector<uint64_t>{2 + 2 * 3, 0, 0, 2 + 2 * 4}));
+   EXPECT_GT(s.peakResidentKb(), 0u);
+}
+
 TEST(Scenario, BadLinesNameTheWordAndChangeNothing) {
    sim::Scenario s;
    ASSERT_TRUE(play(s, kSetUp).result.ok());

@@ -48,6 +48,10 @@ const char* kUsage =
     "  --trace-level N    trace level (default 5; 8 adds function entries)\n"
     "  --yield-every N    every task yields after N items\n"
     "  --stats            print the run's figures to standard error at exit\n"
+    "  --floor            with --stats: after each settle that enabled the feature,\n"
+    "                     time the least work that gives the same ids (one longest\n"
+    "                     match and one id write per FIB route, into a table of\n"
+    "                     its own) and print it under the settle\n"
     "  --slice-us N       every task yields after N microseconds of real time (the\n"
     "                     figures then reflect a real agent's slices; where runs are\n"
     "                     cut depends on the machine)\n"
@@ -100,7 +104,7 @@ void printStats(sim::Scenario& scenario) {
                  (unsigned long long)(hw.routePrograms + hw.hwIdWrites + hw.fibWrites),
                  sw.hardware().size());
    std::cerr << line;
-   if (uint64_t kb = sim::peakResidentKb()) {
+   if (uint64_t kb = scenario.peakResidentKb()) {
       std::cerr << "peak resident memory: " << kb << " kB\n";
    }
    // Which piece of work holds the thread longest, by name.
@@ -126,6 +130,13 @@ void printStats(sim::Scenario& scenario) {
                     s.longestRunTask.empty() ? "" : ")", ms(s.longestHandlerNs),
                     (unsigned long long)s.peakResidentKb, (unsigned long long)s.heapInUseKb);
       std::cerr << line;
+      if (s.floorNs > 0) {
+         std::snprintf(line, sizeof line,
+                       "  floor after it: %.3f ms, %llu hw writes; the settle is %.2fx the floor\n",
+                       ms(s.floorNs), (unsigned long long)s.floorWrites,
+                       double(s.realNs) / double(s.floorNs));
+         std::cerr << line;
+      }
    }
 }
 
@@ -273,6 +284,8 @@ int main(int argc, char** argv) {
       } else if (arg == "--stats") {
          stats = true;
          options.timeHandlers = true;
+      } else if (arg == "--floor") {
+         options.floor = true;
       } else if (arg == "--slice-us") {
          uint64_t n = 0;
          if (!value(n, 1) || n > 60'000'000) {
@@ -353,6 +366,10 @@ int main(int argc, char** argv) {
    }
    if (adopt && dataplane != "linux") {
       std::cerr << "kivsim: --adopt goes with --dataplane linux\n";
+      return kBad;
+   }
+   if (options.floor && !stats) {
+      std::cerr << "kivsim: --floor goes with --stats\n";
       return kBad;
    }
    if (dataplane == "linux") {
