@@ -1,6 +1,7 @@
 #include "Trace/Trace.h"
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <ostream>
 #include <streambuf>
@@ -113,41 +114,43 @@ Ringlog::Ringlog(size_t capacity) : capacity_(capacity) {
    }
 }
 
-void Ringlog::append(Line line) {
-   if (buffer_.size() < capacity_) {
-      buffer_.push_back(std::move(line));
-      return;
+void Ringlog::append(uint64_t sequence, Level level, std::string_view text) {
+   if (next_ == slots_.size()) {
+      slots_.resize(std::min(capacity_, std::max<size_t>(64, 2 * slots_.size())));
    }
-   buffer_[next_] = std::move(line);
-   next_ = (next_ + 1) % capacity_;
-}
-
-const Line& Ringlog::append(uint64_t sequence, Level level, std::string_view text) {
-   if (buffer_.size() < capacity_) {
-      buffer_.push_back(Line{sequence, level, Zop::String(text)});
-      return buffer_.back();
-   }
-   Line& slot = buffer_[next_];
+   Slot& slot = slots_[next_];
    slot.sequence = sequence;
    slot.level = level;
-   slot.text.assign(text);
-   next_ = (next_ + 1) % capacity_;
-   return slot;
+   slot.length = uint32_t(text.size());
+   if (text.size() <= kInlineText) {
+      std::memcpy(slot.text, text.data(), text.size());
+   } else {
+      long_[next_].assign(text);
+   }
+   next_ = next_ + 1 == capacity_ ? 0 : next_ + 1;
+   size_ = std::min(size_ + 1, capacity_);
+}
+
+std::string_view Ringlog::text(size_t slot) const {
+   const Slot& s = slots_[slot];
+   return s.length <= kInlineText ? std::string_view(s.text, s.length)
+                                  : std::string_view(long_.at(slot));
 }
 
 void Ringlog::clear() {
-   buffer_.clear();
+   size_ = 0;
    next_ = 0;
 }
 
 std::vector<Line> Ringlog::lines(size_t n) const {
-   n = std::min(n, buffer_.size());
+   n = std::min(n, size_);
    std::vector<Line> out;
    out.reserve(n);
-   // Until the buffer is full next_ stays 0 and the oldest line is slot 0.
-   size_t first = next_ + buffer_.size() - n;
+   // Until the ring is full next_ is the count, and the oldest line slot 0.
+   const size_t first = (next_ + capacity_ - n) % capacity_;
    for (size_t i = 0; i < n; ++i) {
-      out.push_back(buffer_[(first + i) % buffer_.size()]);
+      const size_t slot = (first + i) % capacity_;
+      out.push_back(Line{slots_[slot].sequence, slots_[slot].level, Zop::String(text(slot))});
    }
    return out;
 }
@@ -204,17 +207,18 @@ void Duolog::writeLine(Level level, Zop::String text) {
    if (sink_) {
       sink_(line);
    }
-   ring_.append(std::move(line));
+   ring_.append(line);
 }
 
 void Duolog::writeLine(Level level, std::string_view text) {
    if (!enabled(level)) {
       return;
    }
-   const Line& line = ring_.append(++sequence_, level, text);
+   ++sequence_;
    if (sink_) {
-      sink_(line);
+      sink_(Line{sequence_, level, Zop::String(text)});
    }
+   ring_.append(sequence_, level, text);
 }
 
 Duolog& current() {

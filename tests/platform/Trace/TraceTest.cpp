@@ -112,7 +112,19 @@ TEST(Trace, RingKeepsExactlyTheLastLinesInOrder) {
    EXPECT_EQ(log.ringlog().lines().front().sequence, 5u);
    EXPECT_EQ(log.lineCount(), 7u);
 
-   Trace::Ringlog partial(5);
+   // Texts longer than a slot holds, among short ones, overwriting and
+   // overwritten as the ring goes round (and past its first growth).
+   Trace::Ringlog partial(70);
+   Strings all;
+   for (uint64_t i = 1; i <= 200; ++i) {
+      const size_t length = i % 3 == 0 ? Trace::Ringlog::kInlineText + i : i % 7;
+      all.push_back(Zop::String(length, char('a' + i % 26)));
+      partial.append({i, 5, all.back()});
+      ASSERT_EQ(partial.size(), std::min<size_t>(i, 70));
+   }
+   EXPECT_EQ(partial.texts(), Strings(all.end() - 70, all.end()));
+   EXPECT_EQ(partial.lines(1).front().sequence, 200u);
+   partial.clear();
    partial.append({1, 5, "a"});
    partial.append({2, 5, "b"});
    EXPECT_EQ(partial.texts(), (Strings{"a", "b"}));
