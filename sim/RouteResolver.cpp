@@ -117,7 +117,7 @@ void RouteResolver::modeIs(Mode mode) {
       return;
    }
    mode_ = mode;
-   pendingKeys_.insert(watched_.begin(), watched_.end());
+   forEachWatch([this](const Key& key) { pendingKeys_.insert(key); });
    task_->scheduleTask();
 }
 
@@ -156,11 +156,11 @@ void RouteResolver::watchChanged(const Key& key) {
 void RouteResolver::vrfChanged(VrfId id) {
    if (l3Status_->vrfNameHas(id)) {
       // Back (or new): its watched keys are answered with its FIB table.
-      for (const Key& key : watched_) {
+      forEachWatch([this, id](const Key& key) {
          if (key.vrfId() == id) {
             pendingKeys_.insert(key);
          }
-      }
+      });
       task_->scheduleTask();
       return;
    }
@@ -200,14 +200,21 @@ void RouteResolver::run() {
       const Key fib = *pendingFib_.begin();
       pendingFib_.erase(pendingFib_.begin());
       const Pexo::IpGenPrefix& q = fib.prefix();
-      for (auto it = watched_.upper_bound(fib); it != watched_.end(); ++it) {
-         const Pexo::IpGenPrefix& p = it->prefix();
-         if (it->vrfId() != fib.vrfId() || p.af() != q.af() || shortened(p, q.len()) > q) {
-            break;
+      auto scan = [&](const auto& watches, const auto& from) {
+         for (auto it = watches.upper_bound(from); it != watches.end(); ++it) {
+            const Pexo::IpGenPrefix p(it->first.prefix());
+            if (it->first.vrfId() != fib.vrfId() || shortened(p, q.len()) > q) {
+               break;
+            }
+            if (q.contains(p)) {
+               pendingKeys_.insert(Key(it->first.vrfId(), p));
+            }
          }
-         if (q.contains(p)) {
-            pendingKeys_.insert(*it);
-         }
+      };
+      if (q.isIpv4()) {
+         scan(routeConfig_->watchedPrefix().members(), VrfAndPrefix(fib.vrfId(), q.v4()));
+      } else if (q.isIpv6()) {
+         scan(route6Config_->watchedPrefix().members(), VrfAndIp6Prefix(fib.vrfId(), q.v6()));
       }
    }
    while (!pendingKeys_.empty()) {
@@ -223,6 +230,16 @@ void RouteResolver::run() {
    // waits for the next run in pendingFib_, and keeps the pool).
    if (pendingFib_.empty()) {
       pendingPool_.release();
+   }
+}
+
+template <class F>
+void RouteResolver::forEachWatch(F&& f) const {
+   for (const auto& [k, w] : routeConfig_->watchedPrefix()) {
+      f(Key(k.vrfId(), k.prefix()));
+   }
+   for (const auto& [k, w] : route6Config_->watchedPrefix()) {
+      f(Key(k.vrfId(), k.prefix()));
    }
 }
 
@@ -265,15 +282,9 @@ std::optional<std::optional<uint64_t>> RouteResolver::desired(const Key& key) co
 
 void RouteResolver::answer(const Key& key) {
    if (!watched(key)) {
-      if (auto it = watched_.find(key); it != watched_.end()) {
-         watchedHint_ = watched_.erase(it);
-      }
       withdraw(key);
       return;
    }
-   // Keys are answered in key order: the place after the last one answered
-   // is most often this key's, which saves a descent of the whole set.
-   watchedHint_ = std::next(watched_.insert(watchedHint_, key));
    const auto want = desired(key);
    if (!want) {
       withdraw(key);

@@ -40,6 +40,8 @@
 #include <optional>
 #include <set>
 
+#include <absl/container/btree_map.h>
+
 #include "Pexo/Prefix.h"
 #include "Pexo/VrfId.h"
 #include "Routing/FibRoute.h"
@@ -106,6 +108,10 @@ private:
    void run();
    void answer(const Key& key);
    bool watched(const Key& key) const;
+   // Calls f(key) for each watched key (both families), watched as the
+   // configuration says now: those answered and those still pending.
+   template <class F>
+   void forEachWatch(F&& f) const;
    // The answer the current rule gives for a watched key: nullopt = give no
    // answer; an inner nullopt = no next hop; else the adjacency index.
    std::optional<std::optional<uint64_t>> desired(const Key& key) const;
@@ -139,12 +145,9 @@ private:
    std::pmr::unsynchronized_pool_resource pendingPool_;
    std::pmr::set<Key> pendingKeys_{&pendingPool_};
    std::pmr::set<Key> pendingFib_{&pendingPool_};
-   // The watched keys the resolver knows of, ordered for range lookups.
-   std::set<Key> watched_;
-   // Where the next key answered most likely goes in watched_ (see answer()).
-   std::set<Key>::iterator watchedHint_ = watched_.end();
    std::map<Key, std::optional<uint64_t>> held_;
-   std::map<Key, Answer> published_;
+   // Filled in key order by an enable: a B-tree appends to its last node.
+   absl::btree_map<Key, Answer> published_;
    std::map<std::pair<uint32_t, uint64_t>, Fec> fecs_;
    // A table's FEC indices: each new FEC takes the lowest free one. The
    // indices in use are 1 .. next-1 less the free ones below next, so the
