@@ -160,10 +160,10 @@ uint32_t parseLength(Zop::TextCursor& c, uint32_t maxLength) {
 // Addresses and prefixes are written into a buffer of the caller's, without
 // formatting functions: traces write one or two for nearly every route.
 
-constexpr size_t kIpAddrText = 15;      // 255.255.255.255
-constexpr size_t kPrefixText = 15 + 3;  // and /32
-constexpr size_t kIp6AddrText = 45;     // ffff:...:ffff, or ::ffff: and a dotted quad
-constexpr size_t kIp6PrefixText = 45 + 4;
+constexpr size_t kIpAddrText = 15;       // 255.255.255.255
+constexpr size_t kPrefixText = 15 + 11;  // and a length: any uint32_t, /4294967295 at most
+constexpr size_t kIp6AddrText = 45;      // ffff:...:ffff, or ::ffff: and a dotted quad
+constexpr size_t kIp6PrefixText = 45 + 11;
 
 char* decimal(char* out, unsigned v) {
    char digits[10];
