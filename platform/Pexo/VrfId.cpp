@@ -1,6 +1,8 @@
 #include "Pexo/VrfId.h"
 
+#include <charconv>
 #include <ostream>
+#include <string_view>
 
 #include "Pexo/VrfName.h"
 
@@ -16,11 +18,28 @@ Zop::String valueToStrep(VrfId v) {
 Zop::String valueToStrep(SegmentHwId v) {
    return std::to_string(v.value());
 }
+namespace {
+
+// Ids are decimal: written without the stream's number formatting (its
+// locale's facets), which a trace line pays for twice per FIB route. A
+// stream set to another base still gets the number formatted its way.
+std::ostream& decimalId(std::ostream& os, uint32_t v) {
+   const auto base = os.flags() & std::ios_base::basefield;
+   if (base != std::ios_base::dec && base != std::ios_base::fmtflags()) {
+      return os << v;
+   }
+   char buf[10];
+   const auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+   return os << std::string_view(buf, size_t(end - buf));
+}
+
+}  // namespace
+
 std::ostream& operator<<(std::ostream& os, VrfId v) {
-   return os << v.value();
+   return decimalId(os, v.value());
 }
 std::ostream& operator<<(std::ostream& os, SegmentHwId v) {
-   return os << v.value();
+   return decimalId(os, v.value());
 }
 
 }  // namespace Pexo

@@ -142,6 +142,10 @@ TEST(PexoText, RandomValuesRoundTripAndEverySpellingParses) {
       ASSERT_EQ(Zop::strepToValue<IpGenPrefix>(text), IpGenPrefix(p)) << text;
    }
    expectRoundTrip(SegmentHwId());
+   // Ids are decimal unless the stream is set to another base.
+   std::ostringstream based;
+   based << std::hex << VrfId(255) << ' ' << SegmentHwId(4095) << std::dec << ' ' << VrfId(255);
+   EXPECT_EQ(based.str(), "ff fff 255");
    EXPECT_EQ(valueToStrep(IpGenPrefix()), "none");
    EXPECT_EQ(valueToStrep(VrfAndIpGenPrefix(VrfId(1), Prefix(IpAddr(0x0A010000), 16))),
              "Value('Pexo::VrfAndIpGenPrefix', ** {'vrfId': 1, 'prefix': 10.1.0.0/16})");
