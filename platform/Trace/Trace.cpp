@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <ostream>
 #include <streambuf>
 
@@ -33,10 +32,6 @@ Duolog& defaultDuolog() {
    static Duolog* log = new Duolog;
    return *log;
 }
-
-}  // namespace detail
-
-namespace detail {
 
 // Appends what is streamed to a string. There is no put area, so each
 // piece is one virtual call; a line is a handful of pieces.
