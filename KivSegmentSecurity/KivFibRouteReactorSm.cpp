@@ -257,10 +257,12 @@ void FibRouteReactorSm::reviewFibRoute(const VrfAndIpGenPrefix& key) {
    // Only a VRF that has segment tries has ids to hand out; nothing is
    // created here.
    Zop::Ptr<VrfTrieGen> vrfTrie = segmentPrefixTrie_->vrfTrie(key.vrfId());
-   if (!vrfTrie || !vrfTrie->prefixTrie(prefix.af())) {
+   const Zop::Ptr<Routing::TrieGen> segmentTrie =
+       vrfTrie ? vrfTrie->prefixTrie(prefix.af()) : nullptr;
+   if (!segmentTrie) {
       return;
    }
-   const SegmentHwId hwId = coveringHwId(fn, key, *segmentPrefixTrie_, *segmentRoutesList_);
+   const SegmentHwId hwId = coveringHwId(fn, key, *segmentTrie, *segmentRoutesList_);
    TRACE5_FN(fn, " Updating Vrf: " << key.vrfId() << " " << prefix << " with HwId: " << hwId);
    hwWriter_.hwIdIs({fn, kSource}, KivSegmentRouteInfo(key, hwId, *fibRoute));
 }

@@ -61,10 +61,13 @@ SegmentHwId coveringHwId(const char* function, const VrfAndIpGenPrefix& vrfPrefi
    Zop::Ptr<VrfTrieGen> vrfTrie = segmentPrefixTrie.vrfTrie(vrfPrefix.vrfId());
    Zop::Ptr<Routing::TrieGen> trie =
        vrfTrie ? vrfTrie->prefixTrie(vrfPrefix.prefix().af()) : nullptr;
-   if (!trie) {
-      return SegmentHwId(0);
-   }
-   const std::optional<Pexo::IpGenPrefix> match = trie->longestMatch(vrfPrefix.prefix());
+   return trie ? coveringHwId(function, vrfPrefix, *trie, segmentRoutesList) : SegmentHwId(0);
+}
+
+SegmentHwId coveringHwId(const char* function, const VrfAndIpGenPrefix& vrfPrefix,
+                         const Routing::TrieGen& segmentTrie,
+                         const KivSegmentRouteInfoColl& segmentRoutesList) {
+   const std::optional<Pexo::IpGenPrefix> match = segmentTrie.longestMatch(vrfPrefix.prefix());
    if (!match) {
       return SegmentHwId(0);
    }

@@ -79,5 +79,10 @@ private:
 SegmentHwId coveringHwId(const char* function, const VrfAndIpGenPrefix& vrfPrefix,
                          const KivSegmentPrefixTrie& segmentPrefixTrie,
                          const KivSegmentRouteInfoColl& segmentRoutesList);
+// The same, for a caller that holds the segment trie of the prefix's VRF and
+// family already.
+SegmentHwId coveringHwId(const char* function, const VrfAndIpGenPrefix& vrfPrefix,
+                         const Routing::TrieGen& segmentTrie,
+                         const KivSegmentRouteInfoColl& segmentRoutesList);
 
 }  // namespace Kiv
