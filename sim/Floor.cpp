@@ -77,8 +77,6 @@ FloorFigures timeFloor(HardwareRouteTable& table, const std::vector<Key>& fib,
    FloorFigures figures;
    figures.ns = Zop::monotonicNow() - start;
    figures.writes = writesOf(table) - writesBefore;
-   figures.fibRoutes = fib.size();
-   figures.segmentPrefixes = prefixes.size();
    return figures;
 }
 
