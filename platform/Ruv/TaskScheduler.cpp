@@ -6,10 +6,6 @@
 
 #include "Zop/Assert.h"
 
-#if defined(__x86_64__) || defined(__i386__)
-#include <x86intrin.h>
-#endif
-
 namespace Ruv {
 
 namespace {
@@ -19,15 +15,6 @@ constexpr const char* kSource = "Ruv/TaskScheduler";
 // Statistics measure real time whatever clock the scheduler runs on.
 Zop::Time monotonicNow() {
    return Zop::monotonicNow();
-}
-
-// The processor's time-stamp counter; 0 where there is none.
-uint64_t readTicks() {
-#if defined(__x86_64__) || defined(__i386__)
-   return __rdtsc();
-#else
-   return 0;
-#endif
 }
 
 // Delays beyond this are clamped rather than overflow the nanosecond count.
@@ -49,7 +36,7 @@ RealTimeSliceYieldPolicy::RealTimeSliceYieldPolicy(Zop::Time slice) : slice_(sli
 
 void RealTimeSliceYieldPolicy::runStarted(Zop::Time) {
    start_ = monotonicNow();
-   startTicks_ = readTicks();
+   startTicks_ = Zop::counterTicks();
    sinceClock_ = 0;
    if (startTicks_ == 0) {
       return;  // no counter
@@ -69,7 +56,7 @@ void RealTimeSliceYieldPolicy::runStarted(Zop::Time) {
 
 bool RealTimeSliceYieldPolicy::shouldYield(Zop::Time) {
    if (sureTicks_ != 0 && sinceClock_ < kClockEvery) {
-      const uint64_t ticks = readTicks();
+      const uint64_t ticks = Zop::counterTicks();
       // A counter read on another processor may be behind: the clock decides.
       if (ticks >= startTicks_ && ticks - startTicks_ < sureTicks_) {
          ++sinceClock_;

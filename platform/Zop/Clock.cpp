@@ -37,23 +37,20 @@ NotificationStatistics shown;
 Time baseTime = 0;
 uint64_t baseTicks = 0;
 
-constexpr bool kTicksAreNanoseconds =
-#if defined(__x86_64__) || defined(__i386__)
-    false;
-#else
-    true;
-#endif
-
-// Nanoseconds per tick, measured against the clock since the base (over at
-// least a millisecond, for a rate good to a part in a thousand).
-double nanosecondsPerTick() {
-   if (kTicksAreNanoseconds) {
-      return 1;
-   }
+void markBase() {
    if (baseTime == 0) {
       baseTime = monotonicNow();
       baseTicks = handlerTicks();
    }
+}
+
+// Nanoseconds per tick, measured against the clock since the base (over at
+// least a millisecond, for a rate good to a part in a thousand).
+double nanosecondsPerTick() {
+   if (!kHasCounter) {
+      return 1;
+   }
+   markBase();
    Time now = monotonicNow();
    while (now - baseTime < kMillisecond) {
       now = monotonicNow();
@@ -84,9 +81,8 @@ void handlerTimed(uint64_t startTicks, uint64_t endTicks, const char* notifiee) 
 
 void notificationTimingIs(bool on) {
    detail::notificationTiming = on;
-   if (on && detail::baseTime == 0) {
-      detail::baseTime = monotonicNow();
-      detail::baseTicks = detail::handlerTicks();
+   if (on) {
+      detail::markBase();
    }
 }
 

@@ -69,11 +69,7 @@ extern ZOP_PROCESS_WIDE unsigned notificationDepth;
 // costs a third of a clock read. The figures are kept in its ticks and
 // converted to nanoseconds when read. Without a counter: the clock.
 inline uint64_t handlerTicks() {
-#if defined(__x86_64__) || defined(__i386__)
-   return __builtin_ia32_rdtsc();
-#else
-   return uint64_t(monotonicNow());
-#endif
+   return kHasCounter ? counterTicks() : uint64_t(monotonicNow());
 }
 ZOP_PROCESS_WIDE void handlerTimed(uint64_t startTicks, uint64_t endTicks, const char* notifiee);
 }  // namespace detail
