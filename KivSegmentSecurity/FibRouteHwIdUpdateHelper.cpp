@@ -4,6 +4,7 @@
 // prefix below it can be affected; those FIB routes go on the FIB route
 // review list, and the FIB route reactor writes their ids.
 
+#include "KivSegmentSecurity/KivQueuedFibRanges.h"
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorSm.h"
 #include "KivSegmentSecurity/KivSegmentSecurityTrieHelper.h"
 #include "KivSegmentSecurity/KivSegmentSecurityUtils.h"
@@ -78,31 +79,26 @@ void KivSegmentPrefixProcessorSm::syncFibRouteHwId(const VrfAndIpGenPrefix& vrfP
    }
 }
 
-namespace {
-
-// The last prefix in walk order inside `p`: resuming after it skips all of p.
-Pexo::IpGenPrefix lastInside(const Pexo::IpGenPrefix& p) {
-   if (p.isIpv4()) {
-      const uint32_t len = p.len();
-      const uint32_t host = len == 0 ? ~0u : (len >= 32 ? 0u : ~0u >> len);
-      return Pexo::IpGenPrefix(
-          Pexo::Prefix(Pexo::IpAddr(p.v4().addr().value() | host), Pexo::Prefix::kMaxLength));
-   }
-   const uint32_t len = p.len();
-   const uint64_t hiHost = len >= 64 ? 0 : (len == 0 ? ~0ull : ~0ull >> len);
-   const uint64_t loHost = len <= 64 ? ~0ull : (len == 128 ? 0 : ~0ull >> (len - 64));
-   const Pexo::Ip6Addr a = p.v6().addr();
-   return Pexo::IpGenPrefix(Pexo::Ip6Prefix(Pexo::Ip6Addr(a.hi() | hiHost, a.lo() | loHost),
-                                            Pexo::Ip6Prefix::kMaxLength));
-}
-
-}  // namespace
-
 bool KivSegmentPrefixProcessorSm::continueFibRangeWalks(size_t budget) {
+   VrfPrefixCollection& list = *fibRouteReivewList_;
    while (!rangeWalks_.empty()) {
       FibRangeWalk& walk = rangeWalks_.front();
       const Pexo::IpGenPrefix& start = walk.start;
       const Pexo::IpGenPrefix& end = walk.end;
+      if (fibRouteSm_) {
+         queuedRanges_.validate(fibRouteSm_->fibChangeCount(), list.queuedOutOfOrder());
+      } else {
+         queuedRanges_.clear();
+      }
+      // A walk over routes an earlier walk queued, all still waiting, would
+      // find each of them queued and change nothing.
+      if (!walk.last && fibRouteSm_) {
+         queuedRanges_.trim(list.queuedTakenBound());
+         if (queuedRanges_.allWaiting(walk.vrfId, start, list.queuedTakenBound())) {
+            rangeWalks_.pop_front();
+            continue;
+         }
+      }
       bool stopped = false;
       // The range rules of the range finders: inside `end` is the next
       // segment prefix's business, and nothing beneath it is queued.
@@ -114,14 +110,19 @@ bool KivSegmentPrefixProcessorSm::continueFibRangeWalks(size_t budget) {
          --budget;
          if (end != start && end.contains(p)) {
             walk.last = lastInside(p);
+            queuedRanges_.passedOver(p);
             return Routing::WalkStep::skip;
          }
          walk.last = p;
-         fibRouteReivewList_->vrfIpGenPrefixIs(VrfAndIpGenPrefix(walk.vrfId, p));
+         const uint64_t number = list.queuedNumber();
+         list.vrfIpGenPrefixIs(VrfAndIpGenPrefix(walk.vrfId, p));
+         queuedRanges_.visited(
+             walk.vrfId, p, list.queuedNumber() != number ? std::optional(number) : std::nullopt);
          return Routing::WalkStep::descend;
       };
       // A VRF deleted meanwhile has no FIB left to review.
       if (!l3Status_->vrfNameHas(walk.vrfId)) {
+         queuedRanges_.walkDropped();
          rangeWalks_.pop_front();
          continue;
       }
@@ -144,6 +145,7 @@ bool KivSegmentPrefixProcessorSm::continueFibRangeWalks(size_t budget) {
       if (stopped) {
          return false;
       }
+      queuedRanges_.walkEnded(start);
       rangeWalks_.pop_front();
    }
    return true;

@@ -152,6 +152,7 @@ const RouteInfo* FibRouteReactorSm::fibRouteInfo(const VrfAndIpGenPrefix& vrfPre
 void FibRouteReactorSm::handleFibRoute(const VrfAndIpGenPrefix& vrfPrefix) {
    constexpr char fn[] = "handleFibRoute";
    TRACE8_FN(fn, " VrfPrefix: " << vrfPrefix);
+   ++fibChanges_;
    const Pexo::IpGenPrefix& prefix = vrfPrefix.prefix();
    const KivSegmentRouteInfo* recorded = segmentRoutesList_->routeInfoFind(vrfPrefix);
    if (!recorded) {

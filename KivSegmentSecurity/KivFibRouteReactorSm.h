@@ -84,6 +84,10 @@ public:
    // Turns all notifications of the reactor on or off.
    void notificationActiveIs(bool active);
 
+   // FIB route and adjacency changes reported so far: while it stays the
+   // same, the FIB tries hold what they held.
+   uint64_t fibChangeCount() const { return fibChanges_; }
+
 private:
    class FibRouteNotifiee;
    class FibRoute6Notifiee;
@@ -120,6 +124,7 @@ private:
    std::set<VrfAndIpGenPrefix> awaitingEntryRemoval_;
    Zop::Ptr<Ruv::Task> entryWaitTask_;
    Zop::Time entryWaitDelay_ = 0;
+   uint64_t fibChanges_ = 0;
 };
 
 KIV_EXPORT Zop::Ptr<FibRouteReactorSm> fibRouteReactorSmFactory(

@@ -204,6 +204,15 @@ public:
       return visit([](const auto& q) -> const VrfAndIpGenPrefix& { return q.front(); });
    }
 
+   // A queue list's numbering of the keys put at its back (see
+   // Zop::QueueSetAttr): queuedNumber() is the number the next one gets,
+   // every key numbered at or above queuedTakenBound() still waits, while
+   // queuedOutOfOrder() stays where it was when the key was numbered. A set
+   // list numbers nothing: no key is known to wait.
+   uint64_t queuedNumber() const { return byQueue_ ? byQueue_->pushed() : 0; }
+   uint64_t queuedTakenBound() const { return byQueue_ ? byQueue_->takenBound() : UINT64_MAX; }
+   uint64_t queuedOutOfOrder() const { return byQueue_ ? byQueue_->outOfOrder() : 0; }
+
    // A whole table's worth of records to queue. Whoever drains the list
    // takes the request (recordsToReviewTake) and queues the records itself,
    // a piece at a time, so that a teardown or the removal of a large segment

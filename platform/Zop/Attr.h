@@ -175,6 +175,7 @@ public:
       }
       if (stale_.empty() || !stale_.erase(k)) {
          tail_.push_back(k);
+         ++pushed_;
       }
       tidy();
       const K key = k;
@@ -191,6 +192,7 @@ public:
          popFront();
       } else {
          stale_.insert(key);
+         ++outOfOrder_;
       }
       if (set_.empty() && set_.held() > kKeptBuckets) {
          // A drained list gives back what a table's review grew it to, the
@@ -222,6 +224,16 @@ public:
    const Set& members() const { return set_; }
    typename Set::const_iterator begin() const { return set_.begin(); }
    typename Set::const_iterator end() const { return set_.end(); }
+
+   // Keys put at the back of the queue so far: the n-th one put there is
+   // number n - 1. Keys are taken in number order, so every key numbered at
+   // or above takenBound() is still a member, as long as outOfOrder() (keys
+   // that left from anywhere but the front) has not moved since it was put
+   // there. A walker that queued a range can so tell that the whole range is
+   // still waiting without looking up each key again.
+   uint64_t pushed() const { return pushed_; }
+   uint64_t takenBound() const { return pushed_ - (head_.size() + tail_.size()); }
+   uint64_t outOfOrder() const { return outOfOrder_; }
 
    // Copies moved per insertion or removal while the queue is compacted: it
    // gains at most one copy per call, so compaction ends.
@@ -271,6 +283,8 @@ private:
    std::deque<K> head_;  // compacted, before tail_ (empty unless compacting)
    std::deque<K> tail_;
    bool compacting_ = false;
+   uint64_t pushed_ = 0;
+   uint64_t outOfOrder_ = 0;
 };
 
 // Shared shape of the two map attributes.
