@@ -85,16 +85,15 @@ bool KivSegmentPrefixProcessorSm::continueFibRangeWalks(size_t budget) {
       FibRangeWalk& walk = rangeWalks_.front();
       const Pexo::IpGenPrefix& start = walk.start;
       const Pexo::IpGenPrefix& end = walk.end;
-      if (fibRouteSm_) {
-         queuedRanges_.validate(fibRouteSm_->fibChangeCount(), list.queuedOutOfOrder());
-      } else {
-         queuedRanges_.clear();
+      KivQueuedFibRanges* queued = fibRouteSm_ ? &fibRouteSm_->queuedRanges() : nullptr;
+      if (queued) {
+         queued->validate(fibRouteSm_->fibChangeCount(), list.queuedOutOfOrder());
       }
       // A walk over routes an earlier walk queued, all still waiting, would
       // find each of them queued and change nothing.
-      if (!walk.last && fibRouteSm_) {
-         queuedRanges_.trim(list.queuedTakenBound());
-         if (queuedRanges_.allWaiting(walk.vrfId, start, list.queuedTakenBound())) {
+      if (queued && !walk.last) {
+         queued->trim(list.queuedTakenBound());
+         if (queued->allWaiting(walk.vrfId, start, list.queuedTakenBound())) {
             rangeWalks_.pop_front();
             continue;
          }
@@ -110,19 +109,25 @@ bool KivSegmentPrefixProcessorSm::continueFibRangeWalks(size_t budget) {
          --budget;
          if (end != start && end.contains(p)) {
             walk.last = lastInside(p);
-            queuedRanges_.passedOver(p);
+            if (queued) {
+               queued->passedOver(p);
+            }
             return Routing::WalkStep::skip;
          }
          walk.last = p;
          const uint64_t number = list.queuedNumber();
          list.vrfIpGenPrefixIs(VrfAndIpGenPrefix(walk.vrfId, p));
-         queuedRanges_.visited(
-             walk.vrfId, p, list.queuedNumber() != number ? std::optional(number) : std::nullopt);
+         if (queued) {
+            queued->visited(walk.vrfId, p,
+                            list.queuedNumber() != number ? std::optional(number) : std::nullopt);
+         }
          return Routing::WalkStep::descend;
       };
       // A VRF deleted meanwhile has no FIB left to review.
       if (!l3Status_->vrfNameHas(walk.vrfId)) {
-         queuedRanges_.walkDropped();
+         if (queued) {
+            queued->walkDropped();
+         }
          rangeWalks_.pop_front();
          continue;
       }
@@ -145,7 +150,9 @@ bool KivSegmentPrefixProcessorSm::continueFibRangeWalks(size_t budget) {
       if (stopped) {
          return false;
       }
-      queuedRanges_.walkEnded(start);
+      if (queued) {
+         queued->walkEnded(start);
+      }
       rangeWalks_.pop_front();
    }
    return true;

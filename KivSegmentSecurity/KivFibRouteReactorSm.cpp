@@ -223,6 +223,9 @@ void FibRouteReactorSm::doReviewFibRouteUpdates() {
          return;
       }
    }
+   // Nothing queued waits any more: what the walks recorded can go.
+   queuedRanges_.trim(fibRouteReviewList_->queuedTakenBound(),
+                      KivQueuedFibRanges::kTrimWhenDrained);
 }
 
 void FibRouteReactorSm::reviewFibRoute(const VrfAndIpGenPrefix& key) {

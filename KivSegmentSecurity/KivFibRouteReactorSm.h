@@ -20,6 +20,7 @@
 
 #include "Kiv/KivExport.h"
 #include "Kiv/KivReactorIs.h"
+#include "KivSegmentSecurity/KivQueuedFibRanges.h"
 #include "KivSegmentSecurity/KivSegmentHwWriter.h"
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
 #include "KivSegmentSecurity/KivSegmentRouteHelper.h"
@@ -87,6 +88,10 @@ public:
    // FIB route and adjacency changes reported so far: while it stays the
    // same, the FIB tries hold what they held.
    uint64_t fibChangeCount() const { return fibChanges_; }
+   // What the range walks queued that still waits on the review list; the
+   // walks keep it, and the review drops what it has taken whenever it
+   // drains the list.
+   KivQueuedFibRanges& queuedRanges() { return queuedRanges_; }
 
 private:
    class FibRouteNotifiee;
@@ -125,6 +130,7 @@ private:
    Zop::Ptr<Ruv::Task> entryWaitTask_;
    Zop::Time entryWaitDelay_ = 0;
    uint64_t fibChanges_ = 0;
+   KivQueuedFibRanges queuedRanges_;
 };
 
 KIV_EXPORT Zop::Ptr<FibRouteReactorSm> fibRouteReactorSmFactory(

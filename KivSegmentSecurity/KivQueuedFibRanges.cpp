@@ -99,8 +99,11 @@ bool KivQueuedFibRanges::allWaiting(VrfId vrf, const Pexo::IpGenPrefix& p,
    return mark->second >= takenBound;
 }
 
-void KivQueuedFibRanges::trim(uint64_t takenBound) {
-   while (!opened_.empty()) {
+void KivQueuedFibRanges::trim(uint64_t takenBound, size_t most) {
+   // A few at a time, before each walk and whenever the review drains the
+   // list, which keeps up with the runs the walks open; dropping a table's
+   // worth at once held the review's task for 2-3 ms.
+   for (size_t n = 0; n < most && !opened_.empty(); ++n) {
       auto it = runs_.find(opened_.front());
       if (it != runs_.end()) {
          if (&it->second == open_ || it->second.lastNumber >= takenBound) {

@@ -60,14 +60,17 @@ public:
    // Whether every FIB route equal to or inside `p` in `vrf` is known to wait
    // on the list, given its current taken bound.
    bool allWaiting(VrfId vrf, const Pexo::IpGenPrefix& p, uint64_t takenBound) const;
-   // Drops the runs whose routes the list has all taken.
-   void trim(uint64_t takenBound);
+   // Drops the oldest runs whose routes the list has all taken, at most
+   // `most` of them.
+   void trim(uint64_t takenBound, size_t most = kTrimAtOnce);
    void clear();
 
    size_t runCount() const { return runs_.size(); }
 
    // A run notes its number every this many routes.
-   static constexpr uint32_t kMarkEvery = 16;
+   static constexpr uint32_t kMarkEvery = 64;
+   static constexpr size_t kTrimAtOnce = 8;
+   static constexpr size_t kTrimWhenDrained = 1024;
 
 private:
    struct Run {

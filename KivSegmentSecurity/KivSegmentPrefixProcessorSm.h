@@ -28,7 +28,6 @@
 #include "Kiv/KivExport.h"
 #include "Kiv/KivReactorIs.h"
 #include "KivSegmentSecurity/KivFibRouteReactorSm.h"
-#include "KivSegmentSecurity/KivQueuedFibRanges.h"
 #include "KivSegmentSecurity/KivSegmentHwWriter.h"
 #include "KivSegmentSecurity/KivSegmentPrefixProcessorTypes.h"
 #include "KivSegmentSecurity/KivSegmentRouteHelper.h"
@@ -251,8 +250,6 @@ private:
       std::optional<Pexo::IpGenPrefix> last;
    };
    std::deque<FibRangeWalk> rangeWalks_;
-   // What the walks queued that still waits: a walk over it is not made.
-   KivQueuedFibRanges queuedRanges_;
    struct RefusedRemoval {
       uint32_t refusals = 0;
       // When it goes back on the review list; unset once it is there.
