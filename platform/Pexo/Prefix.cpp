@@ -456,4 +456,30 @@ std::ostream& operator<<(std::ostream& os, const IpGenPrefix& p) {
    return p.isIpv6() ? os << p.v6() : os << "none";
 }
 
+void appendTraceText(Zop::String& out, IpAddr a) {
+   char buf[kIpAddrText];
+   out.append(buf, formatted(buf, a));
+}
+void appendTraceText(Zop::String& out, const Ip6Addr& a) {
+   char buf[kIp6AddrText];
+   out.append(buf, formatted(buf, a));
+}
+void appendTraceText(Zop::String& out, const Prefix& p) {
+   char buf[kPrefixText];
+   out.append(buf, formatted(buf, p));
+}
+void appendTraceText(Zop::String& out, const Ip6Prefix& p) {
+   char buf[kIp6PrefixText];
+   out.append(buf, formatted(buf, p));
+}
+void appendTraceText(Zop::String& out, const IpGenPrefix& p) {
+   if (p.isIpv4()) {
+      appendTraceText(out, p.v4());
+   } else if (p.isIpv6()) {
+      appendTraceText(out, p.v6());
+   } else {
+      out.append("none");
+   }
+}
+
 }  // namespace Pexo

@@ -193,6 +193,13 @@ std::ostream& operator<<(std::ostream& os, const Ip6Addr& a);
 std::ostream& operator<<(std::ostream& os, const Prefix& p);
 std::ostream& operator<<(std::ostream& os, const Ip6Prefix& p);
 std::ostream& operator<<(std::ostream& os, const IpGenPrefix& p);
+// Appends what operator<< writes to a stream in its default format: how a
+// trace line takes them without a stream.
+void appendTraceText(Zop::String& out, IpAddr a);
+void appendTraceText(Zop::String& out, const Ip6Addr& a);
+void appendTraceText(Zop::String& out, const Prefix& p);
+void appendTraceText(Zop::String& out, const Ip6Prefix& p);
+void appendTraceText(Zop::String& out, const IpGenPrefix& p);
 
 // Mixes a value into a running hash (64-bit, well spread).
 inline size_t hashCombine(size_t seed, uint64_t v) {

@@ -42,6 +42,15 @@ std::ostream& operator<<(std::ostream& os, SegmentHwId v) {
    return decimalId(os, v.value());
 }
 
+void appendTraceText(Zop::String& out, VrfId v) {
+   char buf[10];
+   out.append(buf, size_t(std::to_chars(buf, buf + sizeof buf, v.value()).ptr - buf));
+}
+void appendTraceText(Zop::String& out, SegmentHwId v) {
+   char buf[10];
+   out.append(buf, size_t(std::to_chars(buf, buf + sizeof buf, v.value()).ptr - buf));
+}
+
 }  // namespace Pexo
 
 namespace L3 {

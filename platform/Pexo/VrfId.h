@@ -92,6 +92,9 @@ Zop::String valueToStrep(VrfId v);
 Zop::String valueToStrep(SegmentHwId v);
 std::ostream& operator<<(std::ostream& os, VrfId v);
 std::ostream& operator<<(std::ostream& os, SegmentHwId v);
+// What operator<< writes in a stream's default format, for trace lines.
+void appendTraceText(Zop::String& out, VrfId v);
+void appendTraceText(Zop::String& out, SegmentHwId v);
 
 template <class P, const char* N>
 Zop::String valueToStrep(const VrfAndPrefixKey<P, N>& k) {

@@ -81,13 +81,21 @@ detail::LineStream& sharedLineStream() {
 
 }  // namespace
 
-LineWriter::LineWriter(Level level, std::string_view function) : level_(level) {
-   detail::LineStream& shared = sharedLineStream();
-   shared_ = !shared.busy;
-   ls_ = shared_ ? &shared : new detail::LineStream;
-   ls_->busy = true;
-   ls_->reset();
-   os_ = &ls_->os;
+namespace {
+
+detail::LineStream* takeLineStream(bool& shared) {
+   detail::LineStream& s = sharedLineStream();
+   shared = !s.busy;
+   detail::LineStream* ls = shared ? &s : new detail::LineStream;
+   ls->busy = true;
+   ls->reset();
+   return ls;
+}
+
+}  // namespace
+
+LineWriter::LineWriter(Level level, std::string_view function)
+    : level_(level), shared_(false), ls_(takeLineStream(shared_)), text_(ls_->buf.text, ls_->os) {
    ls_->buf.text.append(function);
 }
 

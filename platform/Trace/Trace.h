@@ -48,11 +48,13 @@
 // destroyed while it is current. Like the rest of the platform this runs on
 // the agent's one reactor thread: nothing here is synchronised.
 
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <ostream>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
@@ -208,9 +210,101 @@ inline bool enabled(Level level) {
 // reset for each line), and the ring copies the text into the slot it
 // overwrites, whose buffer is already the right size. A line formatted while
 // another is (an operator<< that traces) gets a stream of its own.
+//
+// The pieces most lines are made of (text, characters, integers, and the
+// types that offer an appendTraceText(std::string&, const T&) found by
+// argument-dependent lookup, as addresses, prefixes and ids do) are appended
+// to the line directly, exactly as the stream would write them in its
+// default format: going through std::ostream, with its sentry and its
+// virtual calls for each piece, was most of a line's cost. Anything else is
+// written by the stream, into the same text; once something leaves the
+// stream's format changed (a manipulator such as std::hex or std::setw),
+// every later piece of the line goes through the stream too.
 namespace detail {
 struct LineStream;
 }
+
+class LineText {
+public:
+   LineText(Zop::String& text, std::ostream& os) : text_(text), os_(os) {}
+
+   LineText& operator<<(std::string_view v) {
+      if (viaStream_) {
+         os_ << v;
+      } else {
+         text_.append(v);
+      }
+      return *this;
+   }
+   LineText& operator<<(const char* v) { return *this << std::string_view(v); }
+   LineText& operator<<(const Zop::String& v) { return *this << std::string_view(v); }
+   LineText& operator<<(char v) {
+      if (viaStream_) {
+         os_ << v;
+      } else {
+         text_.push_back(v);
+      }
+      return *this;
+   }
+   LineText& operator<<(signed char v) { return *this << char(v); }
+   LineText& operator<<(unsigned char v) { return *this << char(v); }
+   LineText& operator<<(bool v) {
+      if (viaStream_) {
+         os_ << v;  // perhaps std::boolalpha
+      } else {
+         text_.push_back(v ? '1' : '0');
+      }
+      return *this;
+   }
+   template <class T>
+   requires std::is_integral_v<T> LineText& operator<<(T v) {
+      if (viaStream_) {
+         os_ << v;
+      } else {
+         char buf[24];
+         text_.append(buf, size_t(std::to_chars(buf, buf + sizeof buf, v).ptr - buf));
+      }
+      return *this;
+   }
+   template <class T>
+   requires(!std::is_integral_v<T> && !std::is_convertible_v<const T&, std::string_view>) LineText&
+   operator<<(const T& v) {
+      if constexpr (requires(Zop::String & out) { appendTraceText(out, v); }) {
+         if (!viaStream_) {
+            appendTraceText(text_, v);
+            return *this;
+         }
+      }
+      os_ << v;
+      noteFormat();
+      return *this;
+   }
+   // Manipulators.
+   LineText& operator<<(std::ostream& (*f)(std::ostream&)) {
+      os_ << f;
+      noteFormat();
+      return *this;
+   }
+   LineText& operator<<(std::ios_base& (*f)(std::ios_base&)) {
+      os_ << f;
+      noteFormat();
+      return *this;
+   }
+
+private:
+   // After the stream wrote something: if that changed its format, the
+   // rest of the line keeps to it.
+   void noteFormat() {
+      if (!viaStream_ && (os_.flags() != (std::ios_base::dec | std::ios_base::skipws) ||
+                          os_.width() != 0 || os_.precision() != 6 || os_.fill() != ' ')) {
+         viaStream_ = true;
+      }
+   }
+
+   Zop::String& text_;
+   std::ostream& os_;  // appends to text_
+   bool viaStream_ = false;
+};
 
 class LineWriter {
 public:
@@ -218,16 +312,16 @@ public:
    ~LineWriter();
    LineWriter(const LineWriter&) = delete;
    LineWriter& operator=(const LineWriter&) = delete;
-   std::ostream& stream() { return *os_; }
+   LineText& stream() { return text_; }
    void write();
 
 private:
    Level level_;
-   detail::LineStream* ls_;
-   std::ostream* os_;  // ls_'s
    // Set when this line took the shared stream, which it gives back;
    // otherwise ls_ is its own.
-   bool shared_;
+   bool shared_ = false;
+   detail::LineStream* ls_;
+   LineText text_;
 };
 
 }  // namespace Trace
