@@ -223,11 +223,12 @@ void RouteResolver::run() {
          return;
       }
       const Key key = *pendingKeys_.begin();
-      pendingKeys_.erase(pendingKeys_.begin());
+      pendingKeys_.erase(key);
       answer(key);
    }
-   // Both drained (an answer's handlers may note a FIB change, which then
-   // waits for the next run in pendingFib_, and keeps the pool).
+   pendingKeys_.release();
+   // Drained (an answer's handlers may note a FIB change, which then waits
+   // for the next run in pendingFib_, and keeps the pool).
    if (pendingFib_.empty()) {
       pendingPool_.release();
    }
