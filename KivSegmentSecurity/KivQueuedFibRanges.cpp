@@ -21,7 +21,7 @@ Pexo::IpGenPrefix lastInside(const Pexo::IpGenPrefix& p) {
 
 void KivQueuedFibRanges::validate(uint64_t fibChanges, uint64_t outOfOrder) {
    if (fibChanges != fibChanges_ || outOfOrder != outOfOrder_) {
-      clear();
+      forget();
       fibChanges_ = fibChanges;
       outOfOrder_ = outOfOrder;
    }
@@ -39,6 +39,7 @@ void KivQueuedFibRanges::visited(VrfId vrf, const Pexo::IpGenPrefix& p,
       // numbers are the newer ones.
       Run& run = runs_[first];
       run = Run();
+      run.epoch = epoch_;
       run.marks.emplace_back(p, *number);
       opened_.push_back(first);
       open_ = &run;
@@ -86,6 +87,9 @@ bool KivQueuedFibRanges::allWaiting(VrfId vrf, const Pexo::IpGenPrefix& p,
       return false;
    }
    const Run& run = it->second;
+   if (run.epoch != epoch_) {
+      return false;
+   }
    const Pexo::IpGenPrefix last = lastInside(p);
    if (run.endInclusive ? run.end < last : !(last < run.end)) {
       return false;
@@ -106,13 +110,21 @@ void KivQueuedFibRanges::trim(uint64_t takenBound, size_t most) {
    for (size_t n = 0; n < most && !opened_.empty(); ++n) {
       auto it = runs_.find(opened_.front());
       if (it != runs_.end()) {
-         if (&it->second == open_ || it->second.lastNumber >= takenBound) {
+         const Run& run = it->second;
+         if (&run == open_ || (run.epoch == epoch_ && run.lastNumber >= takenBound)) {
             return;
          }
          runs_.erase(it);
       }
       opened_.pop_front();
    }
+}
+
+void KivQueuedFibRanges::forget() {
+   // Freeing thousands of runs at once held a run of the task for 10 ms:
+   // they are marked out of date here and dropped by trim() like any other.
+   ++epoch_;
+   open_ = nullptr;
 }
 
 void KivQueuedFibRanges::clear() {

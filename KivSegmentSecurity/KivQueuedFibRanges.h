@@ -22,7 +22,8 @@
 // - no key left the list other than from its front (a key taken out of
 //   order may be one of a run's).
 // The owner hands both counts to validate(), which forgets every run when
-// either moved.
+// either moved: it marks them out of date, and trim() drops them with the
+// rest, a few at a time.
 
 #include <cstdint>
 #include <deque>
@@ -63,6 +64,7 @@ public:
    // Drops the oldest runs whose routes the list has all taken, at most
    // `most` of them.
    void trim(uint64_t takenBound, size_t most = kTrimAtOnce);
+   // Drops every run at once.
    void clear();
 
    size_t runCount() const { return runs_.size(); }
@@ -70,7 +72,7 @@ public:
    // A run notes its number every this many routes.
    static constexpr uint32_t kMarkEvery = 64;
    static constexpr size_t kTrimAtOnce = 8;
-   static constexpr size_t kTrimWhenDrained = 1024;
+   static constexpr size_t kTrimWhenDrained = 64;
 
 private:
    struct Run {
@@ -82,7 +84,9 @@ private:
       // (route, its number), the run's first route first.
       std::vector<std::pair<Pexo::IpGenPrefix, uint64_t>> marks;
       uint32_t sinceMark = 0;
+      uint64_t epoch = 0;  // runs of an older epoch are out of date
    };
+   void forget();
    void closeOpen(const Pexo::IpGenPrefix& end, bool inclusive);
 
    std::map<VrfAndIpGenPrefix, Run> runs_;  // by first route
@@ -90,6 +94,7 @@ private:
    Run* open_ = nullptr;
    uint64_t fibChanges_ = 0;
    uint64_t outOfOrder_ = 0;
+   uint64_t epoch_ = 0;
 };
 
 }  // namespace Kiv
