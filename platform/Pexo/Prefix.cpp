@@ -456,21 +456,28 @@ std::ostream& operator<<(std::ostream& os, const IpGenPrefix& p) {
    return p.isIpv6() ? os << p.v6() : os << "none";
 }
 
+namespace {
+
+// Formats into a buffer of N characters on the stack, then appends.
+template <size_t N, class T>
+void appendFormatted(Zop::String& out, const T& v) {
+   char buf[N];
+   out.append(buf, formatted(buf, v));
+}
+
+}  // namespace
+
 void appendTraceText(Zop::String& out, IpAddr a) {
-   char buf[kIpAddrText];
-   out.append(buf, formatted(buf, a));
+   appendFormatted<kIpAddrText>(out, a);
 }
 void appendTraceText(Zop::String& out, const Ip6Addr& a) {
-   char buf[kIp6AddrText];
-   out.append(buf, formatted(buf, a));
+   appendFormatted<kIp6AddrText>(out, a);
 }
 void appendTraceText(Zop::String& out, const Prefix& p) {
-   char buf[kPrefixText];
-   out.append(buf, formatted(buf, p));
+   appendFormatted<kPrefixText>(out, p);
 }
 void appendTraceText(Zop::String& out, const Ip6Prefix& p) {
-   char buf[kIp6PrefixText];
-   out.append(buf, formatted(buf, p));
+   appendFormatted<kIp6PrefixText>(out, p);
 }
 void appendTraceText(Zop::String& out, const IpGenPrefix& p) {
    if (p.isIpv4()) {
