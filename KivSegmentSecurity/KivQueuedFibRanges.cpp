@@ -127,10 +127,4 @@ void KivQueuedFibRanges::forget() {
    open_ = nullptr;
 }
 
-void KivQueuedFibRanges::clear() {
-   runs_.clear();
-   opened_.clear();
-   open_ = nullptr;
-}
-
 }  // namespace Kiv

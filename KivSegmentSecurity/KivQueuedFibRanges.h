@@ -64,10 +64,6 @@ public:
    // Drops the oldest runs whose routes the list has all taken, at most
    // `most` of them.
    void trim(uint64_t takenBound, size_t most = kTrimAtOnce);
-   // Drops every run at once.
-   void clear();
-
-   size_t runCount() const { return runs_.size(); }
 
    // A run notes its number every this many routes.
    static constexpr uint32_t kMarkEvery = 64;

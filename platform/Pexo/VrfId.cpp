@@ -20,6 +20,11 @@ Zop::String valueToStrep(SegmentHwId v) {
 }
 namespace {
 
+// The digits of v at buf (room for 10); their count.
+size_t decimalTo(char* buf, uint32_t v) {
+   return size_t(std::to_chars(buf, buf + 10, v).ptr - buf);
+}
+
 // Ids are decimal: written without the stream's number formatting (its
 // locale's facets), which a trace line pays for twice per FIB route. A
 // stream set to another base still gets the number formatted its way.
@@ -29,8 +34,7 @@ std::ostream& decimalId(std::ostream& os, uint32_t v) {
       return os << v;
    }
    char buf[10];
-   const auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
-   return os << std::string_view(buf, size_t(end - buf));
+   return os << std::string_view(buf, decimalTo(buf, v));
 }
 
 }  // namespace
@@ -44,11 +48,11 @@ std::ostream& operator<<(std::ostream& os, SegmentHwId v) {
 
 void appendTraceText(Zop::String& out, VrfId v) {
    char buf[10];
-   out.append(buf, size_t(std::to_chars(buf, buf + sizeof buf, v.value()).ptr - buf));
+   out.append(buf, decimalTo(buf, v.value()));
 }
 void appendTraceText(Zop::String& out, SegmentHwId v) {
    char buf[10];
-   out.append(buf, size_t(std::to_chars(buf, buf + sizeof buf, v.value()).ptr - buf));
+   out.append(buf, decimalTo(buf, v.value()));
 }
 
 }  // namespace Pexo
