@@ -139,9 +139,10 @@ struct SegmentPrefixScope {
 //   queue is kept: front is the set's first member.
 // - Membership::queue, for a list taken only in queue order
 //   (vrfIpGenPrefixFront): the FIB route review. Range walks fill it in
-//   prefix order by the million and the review drains it in the same order;
-//   an ordered set finds each key next to the last one, where a hash set
-//   would look a cache miss away in a table of a million.
+//   prefix order by the million and the review drains it in the same order:
+//   its members are kept as they came, each new one past the last
+//   (Zop::AscendingRunSet), where a hash set would look a cache miss away in
+//   a table of a million.
 class KIV_EXPORT VrfPrefixCollection : public Zop::PtrInterface {
 public:
    class Notifiee : public Zop::BaseNotifiee<VrfPrefixCollection> {
@@ -155,7 +156,7 @@ private:
    using BySet = Zop::ReviewSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix,
                                     Zop::HashThenOrderedSet<VrfAndIpGenPrefix>>;
    using ByQueue = Zop::QueueSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix,
-                                     Zop::OrderedWorkSet<VrfAndIpGenPrefix>>;
+                                     Zop::AscendingRunSet<VrfAndIpGenPrefix>>;
    template <class F>
    decltype(auto) visit(F&& f) {
       return byQueue_ ? f(*byQueue_) : f(bySet_);

@@ -1,7 +1,8 @@
 #pragma once
 // An ordered set for a work list whose members come and go in runs of
-// ascending keys: the FIB route review list, which a walk of a FIB trie
-// fills in prefix order and the review drains in the same order.
+// ascending keys: the simulated resolver's pending keys, and the keys of the
+// FIB route review list that a range walk queued out of order (see
+// AscendingRunSet below).
 //
 // A hash set spreads such a run over the whole table: at a million members
 // every insertion and every removal is a cache miss (and a TLB miss) of its
@@ -21,6 +22,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <iterator>
 #include <unordered_set>
@@ -222,6 +224,166 @@ private:
    Small small_;
    Large ordered_;
    bool large_ = false;
+};
+
+// The FIB route review list's set. Its members arrive, almost all of them,
+// in ascending key order (range walks queue the FIB in prefix order) and
+// leave oldest first (the review takes its queue from the front). Such
+// members are kept as they came, in a queue of slots: a key past the last
+// one is appended, and the oldest one is taken from the front, with no
+// search, no node to split or merge and no allocation but a block of slots
+// now and then. Membership of any other key is a binary search of the slots.
+// A key taken from anywhere but the front leaves a dead slot, which comes
+// back to life if the key does, and leaves when it reaches the front. Keys
+// that arrive out of order (below the last slot, with no slot of their own)
+// go to an OrderedWorkSet beside it.
+template <class K, class Less = std::less<K>>
+class AscendingRunSet {
+   struct Slot {
+      K key;
+      bool live;
+   };
+   using Run = std::deque<Slot>;
+   using Rest = OrderedWorkSet<K, Less>;
+
+public:
+   // Live slots first, oldest first, then the others in key order.
+   class const_iterator {
+   public:
+      using iterator_category = std::forward_iterator_tag;
+      using value_type = K;
+      using difference_type = std::ptrdiff_t;
+      using pointer = const K*;
+      using reference = const K&;
+      const_iterator() = default;
+      reference operator*() const { return inRun_ ? s_->run_[run_].key : *rest_; }
+      pointer operator->() const { return &**this; }
+      const_iterator& operator++() {
+         if (inRun_) {
+            ++run_;
+            settle();
+         } else {
+            ++rest_;
+         }
+         return *this;
+      }
+      friend bool operator==(const const_iterator& a, const const_iterator& b) {
+         return a.inRun_ == b.inRun_ && (a.inRun_ ? a.run_ == b.run_ : a.rest_ == b.rest_);
+      }
+
+   private:
+      friend class AscendingRunSet;
+      const_iterator(const AscendingRunSet* s, size_t run) : s_(s), inRun_(true), run_(run) {
+         settle();
+      }
+      const_iterator(const AscendingRunSet* s, typename Rest::const_iterator rest)
+          : s_(s), rest_(rest) {}
+      void settle() {
+         while (run_ != s_->run_.size() && !s_->run_[run_].live) {
+            ++run_;
+         }
+         if (run_ == s_->run_.size()) {
+            inRun_ = false;
+            rest_ = s_->rest_.begin();
+         }
+      }
+      const AscendingRunSet* s_ = nullptr;
+      bool inRun_ = false;
+      size_t run_ = 0;
+      typename Rest::const_iterator rest_{};
+   };
+
+   AscendingRunSet() = default;
+   AscendingRunSet(const AscendingRunSet&) = delete;
+   AscendingRunSet& operator=(const AscendingRunSet&) = delete;
+
+   // False when k is a member already.
+   bool insert(const K& k) {
+      if (run_.empty() || Less()(run_.back().key, k)) {
+         if (!rest_.empty() && rest_.contains(k)) {
+            return false;
+         }
+         run_.push_back(Slot{k, true});
+         ++runLive_;
+         held_ = std::max(held_, size());
+         return true;
+      }
+      if (Slot* s = slotOf(*this, k)) {
+         // A key with a slot has none in the rest: it comes back to life.
+         if (s->live) {
+            return false;
+         }
+         s->live = true;
+         ++runLive_;
+         held_ = std::max(held_, size());
+         return true;
+      }
+      if (!rest_.insert(k)) {
+         return false;
+      }
+      held_ = std::max(held_, size());
+      return true;
+   }
+   bool erase(const K& k) {
+      if (Slot* s = slotOf(*this, k)) {
+         if (!s->live) {
+            return false;
+         }
+         s->live = false;
+         --runLive_;
+         while (!run_.empty() && !run_.front().live) {
+            run_.pop_front();
+         }
+         return true;
+      }
+      return !rest_.empty() && rest_.erase(k);
+   }
+   bool contains(const K& k) const {
+      if (const Slot* s = slotOf(*this, k)) {
+         return s->live;
+      }
+      return !rest_.empty() && rest_.contains(k);
+   }
+   size_t size() const { return runLive_ + rest_.size(); }
+   bool empty() const { return size() == 0; }
+   const_iterator begin() const { return const_iterator(this, size_t(0)); }
+   const_iterator end() const { return const_iterator(this, rest_.end()); }
+   // The most members held since the set was last given back.
+   size_t held() const { return held_; }
+   // Empties the set and gives its memory back to the heap.
+   void release() {
+      Run().swap(run_);
+      rest_.release();
+      runLive_ = 0;
+      held_ = 0;
+   }
+
+private:
+   // k's slot, live or dead, or nullptr. The front first: a list drained in
+   // the order it filled asks for it most.
+   template <class Self>
+   static auto slotOf(Self& self, const K& k) -> decltype(&self.run_.front()) {
+      auto& run = self.run_;
+      if (run.empty() || Less()(k, run.front().key) || Less()(run.back().key, k)) {
+         return nullptr;
+      }
+      if (!Less()(run.front().key, k)) {
+         return &run.front();
+      }
+      // The first slot not below k; the front is below it and the back is not.
+      size_t lo = 0;
+      size_t hi = run.size() - 1;
+      while (hi - lo > 1) {
+         const size_t mid = lo + (hi - lo) / 2;
+         (Less()(run[mid].key, k) ? lo : hi) = mid;
+      }
+      return Less()(k, run[hi].key) ? nullptr : &run[hi];
+   }
+
+   Run run_;  // ascending keys, oldest first; the front slot is live
+   Rest rest_;
+   size_t runLive_ = 0;
+   size_t held_ = 0;
 };
 
 }  // namespace Zop

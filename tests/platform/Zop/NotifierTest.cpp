@@ -270,8 +270,8 @@ public:
 
 template <class Set>
 class ZopQueueSetAttr : public ::testing::Test {};
-using MemberSets =
-    ::testing::Types<Zop::GrowingSet<int>, Zop::OrderedWorkSet<int>, Zop::HashThenOrderedSet<int>>;
+using MemberSets = ::testing::Types<Zop::GrowingSet<int>, Zop::OrderedWorkSet<int>,
+                                    Zop::HashThenOrderedSet<int>, Zop::AscendingRunSet<int>>;
 TYPED_TEST_SUITE(ZopQueueSetAttr, MemberSets);
 
 TYPED_TEST(ZopQueueSetAttr, FrontIsAlwaysAMemberAndDrainingGivesEachOnceInArrivalOrder) {
@@ -346,6 +346,8 @@ TYPED_TEST(ZopQueueSetAttr, CompactingStaleCopiesStepByStepKeepsArrivalOrder) {
          const int taken = what < 6 && !q->member.empty() ? *q->member.begin() : k;
          if (members.count(taken) && taken != q->member.front()) {
             outOfOrder.insert(taken);
+         } else if (members.count(taken)) {
+            served.push_back(taken);  // the set's first member may well be the front
          }
          ASSERT_EQ(q->member.del(*q, taken), members.erase(taken) == 1);
       } else if (!q->member.empty()) {
@@ -471,6 +473,74 @@ TEST(ZopOrderedWorkSet, RunsOfKeysAndRemovalsAnywhereMatchAnOrderedSet) {
    EXPECT_TRUE(set.empty());
    EXPECT_EQ(set.held(), 0u);
    EXPECT_TRUE(set.insert(3) && !set.insert(3) && set.contains(3) && !set.contains(4));
+}
+
+// The FIB route review list's set: keys mostly come past the last one and
+// leave oldest first, but a walk also queues keys below the last one, keys
+// leave from anywhere and come back (a dead slot brought back to life, or a
+// key out of order), and a drained set is given back and refilled.
+TEST(ZopAscendingRunSet, AscendingRunsOldestFirstAndAnyOtherHistoryMatchAnOrderedSet) {
+   std::mt19937 rng(11);
+   Zop::AscendingRunSet<int> set;
+   std::set<int> model;
+   std::deque<int> arrivals;  // keys inserted, oldest first (may have left)
+   int next = 0;
+   size_t revived = 0;
+   for (int op = 0; op < 300000; ++op) {
+      const unsigned what = rng() % 32;
+      if (what < 16) {
+         if (rng() % 256 == 0) {
+            next = int(rng() % 200000);  // a new run, anywhere
+         }
+         const int k = next;
+         next += 1 + int(rng() % 3);
+         ASSERT_EQ(set.insert(k), model.insert(k).second) << op;
+         arrivals.push_back(k);
+      } else if (what < 22) {
+         // The oldest arrival still a member: the review taking its front.
+         while (!arrivals.empty() && !model.count(arrivals.front())) {
+            arrivals.pop_front();
+         }
+         if (!arrivals.empty()) {
+            ASSERT_TRUE(set.erase(arrivals.front())) << op;
+            model.erase(arrivals.front());
+            arrivals.pop_front();
+         }
+      } else if (what < 26) {
+         // Around the last insertion: out, and back in below the last key.
+         const int k = next - int(rng() % 40);
+         const bool in = model.count(k) != 0;
+         if (rng() % 2 == 0) {
+            ASSERT_EQ(set.erase(k), model.erase(k) == 1) << op;
+         } else {
+            ASSERT_EQ(set.insert(k), model.insert(k).second) << op;
+            revived += in ? 0 : 1;
+            arrivals.push_back(k);
+         }
+      } else if (what < 31) {
+         const int k = int(rng() % 200000);
+         ASSERT_EQ(set.contains(k), model.count(k) == 1) << op;
+         if (what == 30) {
+            ASSERT_EQ(set.erase(k), model.erase(k) == 1) << op;
+         }
+      } else if (op % 64 == 0 && model.size() < 3000) {
+         // Drained and given back.
+         for (const int k : model) {
+            ASSERT_TRUE(set.erase(k));
+         }
+         model.clear();
+         arrivals.clear();
+         set.release();
+      }
+      ASSERT_EQ(set.size(), model.size()) << op;
+      if (op % 4999 == 0) {
+         std::vector<int> members(set.begin(), set.end());
+         std::sort(members.begin(), members.end());
+         ASSERT_TRUE(std::equal(members.begin(), members.end(), model.begin(), model.end())) << op;
+      }
+   }
+   EXPECT_GT(revived, 1000u);
+   EXPECT_GT(set.held(), 1000u);
 }
 
 // The segment review list's set: up to a few thousand members exactly the
