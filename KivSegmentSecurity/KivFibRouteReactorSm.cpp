@@ -223,9 +223,11 @@ void FibRouteReactorSm::doReviewFibRouteUpdates() {
          return;
       }
    }
-   // Nothing queued waits any more: what the walks recorded can go.
+   // Nothing queued waits any more: what the walks recorded can go, and the
+   // last segment trie asked is let go.
    queuedRanges_.trim(fibRouteReviewList_->queuedTakenBound(),
                       KivQueuedFibRanges::kTrimWhenDrained);
+   coveringMatch_.clear();
 }
 
 void FibRouteReactorSm::reviewFibRoute(const VrfAndIpGenPrefix& key) {
@@ -266,7 +268,8 @@ void FibRouteReactorSm::reviewFibRoute(const VrfAndIpGenPrefix& key) {
    if (!segmentTrie) {
       return;
    }
-   const SegmentHwId hwId = coveringHwId(fn, key, *segmentTrie, *segmentRoutesList_);
+   const SegmentHwId hwId = coveringHwId(
+       fn, key.vrfId(), coveringMatch_.longestMatch(segmentTrie, prefix), *segmentRoutesList_);
    TRACE5_FN(fn, " Updating Vrf: " << key.vrfId() << " " << prefix << " with HwId: " << hwId);
    hwWriter_.hwIdIs({fn, kSource}, KivSegmentRouteInfo(key, hwId, *fibRoute));
 }

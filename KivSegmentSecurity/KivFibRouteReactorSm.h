@@ -131,6 +131,7 @@ private:
    Zop::Time entryWaitDelay_ = 0;
    uint64_t fibChanges_ = 0;
    KivQueuedFibRanges queuedRanges_;
+   KivCoveringMatch coveringMatch_;
 };
 
 KIV_EXPORT Zop::Ptr<FibRouteReactorSm> fibRouteReactorSmFactory(

@@ -67,17 +67,38 @@ SegmentHwId coveringHwId(const char* function, const VrfAndIpGenPrefix& vrfPrefi
 SegmentHwId coveringHwId(const char* function, const VrfAndIpGenPrefix& vrfPrefix,
                          const Routing::TrieGen& segmentTrie,
                          const KivSegmentRouteInfoColl& segmentRoutesList) {
-   const std::optional<Pexo::IpGenPrefix> match = segmentTrie.longestMatch(vrfPrefix.prefix());
+   return coveringHwId(function, vrfPrefix.vrfId(), segmentTrie.longestMatch(vrfPrefix.prefix()),
+                       segmentRoutesList);
+}
+
+SegmentHwId coveringHwId(const char* function, VrfId vrfId,
+                         const std::optional<Pexo::IpGenPrefix>& match,
+                         const KivSegmentRouteInfoColl& segmentRoutesList) {
    if (!match) {
       return SegmentHwId(0);
    }
    const KivSegmentRouteInfo* covering =
-       segmentRoutesList.routeInfoFind(VrfAndIpGenPrefix(vrfPrefix.vrfId(), *match));
+       segmentRoutesList.routeInfoFind(VrfAndIpGenPrefix(vrfId, *match));
    if (!covering) {
       TRACE5_FN(function, " Segment Prefix " << *match << " no route in RouteInfo collection");
       return SegmentHwId(0);
    }
    return covering->hwId();
+}
+
+std::optional<Pexo::IpGenPrefix> KivCoveringMatch::longestMatch(
+    const Zop::Ptr<Routing::TrieGen>& trie, const Pexo::IpGenPrefix& p) {
+   if (trie_ == trie && trie->changeCount() == changes_ && p.af() == from_.af() && from_ <= p &&
+       (!next_ || p < *next_) && (!match_ || match_->contains(p))) {
+      return match_;
+   }
+   ++lookups_;
+   match_ = trie->longestMatch(p);
+   next_ = trie->firstAfter(p);
+   from_ = p;
+   trie_ = trie;
+   changes_ = trie->changeCount();
+   return match_;
 }
 
 }  // namespace Kiv

@@ -84,5 +84,37 @@ SegmentHwId coveringHwId(const char* function, const VrfAndIpGenPrefix& vrfPrefi
 SegmentHwId coveringHwId(const char* function, const VrfAndIpGenPrefix& vrfPrefix,
                          const Routing::TrieGen& segmentTrie,
                          const KivSegmentRouteInfoColl& segmentRoutesList);
+// The same, for a caller that found the longest match itself.
+SegmentHwId coveringHwId(const char* function, VrfId vrfId,
+                         const std::optional<Pexo::IpGenPrefix>& match,
+                         const KivSegmentRouteInfoColl& segmentRoutesList);
+
+// The longest match in a segment trie, for prefixes asked one after another
+// in walk order, as the FIB route review takes a range walk's routes: one
+// segment prefix covers a run of them, up to the next segment prefix in walk
+// order. So a match is kept with the first stored prefix after the prefix it
+// was found for. A later prefix of the same trie, unchanged since, that comes
+// at or after that prefix and before the next stored one, and lies inside the
+// match (if there was one), has the same match: a longer one would be a
+// stored prefix inside the match containing it, which either comes before
+// the first prefix (and would contain it too) or after it (and not before
+// the later prefix's address). Anything else is looked up, and kept.
+class KIV_EXPORT KivCoveringMatch {
+public:
+   std::optional<Pexo::IpGenPrefix> longestMatch(const Zop::Ptr<Routing::TrieGen>& trie,
+                                                 const Pexo::IpGenPrefix& p);
+   // Lets go of the trie.
+   void clear() { trie_ = nullptr; }
+   // Matches looked up in a trie so far (the others were known).
+   uint64_t lookups() const { return lookups_; }
+
+private:
+   Zop::Ptr<Routing::TrieGen> trie_;  // held: another trie cannot take its place
+   uint64_t changes_ = 0;
+   Pexo::IpGenPrefix from_;
+   std::optional<Pexo::IpGenPrefix> match_;
+   std::optional<Pexo::IpGenPrefix> next_;
+   uint64_t lookups_ = 0;
+};
 
 }  // namespace Kiv

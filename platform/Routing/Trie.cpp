@@ -96,6 +96,20 @@ std::optional<Pexo::IpGenPrefix> TrieGen::longestMatch(const Pexo::IpGenPrefix& 
    return v6_.longestMatch(p);
 }
 
+std::optional<Pexo::IpGenPrefix> TrieGen::firstAfter(const Pexo::IpGenPrefix& after) const {
+   std::optional<Pexo::IpGenPrefix> first;
+   auto found = [&first](const auto& p) {
+      first = Pexo::IpGenPrefix(p);
+      return WalkStep::stop;
+   };
+   if (after.isIpv4()) {
+      v4_.preOrderWalkAfter(Pexo::Prefix(Pexo::IpAddr(0), 0), after.v4(), found);
+   } else if (after.isIpv6()) {
+      v6_.preOrderWalkAfter(Pexo::Ip6Prefix(Pexo::Ip6Addr(), 0), after.v6(), found);
+   }
+   return first;
+}
+
 Zop::Ptr<TrieGen> trieGenFactory(Zop::String name, Pexo::AddressFamily af) {
    return Zop::makePtr<TrieGen>(std::move(name), af);
 }

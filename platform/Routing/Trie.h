@@ -182,6 +182,9 @@ public:
    void walkAfter(K key, unsigned len, K afterKey, unsigned afterLen, F&& f) const;
 
    size_t size() const { return size_; }
+   // Calls of insert, erase and clear so far: unchanged, every answer given
+   // since still holds.
+   uint64_t changeCount() const { return changes_; }
    bool empty() const { return size_ == 0; }
    void clear();
    size_t memoryUsage() const { return pool_.capacity() * sizeof(Node); }
@@ -227,6 +230,7 @@ private:
    uint32_t root_ = kNil;
    uint32_t freeHead_ = kNil;
    uint32_t freeCount_ = 0;
+   uint64_t changes_ = 0;
    size_t size_ = 0;
    mutable WalkCount walkers_;
 };
@@ -286,6 +290,7 @@ void PrefixTrie<K>::release(uint32_t i) {
 template <class K>
 bool PrefixTrie<K>::insert(K key, unsigned len) {
    assertNotWalking();
+   ++changes_;
    // With room for two nodes up front, the pool cannot move while `slot`
    // points into it.
    ensureSpare(2);
@@ -334,6 +339,7 @@ bool PrefixTrie<K>::insert(K key, unsigned len) {
 template <class K>
 bool PrefixTrie<K>::erase(K key, unsigned len) {
    assertNotWalking();
+   ++changes_;
    if (maskTo(key, len) != key) {
       return false;  // never stored
    }
@@ -540,6 +546,7 @@ void PrefixTrie<K>::walkAfter(K key, unsigned len, K afterKey, unsigned afterLen
 template <class K>
 void PrefixTrie<K>::clear() {
    assertNotWalking();
+   ++changes_;
    std::vector<Node>().swap(pool_);
    root_ = freeHead_ = kNil;
    freeCount_ = 0;
@@ -677,6 +684,7 @@ public:
    void preOrderWalkAfter(const Pexo::Prefix& from, const Pexo::Prefix& after, F&& cb) const;
 
    size_t size() const { return trie_.size(); }
+   uint64_t changeCount() const { return trie_.changeCount(); }
    bool empty() const { return trie_.empty(); }
    void clear() { trie_.clear(); }
    size_t memoryUsage() const { return trie_.memoryUsage(); }
@@ -727,6 +735,7 @@ public:
    }
 
    size_t size() const { return trie_.size(); }
+   uint64_t changeCount() const { return trie_.changeCount(); }
    bool empty() const { return trie_.empty(); }
    void clear() { trie_.clear(); }
    size_t memoryUsage() const { return trie_.memoryUsage(); }
@@ -766,8 +775,13 @@ public:
    std::optional<Pexo::IpGenPrefix> longestMatch(const Pexo::IpGenPrefix& p) const;
    template <class F>
    void preOrderWalk(const Pexo::IpGenPrefix& from, F&& cb) const;
+   // The first stored prefix of after's family that comes after `after` in
+   // walk order (address, then length), or nothing.
+   std::optional<Pexo::IpGenPrefix> firstAfter(const Pexo::IpGenPrefix& after) const;
 
    size_t size() const { return v4_.size() + v6_.size(); }
+   // Grows at every change of either family's prefixes.
+   uint64_t changeCount() const { return v4_.changeCount() + v6_.changeCount(); }
    bool empty() const { return size() == 0; }
    void clear() {
       v4_.clear();
