@@ -156,7 +156,8 @@ private:
    using BySet = Zop::ReviewSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix,
                                     Zop::HashThenOrderedSet<VrfAndIpGenPrefix>>;
    using ByQueue = Zop::QueueSetAttr<VrfPrefixCollection, VrfAndIpGenPrefix,
-                                     Zop::AscendingRunSet<VrfAndIpGenPrefix>>;
+                                     Zop::AscendingRunSet<VrfAndIpGenPrefix>,
+                                     Zop::OrderedWorkSet<VrfAndIpGenPrefix>>;
    template <class F>
    decltype(auto) visit(F&& f) {
       return byQueue_ ? f(*byQueue_) : f(bySet_);

@@ -237,6 +237,11 @@ private:
 // back to life if the key does, and leaves when it reaches the front. Keys
 // that arrive out of order (below the last slot, with no slot of their own)
 // go to an OrderedWorkSet beside it.
+//
+// Dead slots behind a live front stay until the front moves on: the set
+// suits members that leave roughly in the order they came, as a work list's
+// do. (A review list's stale keys, which leave in queue order but come in
+// any order, are not kept in one.)
 template <class K, class Less = std::less<K>>
 class AscendingRunSet {
    struct Slot {
@@ -350,9 +355,11 @@ public:
    const_iterator end() const { return const_iterator(this, rest_.end()); }
    // The most members held since the set was last given back.
    size_t held() const { return held_; }
-   // Empties the set and gives its memory back to the heap.
+   // Empties the set and gives its memory back to the heap, but for the
+   // slots' block map (a pointer per 512 bytes of slots), kept for the next
+   // fill: see QueueSetAttr::del.
    void release() {
-      Run().swap(run_);
+      run_.clear();
       rest_.release();
       runLive_ = 0;
       held_ = 0;
