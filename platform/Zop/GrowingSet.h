@@ -369,22 +369,29 @@ struct KeyIsFirst {
 
 }  // namespace detail
 
+namespace detail {
+// What a forward iterator over a set's keys declares.
+template <class K>
+struct KeyIterator {
+   using iterator_category = std::forward_iterator_tag;
+   using value_type = K;
+   using difference_type = std::ptrdiff_t;
+   using pointer = const K*;
+   using reference = const K&;
+};
+}  // namespace detail
+
 template <class K, class Hash = std::hash<K>>
 class GrowingSet {
 public:
    using Small = std::unordered_set<K, Hash>;
    using Large = detail::SteppedTable<K, detail::KeyIsEntry, Hash>;
 
-   class const_iterator {
+   class const_iterator : public detail::KeyIterator<K> {
    public:
-      using iterator_category = std::forward_iterator_tag;
-      using value_type = K;
-      using difference_type = std::ptrdiff_t;
-      using pointer = const K*;
-      using reference = const K&;
       const_iterator() = default;
-      reference operator*() const { return inSmall_ ? *small_ : s_->open_.at(pos_); }
-      pointer operator->() const { return &**this; }
+      const K& operator*() const { return inSmall_ ? *small_ : s_->open_.at(pos_); }
+      const K* operator->() const { return &**this; }
       const_iterator& operator++() {
          if (inSmall_) {
             ++small_;

@@ -110,16 +110,11 @@ class HashThenOrderedSet {
    using Large = OrderedWorkSet<K, Less>;
 
 public:
-   class const_iterator {
+   class const_iterator : public detail::KeyIterator<K> {
    public:
-      using iterator_category = std::forward_iterator_tag;
-      using value_type = K;
-      using difference_type = std::ptrdiff_t;
-      using pointer = const K*;
-      using reference = const K&;
       const_iterator() = default;
-      reference operator*() const { return inSmall_ ? *small_ : *large_; }
-      pointer operator->() const { return &**this; }
+      const K& operator*() const { return inSmall_ ? *small_ : *large_; }
+      const K* operator->() const { return &**this; }
       const_iterator& operator++() {
          if (inSmall_) {
             ++small_;
@@ -253,16 +248,11 @@ class AscendingRunSet {
 
 public:
    // Live slots first, oldest first, then the others in key order.
-   class const_iterator {
+   class const_iterator : public detail::KeyIterator<K> {
    public:
-      using iterator_category = std::forward_iterator_tag;
-      using value_type = K;
-      using difference_type = std::ptrdiff_t;
-      using pointer = const K*;
-      using reference = const K&;
       const_iterator() = default;
-      reference operator*() const { return inRun_ ? s_->run_[run_].key : *rest_; }
-      pointer operator->() const { return &**this; }
+      const K& operator*() const { return inRun_ ? s_->run_[run_].key : *rest_; }
+      const K* operator->() const { return &**this; }
       const_iterator& operator++() {
          if (inRun_) {
             ++run_;
