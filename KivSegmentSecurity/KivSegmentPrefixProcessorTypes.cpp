@@ -146,8 +146,9 @@ void VrfPrefixCollection::segmentPrefixesToReviewIs(const SegmentPrefixScope& s)
 }
 
 void KivSegmentRouteInfoColl::routeInfoIs(const KivSegmentRouteInfo& r) {
-   found_ = nullptr;
-   const KivSegmentRouteInfo* old = routeInfo_.find(r.vrfPrefix());
+   // Most often the key just asked about: a record written after a look.
+   const KivSegmentRouteInfo* old = routeInfoFind(r.vrfPrefix());
+   foundKey_.reset();
    if (!old || old->hwId() != r.hwId()) {
       if (old) {
          auto group = byHwId_.find({old->vrfPrefix().vrfId(), old->hwId()});
@@ -162,9 +163,10 @@ void KivSegmentRouteInfoColl::routeInfoIs(const KivSegmentRouteInfo& r) {
 }
 
 KivSegmentRouteInfo KivSegmentRouteInfoColl::routeInfoDel(const VrfAndIpGenPrefix& k) {
-   found_ = nullptr;
-   if (const KivSegmentRouteInfo* old = routeInfo_.find(k)) {
-      auto group = byHwId_.find({k.vrfId(), old->hwId()});
+   const KivSegmentRouteInfo* recorded = routeInfoFind(k);
+   foundKey_.reset();
+   if (recorded) {
+      auto group = byHwId_.find({k.vrfId(), recorded->hwId()});
       group->second.erase(k);
       if (group->second.empty()) {
          byHwId_.erase(group);

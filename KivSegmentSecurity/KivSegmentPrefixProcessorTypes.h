@@ -266,14 +266,16 @@ public:
    KivSegmentRouteInfo routeInfo(const VrfAndIpGenPrefix& k) const { return routeInfo_.get(k); }
    const KivSegmentRouteInfo* routeInfoFind(const VrfAndIpGenPrefix& k) const {
       // The FIB route review asks for the same covering prefix's record for
-      // one route after another: the record found last is kept at hand
-      // until the records change.
-      if (!found_ || found_->vrfPrefix() != k) {
+      // one route after another, and the segment review asks whether a
+      // prefix has a record before it writes one: the answer found last,
+      // absent or not, is kept at hand until the records change.
+      if (!foundKey_ || *foundKey_ != k) {
          found_ = routeInfo_.find(k);
+         foundKey_ = k;
       }
       return found_;
    }
-   bool routeInfoHas(const VrfAndIpGenPrefix& k) const { return routeInfo_.has(k); }
+   bool routeInfoHas(const VrfAndIpGenPrefix& k) const { return routeInfoFind(k) != nullptr; }
    size_t routeInfoCount() const { return routeInfo_.size(); }
    // Room for `expected` records, made while there are still few: a map that
    // grows one rehash at a time rehashes every record at each doubling, one
@@ -283,7 +285,7 @@ public:
    void routeInfoExpectedIs(size_t expected) {
       if (expected >= kSizeAheadFrom && expected > routeInfo_.members().bucket_count() &&
           8 * routeInfo_.size() < expected) {
-         found_ = nullptr;
+         foundKey_.reset();
          routeInfo_.reserve(expected);
       }
    }
@@ -338,7 +340,10 @@ private:
    Zop::NotifierList<Notifiee> notifiees_;
    Zop::HashMapAttr<KivSegmentRouteInfoColl, VrfAndIpGenPrefix, KivSegmentRouteInfo> routeInfo_{
        &Notifiee::handleRouteInfo};
-   mutable const KivSegmentRouteInfo* found_ = nullptr;  // forgotten at every change
+   // The last key asked and its record (nullptr: none); forgotten at every
+   // change.
+   mutable std::optional<VrfAndIpGenPrefix> foundKey_;
+   mutable const KivSegmentRouteInfo* found_ = nullptr;
    // The record keys by (VRF id, hw id).
    std::map<std::pair<VrfId, SegmentHwId>, std::set<VrfAndIpGenPrefix>> byHwId_;
    Zop::ScalarAttr<KivSegmentRouteInfoColl, uint32_t> reviewSegmentHwId_{

@@ -253,8 +253,8 @@ TEST(KivSegmentCollections, RouteInfoCollection) {
    EXPECT_EQ(log.reviews, 2);
 }
 
-// The (VRF, hw id) index and a record's lookup (which keeps the record found
-// last at hand) over random changes, checked against a walk of the records,
+// The (VRF, hw id) index and a record's lookup (which keeps the answer found
+// last at hand, absent or not) over random changes, checked against a walk of the records,
 // also from inside the handlers: both are right before they run.
 TEST(KivSegmentCollections, RecordsByVrfAndHwIdFollowEveryChange) {
    auto coll = kivSegmentRouteInfoCollFactory();
