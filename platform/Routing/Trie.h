@@ -49,6 +49,8 @@
 //                      O(W + visited nodes), however far into the range it
 //                      starts, and the trie may change between pieces.
 //   size(), empty()    O(1).
+//   changeCount()      Grows at every insertion, removal and clear: while it
+//                      stands still, every answer given since still holds.
 //   clear()            Removes everything and releases the node memory.
 //                      (A trie emptied by routeDel keeps it for reuse.)
 //   memoryUsage()      Bytes held by the node pool, spare capacity included.

@@ -367,9 +367,6 @@ struct KeyIsFirst {
    }
 };
 
-}  // namespace detail
-
-namespace detail {
 // What a forward iterator over a set's keys declares.
 template <class K>
 struct KeyIterator {
