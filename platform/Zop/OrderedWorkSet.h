@@ -294,26 +294,7 @@ public:
 
    // False when k is a member already.
    bool insert(const K& k) {
-      if (run_.empty() || Less()(run_.back().key, k)) {
-         if (!rest_.empty() && rest_.contains(k)) {
-            return false;
-         }
-         run_.push_back(Slot{k, true});
-         ++runLive_;
-         held_ = std::max(held_, size());
-         return true;
-      }
-      if (Slot* s = slotOf(*this, k)) {
-         // A key with a slot has none in the rest: it comes back to life.
-         if (s->live) {
-            return false;
-         }
-         s->live = true;
-         ++runLive_;
-         held_ = std::max(held_, size());
-         return true;
-      }
-      if (!rest_.insert(k)) {
+      if (!add(k)) {
          return false;
       }
       held_ = std::max(held_, size());
@@ -356,6 +337,26 @@ public:
    }
 
 private:
+   bool add(const K& k) {
+      if (run_.empty() || Less()(run_.back().key, k)) {
+         if (!rest_.empty() && rest_.contains(k)) {
+            return false;
+         }
+         run_.push_back(Slot{k, true});
+         ++runLive_;
+         return true;
+      }
+      if (Slot* s = slotOf(*this, k)) {
+         // A key with a slot has none in the rest: it comes back to life.
+         if (s->live) {
+            return false;
+         }
+         s->live = true;
+         ++runLive_;
+         return true;
+      }
+      return rest_.insert(k);
+   }
    // k's slot, live or dead, or nullptr. The front first: a list drained in
    // the order it filled asks for it most.
    template <class Self>
